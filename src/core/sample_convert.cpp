@@ -1,0 +1,456 @@
+#include "sample_convert.h"
+
+#include "simd_flags.h"
+
+#include <cmath>
+#include <cstring>
+
+#if defined(__SSE2__) || defined(_M_X64) || (defined(_M_IX86_FP) && _M_IX86_FP >= 2)
+#define DSP_HAVE_SSE2 1
+#include <emmintrin.h>
+#endif
+
+namespace dsp {
+
+namespace {
+
+// Constants of the vector kernels (single precision, exact bit patterns).
+constexpr float kKernelScale = 4.656754981624545e-10f; // 1/(32767*65536): 0x30000100
+constexpr float kMixScale = 1.5259254723787308e-05f;   // 1/65534: 0x37800100
+constexpr float kOutScale = 32767.0f;                  // 0x46fffe00
+
+// ---- Per-sample arithmetic of the kernels (the scalar form of the vectors) ----
+
+// The sample in the upper 16 bits of an int32 with its own bits repeated below.
+inline float kernelToFloat(int16_t s) {
+    uint32_t bits = static_cast<uint16_t>(s);
+    int32_t widened = static_cast<int32_t>((bits << 16) | bits);
+    return static_cast<float>(widened) * kKernelScale;
+}
+
+// L + R exactly in 32 bits, no halving.
+inline float kernelMixToFloat(int16_t l, int16_t r) {
+    return static_cast<float>(static_cast<int32_t>(l) + static_cast<int32_t>(r)) * kMixScale;
+}
+
+inline int16_t saturate16(int32_t v) {
+    if (v < -32768) {
+        return -32768;
+    }
+    if (v > 32767) {
+        return 32767;
+    }
+    return static_cast<int16_t>(v);
+}
+
+// 3DNow!: truncation toward zero with saturation to the int32 range; NaN gives
+// the most negative value, as the SSE conversion does.
+inline int16_t kernel3dnowToInt16(float x) {
+    float p = x * kOutScale;
+    int32_t v;
+    if (std::isnan(p) || p < -2147483648.0f) {
+        v = INT32_MIN;
+    } else if (p >= 2147483648.0f) {
+        v = INT32_MAX;
+    } else {
+        v = static_cast<int32_t>(p);
+    }
+    return saturate16(v);
+}
+
+// SSE: round to nearest, ties to even; NaN and out-of-range give INT32_MIN.
+inline int16_t kernelSseToInt16(float x) {
+    float p = x * kOutScale;
+    int32_t v;
+    if (!(p >= -2147483648.0f && p < 2147483648.0f)) {
+        v = INT32_MIN;
+    } else {
+        v = static_cast<int32_t>(std::nearbyint(p));
+    }
+    return saturate16(v);
+}
+
+// ---- Vector forms (SSE2) ----
+#if DSP_HAVE_SSE2
+
+inline __m128 widenToFloat(__m128i sixteen) {
+    return _mm_cvtepi32_ps(sixteen);
+}
+
+// Mono: 8 samples -> 8 floats.
+inline void vecMonoToFloat(const int16_t* src, float* out) {
+    __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(src));
+    __m128 scale = _mm_set1_ps(kKernelScale);
+    __m128 lo = _mm_mul_ps(widenToFloat(_mm_unpacklo_epi16(x, x)), scale);
+    __m128 hi = _mm_mul_ps(widenToFloat(_mm_unpackhi_epi16(x, x)), scale);
+    _mm_storeu_ps(out, lo);
+    _mm_storeu_ps(out + 4, hi);
+}
+
+// Stereo: 4 frames -> 4 left + 4 right floats.
+inline void vecStereoToFloat(const int16_t* src, float* left, float* right) {
+    __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(src));
+    __m128 scale = _mm_set1_ps(kKernelScale);
+    __m128 a = _mm_mul_ps(widenToFloat(_mm_unpacklo_epi16(x, x)), scale); // L0 R0 L1 R1
+    __m128 b = _mm_mul_ps(widenToFloat(_mm_unpackhi_epi16(x, x)), scale); // L2 R2 L3 R3
+    _mm_storeu_ps(left, _mm_shuffle_ps(a, b, _MM_SHUFFLE(2, 0, 2, 0)));
+    _mm_storeu_ps(right, _mm_shuffle_ps(a, b, _MM_SHUFFLE(3, 1, 3, 1)));
+}
+
+// Stereo mixed down: 4 frames -> 4 floats of (L + R) / 65534.
+inline void vecMixToFloat(const int16_t* src, float* out) {
+    __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(src));
+    __m128i sums = _mm_madd_epi16(x, _mm_set1_epi16(1));
+    _mm_storeu_ps(out, _mm_mul_ps(_mm_cvtepi32_ps(sums), _mm_set1_ps(kMixScale)));
+}
+
+// 4 floats -> 4 int32 by the 3DNow! rule (truncate, saturate).
+inline __m128i vec3dnowToInt32(__m128 x) {
+    __m128 p = _mm_mul_ps(x, _mm_set1_ps(kOutScale));
+    __m128i t = _mm_cvttps_epi32(p);
+    // Positive overflow came out as 0x80000000; flip it to 0x7fffffff.
+    __m128i over = _mm_castps_si128(_mm_cmpge_ps(p, _mm_set1_ps(2147483648.0f)));
+    return _mm_xor_si128(t, over);
+}
+
+// 4 floats -> 4 int32 by the SSE rule (round to nearest even).
+inline __m128i vecSseToInt32(__m128 x) {
+    return _mm_cvtps_epi32(_mm_mul_ps(x, _mm_set1_ps(kOutScale)));
+}
+
+template <__m128i (*ToInt32)(__m128)>
+inline void vecMonoToInt16(const float* in, int16_t* dst) {
+    __m128i a = ToInt32(_mm_loadu_ps(in));
+    __m128i b = ToInt32(_mm_loadu_ps(in + 4));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(dst), _mm_packs_epi32(a, b));
+}
+
+template <__m128i (*ToInt32)(__m128)>
+inline void vecStereoToInt16(const float* left, const float* right, int16_t* dst) {
+    __m128i l = ToInt32(_mm_loadu_ps(left));
+    __m128i r = ToInt32(_mm_loadu_ps(right));
+    __m128i lo = _mm_unpacklo_epi32(l, r);
+    __m128i hi = _mm_unpackhi_epi32(l, r);
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(dst), _mm_packs_epi32(lo, hi));
+}
+
+template <__m128i (*ToInt32)(__m128)>
+inline void vecDuplicateToInt16(const float* left, int16_t* dst) {
+    __m128i l = ToInt32(_mm_loadu_ps(left));
+    __m128i lo = _mm_unpacklo_epi32(l, l);
+    __m128i hi = _mm_unpackhi_epi32(l, l);
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(dst), _mm_packs_epi32(lo, hi));
+}
+
+#endif // DSP_HAVE_SSE2
+
+// ---- Kernel shares: convert [0, count) with the kernel arithmetic ----
+
+void kernelMonoToFloat(const int16_t* src, float* out, uint32_t count) {
+    uint32_t i = 0;
+#if DSP_HAVE_SSE2
+    for (; i + 8 <= count; i += 8) {
+        vecMonoToFloat(src + i, out + i);
+    }
+#endif
+    for (; i < count; ++i) {
+        out[i] = kernelToFloat(src[i]);
+    }
+}
+
+void kernelStereoToFloat(const int16_t* src, float* left, float* right, uint32_t frames) {
+    uint32_t i = 0;
+#if DSP_HAVE_SSE2
+    for (; i + 4 <= frames; i += 4) {
+        vecStereoToFloat(src + 2 * i, left + i, right + i);
+    }
+#endif
+    for (; i < frames; ++i) {
+        left[i] = kernelToFloat(src[2 * i]);
+        right[i] = kernelToFloat(src[2 * i + 1]);
+    }
+}
+
+void kernelMixToFloat(const int16_t* src, float* out, uint32_t frames) {
+    uint32_t i = 0;
+#if DSP_HAVE_SSE2
+    for (; i + 4 <= frames; i += 4) {
+        vecMixToFloat(src + 2 * i, out + i);
+    }
+#endif
+    for (; i < frames; ++i) {
+        out[i] = kernelMixToFloat(src[2 * i], src[2 * i + 1]);
+    }
+}
+
+enum class Rounding { Truncate3dnow, NearestSse };
+
+template <Rounding R>
+inline int16_t kernelToInt16(float x) {
+    return R == Rounding::Truncate3dnow ? kernel3dnowToInt16(x) : kernelSseToInt16(x);
+}
+
+#if DSP_HAVE_SSE2
+template <Rounding R>
+constexpr __m128i (*vecToInt32())(__m128) {
+    return R == Rounding::Truncate3dnow ? vec3dnowToInt32 : vecSseToInt32;
+}
+#endif
+
+template <Rounding R>
+void kernelMonoToInt16(const float* in, int16_t* dst, uint32_t count) {
+    uint32_t i = 0;
+#if DSP_HAVE_SSE2
+    for (; i + 8 <= count; i += 8) {
+        vecMonoToInt16<vecToInt32<R>()>(in + i, dst + i);
+    }
+#endif
+    for (; i < count; ++i) {
+        dst[i] = kernelToInt16<R>(in[i]);
+    }
+}
+
+template <Rounding R>
+void kernelStereoToInt16(const float* left, const float* right, int16_t* dst, uint32_t frames) {
+    uint32_t i = 0;
+#if DSP_HAVE_SSE2
+    for (; i + 4 <= frames; i += 4) {
+        vecStereoToInt16<vecToInt32<R>()>(left + i, right + i, dst + 2 * i);
+    }
+#endif
+    for (; i < frames; ++i) {
+        dst[2 * i] = kernelToInt16<R>(left[i]);
+        dst[2 * i + 1] = kernelToInt16<R>(right[i]);
+    }
+}
+
+template <Rounding R>
+void kernelDuplicateToInt16(const float* left, int16_t* dst, uint32_t frames) {
+    uint32_t i = 0;
+#if DSP_HAVE_SSE2
+    for (; i + 4 <= frames; i += 4) {
+        vecDuplicateToInt16<vecToInt32<R>()>(left + i, dst + 2 * i);
+    }
+#endif
+    for (; i < frames; ++i) {
+        int16_t v = kernelToInt16<R>(left[i]);
+        dst[2 * i] = v;
+        dst[2 * i + 1] = v;
+    }
+}
+
+// ---- Plain rules over a range [from, to) ----
+
+void plainToFloat(const int16_t* src, float* left, float* right, uint32_t channels, uint32_t from,
+                  uint32_t to) {
+    if (channels == 2) {
+        if (right != nullptr) {
+            for (uint32_t i = from; i < to; ++i) {
+                left[i] = convert::sampleToFloat(src[2 * i]);
+                right[i] = convert::sampleToFloat(src[2 * i + 1]);
+            }
+        } else {
+            for (uint32_t i = from; i < to; ++i) {
+                // Arithmetic shift: the halved sum rounds toward minus infinity.
+                int32_t sum =
+                    static_cast<int32_t>(src[2 * i]) + static_cast<int32_t>(src[2 * i + 1]);
+                left[i] = convert::sampleToFloat(sum >> 1);
+            }
+        }
+    } else {
+        for (uint32_t i = from; i < to; ++i) {
+            left[i] = convert::sampleToFloat(src[i]);
+        }
+    }
+}
+
+void plainToInt16(const float* left, const float* right, int16_t* dst, uint32_t channels,
+                  uint32_t from, uint32_t to) {
+    if (channels == 2) {
+        if (right != nullptr) {
+            for (uint32_t i = from; i < to; ++i) {
+                dst[2 * i] = convert::floatToSample(left[i]);
+                dst[2 * i + 1] = convert::floatToSample(right[i]);
+            }
+        } else {
+            for (uint32_t i = from; i < to; ++i) {
+                int16_t v = convert::floatToSample(left[i]);
+                dst[2 * i] = v;
+                dst[2 * i + 1] = v;
+            }
+        }
+    } else {
+        for (uint32_t i = from; i < to; ++i) {
+            dst[i] = convert::floatToSample(left[i]);
+        }
+    }
+}
+
+inline uint32_t roundDown(uint32_t n, uint32_t group) {
+    return n - n % group;
+}
+
+uint32_t framesIn(uint32_t bytes, uint32_t channels) {
+    return channels == 2 ? bytes / 4 : bytes / 2;
+}
+
+} // namespace
+
+namespace convert {
+
+uint32_t toFloatPlain(const int16_t* src, uint32_t bytes, float* left, float* right,
+                      uint32_t channels) {
+    uint32_t frames = framesIn(bytes, channels);
+    plainToFloat(src, left, right, channels, 0, frames);
+    return frames;
+}
+
+// Group sizes of the 3DNow! kernels: mono 4 samples, stereo 2 frames, mixed down 4 frames.
+uint32_t toFloat3dnow(const int16_t* src, uint32_t bytes, float* left, float* right,
+                      uint32_t channels) {
+    uint32_t frames = framesIn(bytes, channels);
+    uint32_t kernel;
+    if (channels == 2 && right != nullptr) {
+        kernel = roundDown(frames, 2);
+        kernelStereoToFloat(src, left, right, kernel);
+    } else if (channels == 2) {
+        kernel = roundDown(frames, 4);
+        kernelMixToFloat(src, left, kernel);
+    } else {
+        kernel = roundDown(frames, 4);
+        kernelMonoToFloat(src, left, kernel);
+    }
+    plainToFloat(src, left, right, channels, kernel, frames);
+    return frames;
+}
+
+// Group sizes of the SSE kernels: mono 8 samples, stereo 4 frames, mixed down 8 frames.
+uint32_t toFloatSse(const int16_t* src, uint32_t bytes, float* left, float* right,
+                    uint32_t channels) {
+    uint32_t frames = framesIn(bytes, channels);
+    uint32_t kernel;
+    if (channels == 2 && right != nullptr) {
+        kernel = roundDown(frames, 4);
+        kernelStereoToFloat(src, left, right, kernel);
+    } else if (channels == 2) {
+        kernel = roundDown(frames, 8);
+        kernelMixToFloat(src, left, kernel);
+    } else {
+        kernel = roundDown(frames, 8);
+        kernelMonoToFloat(src, left, kernel);
+    }
+    plainToFloat(src, left, right, channels, kernel, frames);
+    return frames;
+}
+
+uint32_t toInt16Plain(const float* left, const float* right, uint32_t frames, int16_t* dst,
+                      uint32_t channels) {
+    plainToInt16(left, right, dst, channels, 0, frames);
+    return frames * 2 * channels;
+}
+
+// Group sizes: mono 4 samples, stereo 2 frames, duplicated 4 frames.
+uint32_t toInt163dnow(const float* left, const float* right, uint32_t frames, int16_t* dst,
+                      uint32_t channels) {
+    uint32_t kernel;
+    if (channels == 2 && right != nullptr) {
+        kernel = roundDown(frames, 2);
+        kernelStereoToInt16<Rounding::Truncate3dnow>(left, right, dst, kernel);
+    } else if (channels == 2) {
+        kernel = roundDown(frames, 4);
+        kernelDuplicateToInt16<Rounding::Truncate3dnow>(left, dst, kernel);
+    } else {
+        kernel = roundDown(frames, 4);
+        kernelMonoToInt16<Rounding::Truncate3dnow>(left, dst, kernel);
+    }
+    plainToInt16(left, right, dst, channels, kernel, frames);
+    return frames * 2 * channels;
+}
+
+// Group sizes: mono 8 samples, stereo 4 frames; duplication has no kernel.
+// Frames before the first 16-byte boundary of `left` go by the plain rules.
+uint32_t toInt16Sse(const float* left, const float* right, uint32_t frames, int16_t* dst,
+                    uint32_t channels) {
+    bool duplicate = channels == 2 && right == nullptr;
+    if (duplicate) {
+        plainToInt16(left, right, dst, channels, 0, frames);
+        return frames * 2 * channels;
+    }
+    uint32_t lead = 0;
+    while (lead < frames && lead < 4 && (reinterpret_cast<uintptr_t>(left + lead) & 15) != 0) {
+        ++lead;
+    }
+    plainToInt16(left, right, dst, channels, 0, lead);
+    uint32_t rest = frames - lead;
+    uint32_t kernel;
+    if (channels == 2) {
+        kernel = roundDown(rest, 4);
+        kernelStereoToInt16<Rounding::NearestSse>(left + lead, right + lead, dst + 2 * lead,
+                                                  kernel);
+    } else {
+        kernel = roundDown(rest, 8);
+        kernelMonoToInt16<Rounding::NearestSse>(left + lead, dst + lead, kernel);
+    }
+    plainToInt16(left, right, dst, channels, lead + kernel, frames);
+    return frames * 2 * channels;
+}
+
+} // namespace convert
+
+uint32_t convertToFloat(const int16_t* src, uint32_t bytes, float* left, float* right,
+                        uint32_t channels) {
+    if (simdFlags.amd3dnow) {
+        return convert::toFloat3dnow(src, bytes, left, right, channels);
+    }
+    if (simdFlags.sse) {
+        return convert::toFloatSse(src, bytes, left, right, channels);
+    }
+    return convert::toFloatPlain(src, bytes, left, right, channels);
+}
+
+uint32_t convertToInt16(const float* left, const float* right, uint32_t frames, int16_t* dst,
+                        uint32_t channels) {
+    if (simdFlags.amd3dnow) {
+        return convert::toInt163dnow(left, right, frames, dst, channels);
+    }
+    if (simdFlags.sse) {
+        return convert::toInt16Sse(left, right, frames, dst, channels);
+    }
+    return convert::toInt16Plain(left, right, frames, dst, channels);
+}
+
+void blockCopy16(const void* src, void* dst, size_t bytes) {
+    const unsigned char* s = static_cast<const unsigned char*>(src);
+    unsigned char* d = static_cast<unsigned char*>(dst);
+    size_t blocks = bytes & ~size_t(15);
+    size_t i = 0;
+    for (; i < blocks; i += 16) {
+#if DSP_HAVE_SSE2
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(d + i),
+                         _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + i)));
+#else
+        std::memcpy(d + i, s + i, 16);
+#endif
+    }
+    for (; i < bytes; ++i) {
+        d[i] = s[i];
+    }
+}
+
+void copyBuffer(const void* src, void* dst, size_t bytes) {
+    if (src == dst || bytes == 0) {
+        return;
+    }
+    if (anySimdFlag()) {
+        blockCopy16(src, dst, bytes);
+    } else {
+        // A byte copy; memcpy moves the same bytes, only faster.
+        std::memcpy(dst, src, bytes);
+    }
+}
+
+void passThroughCopy(const void* src, void* dst, uint32_t bytes) {
+    copyBuffer(src, dst, bytes);
+}
+
+} // namespace dsp

@@ -1,0 +1,7 @@
+#include "simd_flags.h"
+
+namespace dsp {
+
+SimdFlags simdFlags = {0, 0, 0};
+
+} // namespace dsp

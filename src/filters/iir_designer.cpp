@@ -1,0 +1,152 @@
+#include "iir_designer.h"
+
+#include <cmath>
+#include <new>
+
+namespace dsp {
+
+namespace {
+constexpr double kPi = 3.141592653589793;
+constexpr double kHalfPi = 1.5707963267948966;
+} // namespace
+
+IirDesigner::~IirDesigner() {
+    freeArrays();
+}
+
+void IirDesigner::freeArrays() {
+    // One block holds all seven arrays; a1 is its start.
+    delete[] a1;
+    a1 = a2 = b0 = b1 = b2 = s1 = s2 = nullptr;
+    allocated = 0;
+}
+
+bool IirDesigner::setOrder(int32_t newOrder, uint32_t kind) {
+    kindSign = kind == 1 ? -1.0f : 1.0f;
+    order = newOrder;
+    int32_t previous = sections;
+    int32_t count = newOrder <= 0 ? 0 : (newOrder % 2 == 0 ? newOrder / 2 : newOrder / 2 + 1);
+    sections = count;
+    if (!(allocated == 1 && previous >= count)) {
+        freeArrays();
+        size_t n = static_cast<size_t>(count > 0 ? count : 1);
+        double* block = new (std::nothrow) double[7 * n];
+        if (block == nullptr) {
+            sections = 0;
+            return false;
+        }
+        a1 = block;
+        a2 = a1 + n;
+        b0 = a2 + n;
+        b1 = b0 + n;
+        b2 = b1 + n;
+        s1 = b2 + n;
+        s2 = s1 + n;
+    }
+    for (int32_t i = 0; i < count; ++i) {
+        b0[i] = 1.0;
+        a1[i] = a2[i] = b1[i] = b2[i] = s1[i] = s2[i] = 0.0;
+    }
+    allocated = 1;
+    return true;
+}
+
+double IirDesigner::prewarp(float fs, float f) {
+    double prototype = kindSign <= 0.0f ? 0.5 * fs - f : static_cast<double>(f);
+    rate = fs;
+    frequency = static_cast<float>(prototype);
+    return std::tan((kPi / fs) * prototype);
+}
+
+double IirDesigner::poleAngle(int32_t i) const {
+    int32_t k = (order % 2 == 0 ? 1 : 2) + 2 * i;
+    return (k * kHalfPi) / order;
+}
+
+void IirDesigner::setSecondOrder(int32_t i, double u, double m) {
+    const double ks = kindSign;
+    const double u2 = u * u;
+    const double d = 1.0 / (1.0 + m + u2);
+    a1[i] = -2.0 * ks * (u2 - 1.0) * d;
+    a2[i] = -(1.0 - m + u2) * d;
+    b0[i] = u2 * d;
+    b1[i] = 2.0 * ks * u2 * d;
+    b2[i] = u2 * d;
+}
+
+void IirDesigner::setFirstOrder(int32_t i, double p) {
+    const double ks = kindSign;
+    const double d = 1.0 / (1.0 + p);
+    a1[i] = -ks * (p - 1.0) * d;
+    b0[i] = p * d;
+    b1[i] = ks * p * d;
+}
+
+uint32_t IirDesigner::process(const float* in, float* out, uint32_t frames) {
+    const int32_t count = sections;
+    for (uint32_t n = 0; n < frames; ++n) {
+        double x = in[n];
+        for (int32_t i = 0; i < count; ++i) {
+            double w = x + (a2[i] * s2[i] + a1[i] * s1[i]);
+            double y = (b2[i] * s2[i] + b1[i] * s1[i]) + b0[i] * w;
+            s2[i] = s1[i];
+            s1[i] = w;
+            x = y;
+        }
+        out[n] = static_cast<float>(x);
+    }
+    return frames;
+}
+
+void ButterworthDesigner::design(float fs, float f) {
+    if (allocated != 1) {
+        return;
+    }
+    const double t = prewarp(fs, f);
+    const int32_t half = order / 2;
+    for (int32_t i = 0; i < half; ++i) {
+        setSecondOrder(i, t, 2.0 * t * std::cos(poleAngle(i)));
+    }
+    if (order % 2 != 0) {
+        setFirstOrder(half, t);
+    }
+}
+
+void ChebyshevDesigner::design(float fs, float f) {
+    designChebyshev(fs, f, 1.0f);
+}
+
+void ChebyshevDesigner::designChebyshev(float fs, float f, float rippleDb) {
+    if (allocated != 1 || order <= 0) {
+        return;
+    }
+    const double t = prewarp(fs, f);
+    const double r = rippleDb;
+    const double n = order;
+    const double eps = std::sqrt(std::pow(10.0, 0.1 * r) - 1.0);
+    const double inv = 1.0 / eps;
+    const double alpha = std::log(inv + std::sqrt(inv * inv + 1.0)) / n;
+    const double gain = std::pow(std::pow(10.0, -r * 0.05), 2.0 / n);
+    const double sinhA = std::sinh(alpha);
+    const double coshA = std::cosh(alpha);
+    const int32_t half = order / 2;
+    for (int32_t i = 0; i < half; ++i) {
+        const double theta = poleAngle(i);
+        const double sigma = sinhA * std::cos(theta);
+        const double omega = coshA * std::sin(theta);
+        const double radius = std::sqrt(omega * omega + sigma * sigma);
+        const double u = radius * t;
+        const double m = 2.0 * u * std::cos(theta) * sinhA / radius;
+        setSecondOrder(i, u, m);
+        if (order % 2 == 0) {
+            b0[i] *= gain;
+            b1[i] *= gain;
+            b2[i] *= gain;
+        }
+    }
+    if (order % 2 != 0) {
+        setFirstOrder(half, sinhA * t);
+    }
+}
+
+} // namespace dsp

@@ -1,0 +1,72 @@
+// Recursive filters as cascades of second-order sections (plus one
+// first-order section for odd orders), designed from analog prototypes by the
+// bilinear transform with prewarping. The high-pass is the low-pass designed
+// at the mirrored frequency (rate/2 - f) with every odd-power coefficient's
+// sign turned over. Coefficients and state are double; audio is float.
+#pragma once
+
+#include <cstdint>
+
+namespace dsp {
+
+class IirDesigner {
+public:
+    IirDesigner() = default;
+    virtual ~IirDesigner();
+    IirDesigner(const IirDesigner&) = delete;
+    IirDesigner& operator=(const IirDesigner&) = delete;
+
+    // kind 1 selects a high-pass, anything else a low-pass. Resets every
+    // section to pass-through and clears the state. Returns false (leaving no
+    // sections, so process copies) when the arrays cannot be allocated.
+    virtual bool setOrder(int32_t order, uint32_t kind);
+    // Fills the coefficients for a cutoff at `frequency` Hz (0 < f < rate/2);
+    // the state is left as it is.
+    virtual void design(float rate, float frequency) = 0;
+    // Filters `frames` samples (in and out may be the same buffer); the state
+    // carries over from call to call. Returns frames.
+    virtual uint32_t process(const float* in, float* out, uint32_t frames);
+
+    uint8_t allocated = 0;
+    int32_t order = 0;
+    float rate = 0.0f;
+    int32_t sections = 0;
+    float frequency = 0.0f; // prototype frequency: cutoff, or rate/2 - cutoff for a high-pass
+    float kindSign = 1.0f;  // -1 high-pass, +1 low-pass
+    double* a1 = nullptr;   // feedback, with the sign the recursion adds
+    double* a2 = nullptr;
+    double* b0 = nullptr; // feed-forward
+    double* b1 = nullptr;
+    double* b2 = nullptr;
+    double* s1 = nullptr; // most recent delay value
+    double* s2 = nullptr; // older delay value
+
+protected:
+    // Common start of both designs: stores rate and the prototype frequency
+    // and returns the prewarped analog frequency T = tan(pi/fs * f').
+    double prewarp(float rate, float frequency);
+    // Second-order section i from its scaled pole radius u and m.
+    void setSecondOrder(int32_t i, double u, double m);
+    // The last section of an odd order, first order with pole p.
+    void setFirstOrder(int32_t i, double p);
+    // Pole angle of section i: k * (pi/2) / N, k = 1, 3, 5... (even N) or 2, 4... (odd N).
+    double poleAngle(int32_t i) const;
+
+private:
+    void freeArrays();
+};
+
+// Maximally flat: -3.01 dB at the cutoff.
+class ButterworthDesigner : public IirDesigner {
+public:
+    void design(float rate, float frequency) override;
+};
+
+// Chebyshev type I: equiripple pass band; design() uses a 1 dB ripple.
+class ChebyshevDesigner : public IirDesigner {
+public:
+    void design(float rate, float frequency) override;
+    void designChebyshev(float rate, float frequency, float rippleDb);
+};
+
+} // namespace dsp
