@@ -92,7 +92,9 @@ bool TransferCurve::build(float harmonics) {
             p = p->prev;
         }
         CurveNode* q = p->next;
-        if (x == p->x || (q != nullptr && x == q->x)) {
+        // Points on an existing x are skipped; so is a point past the tail,
+        // which only a NaN bend produces.
+        if (q == nullptr || x == p->x || x == q->x) {
             continue;
         }
         CurveNode* n = new (std::nothrow) CurveNode{x, y, 0.0f, q, p};
