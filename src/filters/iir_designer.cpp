@@ -1,6 +1,7 @@
 #include "iir_designer.h"
 
 #include <cmath>
+#include <cstddef>
 #include <new>
 
 namespace dsp {
@@ -30,7 +31,10 @@ bool IirDesigner::setOrder(int32_t newOrder, uint32_t kind) {
     if (!(allocated == 1 && previous >= count)) {
         freeArrays();
         size_t n = static_cast<size_t>(count > 0 ? count : 1);
-        double* block = new (std::nothrow) double[7 * n];
+        // Seven arrays in one block; a size that cannot be expressed fails
+        // like an allocation that cannot be met.
+        double* block =
+            n <= SIZE_MAX / (7 * sizeof(double)) ? new (std::nothrow) double[7 * n] : nullptr;
         if (block == nullptr) {
             sections = 0;
             return false;
@@ -103,6 +107,10 @@ void ButterworthDesigner::design(float fs, float f) {
         return;
     }
     const double t = prewarp(fs, f);
+    // Negative orders have no sections (and no section to write).
+    if (sections <= 0) {
+        return;
+    }
     const int32_t half = order / 2;
     for (int32_t i = 0; i < half; ++i) {
         setSecondOrder(i, t, 2.0 * t * std::cos(poleAngle(i)));
@@ -117,15 +125,20 @@ void ChebyshevDesigner::design(float fs, float f) {
 }
 
 void ChebyshevDesigner::designChebyshev(float fs, float f, float rippleDb) {
-    if (allocated != 1 || order <= 0) {
+    if (allocated != 1) {
         return;
     }
     const double t = prewarp(fs, f);
+    // Order 0 (or a negative order) has no sections: nothing to fill, and the
+    // ripple terms below would divide by the order.
+    if (sections <= 0) {
+        return;
+    }
     const double r = rippleDb;
     const double n = order;
     const double eps = std::sqrt(std::pow(10.0, 0.1 * r) - 1.0);
-    const double inv = 1.0 / eps;
-    const double alpha = std::log(inv + std::sqrt(inv * inv + 1.0)) / n;
+    // asinh(1/eps) / N, written out as ln(1/eps + sqrt(1/eps^2 + 1)) / N.
+    const double alpha = std::log(1.0 / eps + std::sqrt(1.0 / (eps * eps) + 1.0)) / n;
     const double gain = std::pow(std::pow(10.0, -r * 0.05), 2.0 / n);
     const double sinhA = std::sinh(alpha);
     const double coshA = std::cosh(alpha);
