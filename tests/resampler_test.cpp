@@ -266,6 +266,11 @@ TEST(Resampler, RefusesWhatItCannotServe) {
     std::vector<int16_t> dst(256);
     EXPECT_EQ(doResampler(h, src.data(), dst.data(), 512), 2u * 235);
     termResampler(h);
+    // An empty block size gives a resampler that produces nothing.
+    h = initResampler(0, 2, 2, 44100, 48000, 1, 60.0f, 60.0f, 1);
+    ASSERT_NE(h, nullptr);
+    EXPECT_EQ(doResampler(h, src.data(), dst.data(), 512), 0u);
+    termResampler(h);
     EXPECT_EQ(fastmemGetAllocatedSize(), total);
 }
 

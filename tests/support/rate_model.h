@@ -1,7 +1,7 @@
-// A straightforward model of the chunked rate conversion, written from the
-// description of the arithmetic rather than from the library code: output
-// counts, chunk shares, linear and 4-point cubic interpolation with the three
-// carried samples. No filter; tests add the IIR pass themselves.
+// A straightforward model of the chunked rate conversion, written apart from
+// the library code to check it sample for sample: output counts, chunk
+// shares, linear and 4-point cubic interpolation with the three carried
+// samples. No filter; tests add the IIR pass themselves.
 #pragma once
 
 #include <cmath>
