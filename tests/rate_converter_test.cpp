@@ -280,6 +280,11 @@ TEST(RateConverter, ZeroRatesConvertNothing) {
         EXPECT_EQ(c.outputFramesFor(64), 0u);
         EXPECT_TRUE(convertBlock(c, in).empty());
     }
+    // A block no work buffer could hold is refused outright.
+    dsp::RateConverter huge;
+    EXPECT_EQ(huge.setup(UINT32_MAX, 44100, 48000, 0, 60.0f, 60.0f, 0, kRipple), 0u);
+    EXPECT_FALSE(huge.isReady());
+    EXPECT_EQ(huge.convert(in.data(), in.data(), 64), 0u);
     // An output count beyond 32 bits cannot be sized either.
     dsp::RateConverter c;
     c.setup(100000, 1, 4000000000u, 0, 60.0f, 60.0f, 0, kRipple);

@@ -21,7 +21,8 @@ double acoshByLog(double y) {
     return std::log(y + std::sqrt(y * y - 1.0));
 }
 
-constexpr double kCountLimit = 4294967296.0; // counts must fit 32 bits
+constexpr double kCountLimit = 4294967296.0;           // counts must fit 32 bits
+constexpr uint32_t kMaxFrames = (UINT32_MAX - 15) / 4; // the pool's largest float buffer
 
 } // namespace
 
@@ -47,8 +48,12 @@ uint32_t RateConverter::setup(uint32_t frames, uint32_t newSrcRate, uint32_t new
 
     if (ready != 1 || frames > capacity) {
         freeBuffers();
-        scratch = new (std::nothrow) float[frames];
-        history = new (std::nothrow) float[static_cast<size_t>(frames) + 3];
+        // Blocks the work buffers could not hold either are refused, which
+        // also keeps frames + 3 from wrapping on 32-bit targets.
+        if (frames <= kMaxFrames) {
+            scratch = new (std::nothrow) float[frames];
+            history = new (std::nothrow) float[static_cast<size_t>(frames) + 3];
+        }
         if (scratch == nullptr || history == nullptr) {
             freeBuffers();
             capacity = 0;
