@@ -6,6 +6,7 @@
 
 #include "core/cubic_weight.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <vector>
@@ -99,7 +100,11 @@ private:
         uint32_t span;
     };
 
-    float x(const float* in, int64_t k) const { return k >= 0 ? in[k] : ring_.past(now_.span, k); }
+    // A read past the block (possible only right after a change of pitch)
+    // takes the block's last sample.
+    float x(const float* in, uint32_t n, int64_t k) const {
+        return k >= 0 ? in[std::min<int64_t>(k, n - 1)] : ring_.past(now_.span, k);
+    }
 
     void block(const float* in, uint32_t n, std::vector<float>& out) {
         for (uint32_t i = 0; i < n; ++i) {
@@ -122,10 +127,10 @@ private:
                     double p = static_cast<double>(g.age) * now_.ratio + g.start;
                     int64_t ip = static_cast<int64_t>(p);
                     double t = p - static_cast<double>(ip);
-                    double v = dsp::cubicWeight(std::fabs(1.0 + t)) * x(in, ip - 3) +
-                               dsp::cubicWeight(std::fabs(t)) * x(in, ip - 2) +
-                               dsp::cubicWeight(std::fabs(t - 1.0)) * x(in, ip - 1) +
-                               dsp::cubicWeight(std::fabs(t - 2.0)) * x(in, ip);
+                    double v = dsp::cubicWeight(std::fabs(1.0 + t)) * x(in, n, ip - 3) +
+                               dsp::cubicWeight(std::fabs(t)) * x(in, n, ip - 2) +
+                               dsp::cubicWeight(std::fabs(t - 1.0)) * x(in, n, ip - 1) +
+                               dsp::cubicWeight(std::fabs(t - 2.0)) * x(in, n, ip);
                     acc += v * window_[g.age];
                     wsum += window_[g.age];
                 }
@@ -236,7 +241,9 @@ private:
                 }
                 if (!now_.bypass) {
                     int64_t p = static_cast<int64_t>(g.start) + g.age;
-                    double v = p >= 0 ? in[p] : ring_.past(now_.span, p);
+                    // A read past the block (possible only right after a
+                    // change of scale) takes the block's last sample.
+                    double v = p >= 0 ? in[std::min<int64_t>(p, n - 1)] : ring_.past(now_.span, p);
                     acc += v * window_[g.age];
                     wsum += window_[g.age];
                 }
