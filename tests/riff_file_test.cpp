@@ -20,26 +20,36 @@ using dsptest::Bytes;
 
 constexpr size_t kBuf = RiffFile::kBufferBytes;
 
-TEST(RiffFile, RandomSeeksReadsAndWritesMatchAPlainModel) {
+// Runs a random mix of seeks, writes and reads against a byte-vector model of
+// the file. Wide runs use lengths up to two buffers over ~3 buffers of file,
+// so transfers cross, straddle and bypass the buffer; narrow runs use short
+// transfers and nearby seeks, so they land at earlier and later offsets
+// within one buffered window.
+void runAgainstModel(uint32_t seed, int steps, bool wide) {
     std::string path = dsptest::wavefileTempPath("riff_model.bin");
     RiffFile file;
     ASSERT_TRUE(file.open(path.c_str(), RiffFile::Access::kCreate));
     Bytes model;
     int64_t position = 0;
-    std::mt19937 rng(7);
-    // Lengths from a byte to more than two buffers, positions over ~3 buffers,
-    // so transfers cross, straddle and bypass the buffer.
-    std::uniform_int_distribution<size_t> length(1, 2 * kBuf + 999);
-    for (int step = 0; step < 300; ++step) {
+    std::mt19937 rng(seed);
+    auto nextLength = [&] {
+        return wide ? static_cast<size_t>(rng() % (2 * kBuf + 999)) / (rng() % 2 == 0 ? 1 : 997) + 1
+                    : static_cast<size_t>(rng() % 300) + 1;
+    };
+    for (int step = 0; step < steps; ++step) {
         int kind = static_cast<int>(rng() % 3);
         if (kind == 0) {
-            int64_t target = static_cast<int64_t>(rng() % (3 * kBuf + 500));
+            int64_t target = 0;
+            if (wide) {
+                target = static_cast<int64_t>(rng() % (3 * kBuf + 500));
+            } else {
+                target = std::max<int64_t>(0, position - static_cast<int64_t>(rng() % 900) + 300);
+            }
             ASSERT_EQ(file.seek(target, RiffFile::Origin::kBegin), target);
             position = target;
         } else if (kind == 1) {
-            size_t n = length(rng) / (rng() % 2 == 0 ? 1 : 997);
-            Bytes data = dsptest::patternSamples(n + 1, static_cast<uint32_t>(step));
-            data.resize(n);
+            size_t n = nextLength();
+            Bytes data = dsptest::patternSamples(n, static_cast<uint32_t>(step));
             ASSERT_EQ(file.write(data.data(), n), static_cast<int64_t>(n));
             if (model.size() < static_cast<size_t>(position) + n) {
                 model.resize(static_cast<size_t>(position) + n, 0);
@@ -47,22 +57,32 @@ TEST(RiffFile, RandomSeeksReadsAndWritesMatchAPlainModel) {
             std::copy(data.begin(), data.end(), model.begin() + position);
             position += static_cast<int64_t>(n);
         } else {
-            size_t n = length(rng) / (rng() % 2 == 0 ? 1 : 997);
+            size_t n = nextLength();
             Bytes got(n + 1, 0xEE);
             size_t expected = static_cast<size_t>(position) >= model.size()
                                   ? 0
                                   : std::min(n, model.size() - static_cast<size_t>(position));
             ASSERT_EQ(file.read(got.data(), n), static_cast<int64_t>(expected)) << "step " << step;
-            ASSERT_TRUE(std::equal(got.begin(), got.begin() + expected, model.begin() + position));
+            ASSERT_TRUE(std::equal(got.begin(), got.begin() + expected, model.begin() + position))
+                << "step " << step;
             EXPECT_EQ(got[n], 0xEE);
             position += static_cast<int64_t>(expected);
         }
         ASSERT_EQ(file.tell(), position);
         ASSERT_EQ(file.size(), static_cast<int64_t>(model.size()));
+        if (!wide && step % 500 == 499) {
+            ASSERT_TRUE(file.flush());
+            ASSERT_EQ(dsptest::readFileBytes(path), model) << "step " << step;
+        }
     }
     ASSERT_TRUE(file.close());
     EXPECT_EQ(dsptest::readFileBytes(path), model);
     std::remove(path.c_str());
+}
+
+TEST(RiffFile, RandomSeeksReadsAndWritesMatchAPlainModel) {
+    runAgainstModel(7, 600, true);
+    runAgainstModel(8, 4000, false);
 }
 
 TEST(RiffFile, CreatedChunksGetTheirSizesAndPadBytesOnAscend) {
