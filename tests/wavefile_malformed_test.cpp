@@ -88,7 +88,7 @@ TEST(WavefileMalformed, ZeroRateOpensWithZeroSeconds) {
     Bytes fmt = dsptest::chunkBytes("fmt ", dsptest::pcmFormatBody(1, 0));
     dsptest::writeFileBytes(path, waveWith(join({fmt, kData})));
     void* h = initWavefileIn(path.c_str(), 16);
-    EXPECT_EQ(getHeaderWavefileIn(h)->seconds, 0.0f);
+    EXPECT_EQ(dsptest::wavefileSeconds(h), 0.0f);
     EXPECT_EQ(timeSeekWavefileIn(h, 3.0f, 0), 44);
     termWavefileIn(h);
     std::remove(path.c_str());

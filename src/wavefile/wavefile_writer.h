@@ -31,7 +31,7 @@ public:
     RiffChunk riffChunk;
     RiffChunk chunk; // "fmt " while the header is written, then "data"
     uint8_t isOpen = 0;
-    WavefileFormat format{};
+    alignas(8) WavefileFormat format{}; // packed; aligned for the host's reads
 
 private:
     bool writeHeader();

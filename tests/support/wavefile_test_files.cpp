@@ -1,5 +1,7 @@
 #include "support/wavefile_test_files.h"
 
+#include "dsp.h"
+
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -106,6 +108,10 @@ Bytes canonicalWave(uint16_t channels, uint32_t rate, const Bytes& samples) {
     Bytes data = chunkBytes("data", samples);
     chunks.insert(chunks.end(), data.begin(), data.end());
     return riffBytes("WAVE", chunks);
+}
+
+float wavefileSeconds(void* reader) {
+    return getHeaderWavefileIn(reader)->seconds;
 }
 
 bool commandAvailable(const char* program) {

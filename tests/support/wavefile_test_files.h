@@ -41,6 +41,10 @@ Bytes patternSamples(size_t bytes, uint32_t seed = 1);
 // The canonical 44-byte-header file around `samples`.
 Bytes canonicalWave(uint16_t channels, uint32_t rate, const Bytes& samples);
 
+// The reader's header.seconds by value (the field sits at an odd offset of a
+// packed record, so tests never bind references to it).
+float wavefileSeconds(void* reader);
+
 // True when `program` can be run from the shell.
 bool commandAvailable(const char* program);
 // Runs a shell command; true when it exits with 0.
