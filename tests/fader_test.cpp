@@ -249,7 +249,7 @@ TEST(FaderRemoval, ActionRunningOutOfTheRangeBeginsAtItsEnd) {
     expectSchedule(r.ramp, {});
 }
 
-TEST(FaderSettled, ActionBeforeAWaitingHeadBecomesTheHead) {
+TEST(FaderOverlap, ActionBeforeAWaitingHeadBecomesTheHead) {
     Ramp r(-6.0f);
     r.ramp.setAction(0.3f, 0.4f, -20.0f);
     ASSERT_TRUE(r.ramp.setAction(0.1f, 0.2f, -10.0f));
@@ -273,7 +273,7 @@ TEST(FaderSettled, ActionBeforeAWaitingHeadBecomesTheHead) {
     EXPECT_EQ(d.ramp.slope, static_cast<float>(-14.0 / 50.0));
 }
 
-TEST(FaderSettled, ActionInsideOneActionSplitsIt) {
+TEST(FaderOverlap, ActionInsideOneActionSplitsIt) {
     Ramp r(0.0f);
     r.ramp.setAction(0.1f, 0.5f, -40.0f);
     ASSERT_TRUE(r.ramp.setAction(0.2f, 0.3f, -5.0f));
@@ -297,7 +297,7 @@ TEST(FaderSettled, ActionInsideOneActionSplitsIt) {
     expectSchedule(z.ramp, {{100, 200, reached}, {200, 500, -5.0f}});
 }
 
-TEST(FaderSettled, ActionCutToZeroLengthIsDropped) {
+TEST(FaderOverlap, ActionCutToZeroLengthIsDropped) {
     Ramp r(-3.0f);
     r.ramp.setAction(0.1f, 0.5f, -40.0f);
     ASSERT_TRUE(r.ramp.setAction(0.1f, 0.3f, 0.0f));
