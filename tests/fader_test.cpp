@@ -323,6 +323,44 @@ TEST(FaderOverlap, ActionCutToZeroLengthIsDropped) {
     expectSchedule(later.ramp, {{100, 200, -10.0f}, {300, 350, -1.0f}, {350, 400, -20.0f}});
 }
 
+// Random edits mixed with processing: the schedule must stay sorted, free of
+// overlaps and zero-length entries, and its head slope must match its ramp.
+TEST(FaderOverlap, RandomEditsKeepTheScheduleConsistent) {
+    Ramp r(0.0f);
+    std::vector<float> in(64, 1.0f), out(64);
+    uint32_t x = 12345;
+    auto next = [&x](uint32_t range) {
+        x = x * 1103515245u + 12345u;
+        return (x >> 8) % range;
+    };
+    for (int round = 0; round < 3000; ++round) {
+        float start = static_cast<float>(r.ramp.position + next(400)) / 1000.0f;
+        float end = start + static_cast<float>(next(300)) / 1000.0f;
+        if (next(3) == 0) {
+            r.ramp.removeRange(start, end);
+        } else {
+            r.ramp.setAction(start, end, static_cast<float>(next(60)) - 50.0f);
+        }
+        uint32_t previousEnd = 0;
+        for (const FadeAction* a = r.ramp.head; a != nullptr; a = a->next) {
+            ASSERT_LT(a->start, a->end);
+            ASSERT_LE(previousEnd, a->start);
+            ASSERT_EQ(a->next == nullptr ? r.ramp.tail : a->next->prev, a);
+            previousEnd = a->end;
+        }
+        ASSERT_EQ(r.ramp.pending, r.ramp.head != nullptr ? 1 : 0);
+        if (r.ramp.head != nullptr && r.ramp.active == 0) {
+            // A waiting head ramps from the start level to its target (a head
+            // that was cut short keeps its own slope, hence the tolerance).
+            const FadeAction* h = r.ramp.head;
+            double expected = (static_cast<double>(h->target) - r.ramp.startLevel) /
+                              static_cast<double>(h->end - h->start);
+            ASSERT_NEAR(r.ramp.slope, expected, 1e-5 * std::fabs(expected) + 1e-9);
+        }
+        r.ramp.process(in.data(), out.data(), next(64));
+    }
+}
+
 TEST(FaderProcessor, ReconfigurationKeepsTheScheduleRunningFromTheNewStart) {
     FaderProcessor* f = FaderProcessor::create(64, 1, 1000, 0.0f, 0.0f, 0.0f);
     ASSERT_NE(f, nullptr);
