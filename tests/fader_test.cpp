@@ -158,7 +158,8 @@ TEST(FaderAction, AppendedActionStartsFromThePreviousTarget) {
     expectRampMatchesModel(r.ramp, model, 600);
     // Between the actions the first target holds.
     EXPECT_EQ(r.ramp.startLevel, 6.0f);
-    EXPECT_EQ(r.ramp.gain, modelDecibelGain(-20.0f + 99.0f * 0.26f));
+    EXPECT_EQ(r.ramp.gain,
+              modelDecibelGain(static_cast<float>(-20.0 + 99.0 * static_cast<double>(0.26f))));
 }
 
 TEST(FaderAction, NewActionInsideARunningOneCutsItAtTheLevelReached) {
@@ -491,7 +492,9 @@ TEST(FaderProcessor, CrossFadeMatchesTheModelInStereo) {
             x.step();
             float gA = n < 100 ? initialA : x.gainA();
             float gB = n < 100 ? initialB : x.gainB();
-            ASSERT_EQ(dst[2 * n + ch], dsp::convert::floatToSample(vb * gB + va * gA))
+            ASSERT_EQ(dst[2 * n + ch],
+                      dsp::convert::floatToSample(static_cast<float>(static_cast<double>(vb) * gB +
+                                                                     static_cast<double>(va) * gA)))
                 << "channel " << ch << " frame " << n;
         }
     }

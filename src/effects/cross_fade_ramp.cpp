@@ -36,24 +36,30 @@ float CrossFadeRamp::decibelGain(float levelDb) {
     return static_cast<float>(decibelTable().lookup(levelDb));
 }
 
+// Gain at centreDb + slope * x, the level formed wide and rounded once.
+float CrossFadeRamp::curveGain(float slopeDb, float x) const {
+    return decibelGain(static_cast<float>(static_cast<double>(centreDb) +
+                                          static_cast<double>(slopeDb) * static_cast<double>(x)));
+}
+
 float CrossFadeRamp::levelToGain(float x) {
     // The approaching input rises from centreDb to 0 dB over riseWidth, the
     // receding one falls to fallDb over fallWidth and is muted beyond it.
     if (x > riseWidth) {
         gainA = 1.0f;
     } else if (x >= 0.0f) {
-        gainA = decibelGain(centreDb + riseSlopeA * x);
+        gainA = curveGain(riseSlopeA, x);
     } else if (x >= -fallWidth) {
-        gainA = decibelGain(centreDb + fallSlopeA * x);
+        gainA = curveGain(fallSlopeA, x);
     } else {
         gainA = 0.0f;
     }
     if (x < -riseWidth) {
         gainB = 1.0f;
     } else if (x <= 0.0f) {
-        gainB = decibelGain(centreDb + riseSlopeB * x);
+        gainB = curveGain(riseSlopeB, x);
     } else if (x <= fallWidth) {
-        gainB = decibelGain(centreDb + fallSlopeB * x);
+        gainB = curveGain(fallSlopeB, x);
     } else {
         gainB = 0.0f;
     }
@@ -64,7 +70,10 @@ uint32_t CrossFadeRamp::mix(const float* a, const float* b, float* out, uint32_t
     if (configured == 0) {
         return 0;
     }
-    runSchedule(frames, [&](uint32_t n) { out[n] = b[n] * gainB + a[n] * gainA; });
+    runSchedule(frames, [&](uint32_t n) {
+        out[n] = static_cast<float>(static_cast<double>(b[n]) * gainB +
+                                    static_cast<double>(a[n]) * gainA);
+    });
     return 1;
 }
 

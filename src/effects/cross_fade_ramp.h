@@ -36,6 +36,7 @@ public:
 private:
     // The fader's dB-to-gain conversion.
     static float decibelGain(float levelDb);
+    float curveGain(float slopeDb, float x) const;
 };
 
 } // namespace dsp

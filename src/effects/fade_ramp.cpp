@@ -12,7 +12,10 @@ FadeRamp::~FadeRamp() {
 }
 
 float FadeRamp::levelAt(uint32_t at) const {
-    return startLevel + static_cast<float>(at - head->start) * slope;
+    // Evaluated wide and rounded once: the 32-bit sample distance times the
+    // slope keeps its precision.
+    return static_cast<float>(static_cast<double>(startLevel) +
+                              static_cast<double>(at - head->start) * static_cast<double>(slope));
 }
 
 float FadeRamp::levelToGain(float levelDb) {
@@ -84,14 +87,15 @@ void FadeRamp::updateHeadSlope() {
 
 float FadeRamp::levelReached(const FadeAction* entry, uint32_t at) const {
     if (entry == head) {
-        return startLevel + static_cast<float>(at - entry->start) * slope;
+        return levelAt(at);
     }
     // The slope this entry gets when it becomes the head.
     float from = entry->prev->target;
     float entrySlope =
         static_cast<float>((static_cast<double>(entry->target) - static_cast<double>(from)) /
                            static_cast<double>(entry->end - entry->start));
-    return from + static_cast<float>(at - entry->start) * entrySlope;
+    return static_cast<float>(static_cast<double>(from) + static_cast<double>(at - entry->start) *
+                                                              static_cast<double>(entrySlope));
 }
 
 void FadeRamp::unlink(FadeAction* entry) {

@@ -49,18 +49,22 @@ inline void modelCrossGains(const ModelCurve& c, float x, float& gainA, float& g
     if (x > c.rise) {
         gainA = 1.0f;
     } else if (x >= 0.0f) {
-        gainA = modelDecibelGain(c.centre + riseA * x);
+        gainA = modelDecibelGain(
+            static_cast<float>(static_cast<double>(c.centre) + static_cast<double>(riseA) * x));
     } else if (x >= -c.fallWidth) {
-        gainA = modelDecibelGain(c.centre + fallA * x);
+        gainA = modelDecibelGain(
+            static_cast<float>(static_cast<double>(c.centre) + static_cast<double>(fallA) * x));
     } else {
         gainA = 0.0f;
     }
     if (x < -c.rise) {
         gainB = 1.0f;
     } else if (x <= 0.0f) {
-        gainB = modelDecibelGain(c.centre + riseB * x);
+        gainB = modelDecibelGain(
+            static_cast<float>(static_cast<double>(c.centre) + static_cast<double>(riseB) * x));
     } else if (x <= c.fallWidth) {
-        gainB = modelDecibelGain(c.centre + fallB * x);
+        gainB = modelDecibelGain(
+            static_cast<float>(static_cast<double>(c.centre) + static_cast<double>(fallB) * x));
     } else {
         gainB = 0.0f;
     }
@@ -95,7 +99,8 @@ public:
             }
         }
         if (active_) {
-            float x = startLevel_ + static_cast<float>(p_ - actions_.front().start) * slope_;
+            float x = static_cast<float>(static_cast<double>(startLevel_) +
+                                         static_cast<double>(p_ - actions_.front().start) * slope_);
             if (cross_) {
                 x = x < -1.0f ? -1.0f : (x > 1.0f ? 1.0f : x);
             }
@@ -138,7 +143,7 @@ private:
 inline float modelLevelReached(float from, float to, uint32_t start, uint32_t end, uint32_t at) {
     float s =
         static_cast<float>((static_cast<double>(to) - from) / static_cast<double>(end - start));
-    return from + static_cast<float>(at - start) * s;
+    return static_cast<float>(static_cast<double>(from) + static_cast<double>(at - start) * s);
 }
 
 } // namespace dsptest
