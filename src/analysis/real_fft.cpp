@@ -1,0 +1,451 @@
+// The forward real transform of FftEngine: an n/2-point complex transform of
+// the samples taken in pairs (split-radix, decimation in frequency, in place,
+// output bit-reversed and then permuted into natural order), followed by the
+// post-processing step that separates the spectra of the even and odd
+// samples.
+//
+// Complex transforms here use the + sign: Z[m] = sum z[k] e^(+2 pi i km/M).
+// A block of "kind 1" computes that plain transform; a block of "kind 2"
+// computes the odd-frequency transform Y[r] = sum y[k] e^(+i pi k(2r+1)/Q),
+// which is what the x0 - x2 half of a split-radix stage still needs.
+//
+// Table layout (twiddles, nw entries): a sub-table of size s sits at offset
+// nw - 2s for s = nw/2, nw/4, ... 2. Entry 0 is 1, entry 1 is cos(pi/4),
+// entries 2 and 3 are 0.5/cos(2d) and 0.5/cos(6d), and from j = 4 on, in
+// steps of 4, cos(jd), sin(jd), cos(3jd), sin(3jd) with d = (pi/4)/s.
+#include "fft_engine.h"
+
+#include <cmath>
+#include <utility>
+
+namespace dsp {
+
+namespace {
+
+// Radix-4 split stage of a kind-1 block at one position k of its first
+// quarter (quarters `q` floats apart): quarter 0 gets x0 + x2, quarter 1
+// x0 - x2, quarter 2 (x1 + i x3) w^k and quarter 3 (x1 - i x3) w^3k.
+inline void splitButterfly(float* a, uint32_t q, float wr, float wi, float w3r, float w3i) {
+    float* p0 = a;
+    float* p1 = a + q;
+    float* p2 = p1 + q;
+    float* p3 = p2 + q;
+    float x0r = p0[0] + p2[0];
+    float x0i = p0[1] + p2[1];
+    float x1r = p0[0] - p2[0];
+    float x1i = p0[1] - p2[1];
+    float x2r = p1[0] + p3[0];
+    float x2i = p1[1] + p3[1];
+    float x3r = p1[0] - p3[0];
+    float x3i = p1[1] - p3[1];
+    p0[0] = x0r + x2r;
+    p0[1] = x0i + x2i;
+    p1[0] = x0r - x2r;
+    p1[1] = x0i - x2i;
+    float yr = x1r - x3i;
+    float yi = x1i + x3r;
+    p2[0] = yr * wr - yi * wi;
+    p2[1] = yr * wi + yi * wr;
+    yr = x1r + x3i;
+    yi = x1i - x3r;
+    p3[0] = yr * w3r - yi * w3i;
+    p3[1] = yr * w3i + yi * w3r;
+}
+
+// The same stage without twiddles (k = 0).
+inline void splitButterflyPlain(float* a, uint32_t q) {
+    float* p0 = a;
+    float* p1 = a + q;
+    float* p2 = p1 + q;
+    float* p3 = p2 + q;
+    float x0r = p0[0] + p2[0];
+    float x0i = p0[1] + p2[1];
+    float x1r = p0[0] - p2[0];
+    float x1i = p0[1] - p2[1];
+    float x2r = p1[0] + p3[0];
+    float x2i = p1[1] + p3[1];
+    float x3r = p1[0] - p3[0];
+    float x3i = p1[1] - p3[1];
+    p0[0] = x0r + x2r;
+    p0[1] = x0i + x2i;
+    p1[0] = x0r - x2r;
+    p1[1] = x0i - x2i;
+    p2[0] = x1r - x3i;
+    p2[1] = x1i + x3r;
+    p3[0] = x1r + x3i;
+    p3[1] = x1i - x3r;
+}
+
+// Stage of a kind-2 block at position k. With a = y0 + i y2, b = y0 - i y2,
+// u = y1 + i y3, d = y1 - i y3 and e = e^(i pi/4): quarter 0 gets
+// (a + e u) v^k, quarter 1 (a - e u) v^k, quarter 2 (b + e^3 d) v^3k and
+// quarter 3 (b - e^3 d) v^3k, v = e^(i pi/Q).
+inline void oddButterfly(float* a, uint32_t q, float c45, float vr, float vi, float v3r,
+                         float v3i) {
+    float* p0 = a;
+    float* p1 = a + q;
+    float* p2 = p1 + q;
+    float* p3 = p2 + q;
+    float ar = p0[0] - p2[1];
+    float ai = p0[1] + p2[0];
+    float br = p0[0] + p2[1];
+    float bi = p0[1] - p2[0];
+    float ur = p1[0] - p3[1];
+    float ui = p1[1] + p3[0];
+    float dr = p1[0] + p3[1];
+    float di = p1[1] - p3[0];
+    float eur = c45 * (ur - ui);
+    float eui = c45 * (ur + ui);
+    float edr = c45 * (-dr - di);
+    float edi = c45 * (dr - di);
+    float yr = ar + eur;
+    float yi = ai + eui;
+    p0[0] = yr * vr - yi * vi;
+    p0[1] = yr * vi + yi * vr;
+    yr = ar - eur;
+    yi = ai - eui;
+    p1[0] = yr * vr - yi * vi;
+    p1[1] = yr * vi + yi * vr;
+    yr = br + edr;
+    yi = bi + edi;
+    p2[0] = yr * v3r - yi * v3i;
+    p2[1] = yr * v3i + yi * v3r;
+    yr = br - edr;
+    yi = bi - edi;
+    p3[0] = yr * v3r - yi * v3i;
+    p3[1] = yr * v3i + yi * v3r;
+}
+
+// Kind-1 stage of a block of Q complex points whose sub-table `t` holds
+// w^k = e^(2 pi i k/Q) at entry 4k for 0 < k < Q/8. The second half of the
+// quarter uses the mirror w^(Q/4-k) = i conj(w^k), w^3(Q/4-k) = -i conj(w^3k).
+void splitStage(float* a, uint32_t points, const float* t) {
+    const uint32_t quarter = points / 4;
+    const uint32_t q = 2 * quarter;
+    splitButterflyPlain(a, q);
+    if (quarter < 2) {
+        return;
+    }
+    const uint32_t half = quarter / 2;
+    for (uint32_t k = 1; k < half; ++k) {
+        float wr = t[4 * k];
+        float wi = t[4 * k + 1];
+        float w3r = t[4 * k + 2];
+        float w3i = t[4 * k + 3];
+        splitButterfly(a + 2 * k, q, wr, wi, w3r, w3i);
+        splitButterfly(a + 2 * (quarter - k), q, wi, wr, -w3i, -w3r);
+    }
+    float c45 = t[1];
+    splitButterfly(a + 2 * half, q, c45, c45, -c45, c45);
+}
+
+// Kind-1 stage from a sub-table half as fine (w^k at entry 2k for even k < Q/8);
+// odd k are interpolated: w^k = (w^(k-1) + w^(k+1)) * 0.5/cos(2 pi/Q), and
+// likewise w^3k with 0.5/cos(6 pi/Q).
+void splitStageInterpolated(float* a, uint32_t points, const float* t) {
+    const uint32_t quarter = points / 4;
+    const uint32_t q = 2 * quarter;
+    splitButterflyPlain(a, q);
+    if (quarter < 2) {
+        return;
+    }
+    const uint32_t half = quarter / 2;
+    const float c45 = t[1];
+    auto evenTwiddle = [&](uint32_t k, float* w) {
+        if (k == 0) {
+            w[0] = 1.0f;
+            w[1] = 0.0f;
+            w[2] = 1.0f;
+            w[3] = 0.0f;
+        } else if (k == half) {
+            w[0] = c45;
+            w[1] = c45;
+            w[2] = -c45;
+            w[3] = c45;
+        } else {
+            w[0] = t[2 * k];
+            w[1] = t[2 * k + 1];
+            w[2] = t[2 * k + 2];
+            w[3] = t[2 * k + 3];
+        }
+    };
+    const float csc1 = half > 1 ? t[2] : 0.0f;
+    const float csc3 = half > 1 ? t[3] : 0.0f;
+    float lower[4];
+    float upper[4];
+    evenTwiddle(0, lower);
+    for (uint32_t k = 1; k < half; k += 2) {
+        evenTwiddle(k + 1, upper);
+        float wr = (lower[0] + upper[0]) * csc1;
+        float wi = (lower[1] + upper[1]) * csc1;
+        float w3r = (lower[2] + upper[2]) * csc3;
+        float w3i = (lower[3] + upper[3]) * csc3;
+        splitButterfly(a + 2 * k, q, wr, wi, w3r, w3i);
+        splitButterfly(a + 2 * (quarter - k), q, wi, wr, -w3i, -w3r);
+        if (k + 1 < half) {
+            splitButterfly(a + 2 * (k + 1), q, upper[0], upper[1], upper[2], upper[3]);
+            splitButterfly(a + 2 * (quarter - k - 1), q, upper[1], upper[0], -upper[3], -upper[2]);
+        }
+        lower[0] = upper[0];
+        lower[1] = upper[1];
+        lower[2] = upper[2];
+        lower[3] = upper[3];
+    }
+    splitButterfly(a + 2 * half, q, c45, c45, -c45, c45);
+}
+
+// Kind-2 stage of a block of Q complex points whose sub-table `t` holds
+// v^k = e^(i pi k/Q) at entry 4k for 0 < k < Q/4.
+void oddStage(float* a, uint32_t points, const float* t) {
+    const uint32_t quarter = points / 4;
+    const uint32_t q = 2 * quarter;
+    const float c45 = t[1];
+    oddButterfly(a, q, c45, 1.0f, 0.0f, 1.0f, 0.0f);
+    for (uint32_t k = 1; k < quarter; ++k) {
+        oddButterfly(a + 2 * k, q, c45, t[4 * k], t[4 * k + 1], t[4 * k + 2], t[4 * k + 3]);
+    }
+}
+
+// Finishes a block of `points` complex values of the given kind (its output
+// bit-reversed). Quarters of a kind-1 block are of kinds 1, 2, 1, 1; those
+// of a kind-2 block 1, 2, 1, 2.
+void finishBlock(float* a, uint32_t points, int kind, const float* w, uint32_t nw) {
+    if (points == 1) {
+        return;
+    }
+    if (points == 2) {
+        float y0r = a[0];
+        float y0i = a[1];
+        float y1r = a[2];
+        float y1i = a[3];
+        if (kind == 1) {
+            a[0] = y0r + y1r;
+            a[1] = y0i + y1i;
+            a[2] = y0r - y1r;
+            a[3] = y0i - y1i;
+        } else {
+            a[0] = y0r - y1i;
+            a[1] = y0i + y1r;
+            a[2] = y0r + y1i;
+            a[3] = y0i - y1r;
+        }
+        return;
+    }
+    if (kind == 1) {
+        if (points <= 16) {
+            // Sixteen points interpolate from the size-4 sub-table; eight and
+            // four need only cos(pi/4).
+            splitStageInterpolated(a, points, w + nw - 8);
+        } else {
+            splitStage(a, points, w + nw - points);
+        }
+    } else {
+        oddStage(a, points, w + nw - 2 * points);
+    }
+    const uint32_t quarter = points / 4;
+    const uint32_t q = 2 * quarter;
+    finishBlock(a, quarter, 1, w, nw);
+    finishBlock(a + q, quarter, 2, w, nw);
+    finishBlock(a + 2 * q, quarter, 1, w, nw);
+    finishBlock(a + 3 * q, quarter, kind, w, nw);
+}
+
+inline void swapComplex(float* a, uint32_t i, uint32_t j) {
+    std::swap(a[i], a[j]);
+    std::swap(a[i + 1], a[j + 1]);
+}
+
+} // namespace
+
+void FftEngine::buildTwiddles(uint32_t nw) {
+    bitrevWork[0] = static_cast<int32_t>(nw);
+    bitrevWork[1] = 1;
+    if (nw <= 2) {
+        return;
+    }
+    float* w = twiddles;
+    uint32_t h = nw / 2;
+    const double delta = std::atan(1.0) / static_cast<double>(h);
+    const double cos45 = std::cos(delta * static_cast<double>(h));
+    w[0] = 1.0f;
+    w[1] = static_cast<float>(cos45);
+    if (h >= 4) {
+        w[2] = static_cast<float>(0.5 / std::cos(delta * 2.0));
+        w[3] = static_cast<float>(0.5 / std::cos(delta * 6.0));
+    }
+    for (uint32_t j = 4; j < h; j += 4) {
+        double angle = delta * static_cast<double>(j);
+        double angle3 = delta * static_cast<double>(3 * j);
+        w[j] = static_cast<float>(std::cos(angle));
+        w[j + 1] = static_cast<float>(std::sin(angle));
+        w[j + 2] = static_cast<float>(std::cos(angle3));
+        w[j + 3] = static_cast<float>(std::sin(angle3));
+    }
+    // Each smaller sub-table takes every other entry of the one before it.
+    uint32_t base = 0;
+    while (h > 2) {
+        uint32_t next = base + h;
+        h /= 2;
+        w[next] = 1.0f;
+        w[next + 1] = static_cast<float>(cos45);
+        if (h >= 4) {
+            w[next + 2] = static_cast<float>(0.5 / static_cast<double>(w[base + 4]));
+            w[next + 3] = static_cast<float>(0.5 / static_cast<double>(w[base + 6]));
+        }
+        for (uint32_t j = 4; j < h; j += 4) {
+            w[next + j] = w[base + 2 * j];
+            w[next + j + 1] = w[base + 2 * j + 1];
+            w[next + j + 2] = w[base + 2 * j + 2];
+            w[next + j + 3] = w[base + 2 * j + 3];
+        }
+        base = next;
+    }
+}
+
+void FftEngine::buildPostTable(uint32_t nc) {
+    bitrevWork[1] = static_cast<int32_t>(nc);
+    if (nc <= 1) {
+        return;
+    }
+    float* pt = twiddles + bitrevWork[0];
+    uint32_t h = nc / 2;
+    const double delta = std::atan(1.0) / static_cast<double>(h);
+    pt[0] = static_cast<float>(std::cos(delta * static_cast<double>(h)));
+    pt[h] = 0.5f * pt[0];
+    for (uint32_t j = 1; j < h; ++j) {
+        double angle = delta * static_cast<double>(j);
+        pt[j] = static_cast<float>(0.5 * std::cos(angle));
+        pt[nc - j] = static_cast<float>(0.5 * std::sin(angle));
+    }
+}
+
+void FftEngine::realFft(float* a, uint32_t n) {
+    if (n < 2) {
+        return;
+    }
+    if (n > 4 * static_cast<uint32_t>(bitrevWork[0])) {
+        buildTwiddles(n / 4);
+    }
+    if (n > 4 * static_cast<uint32_t>(bitrevWork[1])) {
+        buildPostTable(n / 4);
+    }
+    if (n > 4) {
+        complexFft(a, n);
+        postProcess(a, n);
+    } else if (n == 4) {
+        complexFft(a, n);
+    }
+    float t = a[0] - a[1];
+    a[0] = a[0] + a[1];
+    a[1] = t;
+}
+
+void FftEngine::complexFft(float* a, uint32_t n) {
+    const uint32_t nw = static_cast<uint32_t>(bitrevWork[0]);
+    const float* w = twiddles;
+    if (n == 4) {
+        float x0r = a[0];
+        float x0i = a[1];
+        a[0] = x0r + a[2];
+        a[1] = x0i + a[3];
+        a[2] = x0r - a[2];
+        a[3] = x0i - a[3];
+        return;
+    }
+    if (n == 8) {
+        float s02r = a[0] + a[4];
+        float s02i = a[1] + a[5];
+        float d02r = a[0] - a[4];
+        float d02i = a[1] - a[5];
+        float s13r = a[2] + a[6];
+        float s13i = a[3] + a[7];
+        float d13r = a[2] - a[6];
+        float d13i = a[3] - a[7];
+        a[0] = s02r + s13r;
+        a[1] = s02i + s13i;
+        a[2] = d02r - d13i;
+        a[3] = d02i + d13r;
+        a[4] = s02r - s13r;
+        a[5] = s02i - s13i;
+        a[6] = d02r + d13i;
+        a[7] = d02i - d13r;
+        return;
+    }
+    const uint32_t points = n / 2;
+    splitStageInterpolated(a, points, w + nw - n / 4);
+    const uint32_t quarter = points / 4;
+    const uint32_t q = 2 * quarter;
+    finishBlock(a, quarter, 1, w, nw);
+    finishBlock(a + q, quarter, 2, w, nw);
+    finishBlock(a + 2 * q, quarter, 1, w, nw);
+    finishBlock(a + 3 * q, quarter, 1, w, nw);
+    if (n == 16) {
+        swapComplex(a, 2, 8);
+        swapComplex(a, 6, 12);
+    } else if (n == 32) {
+        static const uint8_t kPairs[6][2] = {{1, 8}, {2, 4}, {3, 12}, {5, 10}, {7, 14}, {11, 13}};
+        for (const auto& pair : kPairs) {
+            swapComplex(a, 2u * pair[0], 2u * pair[1]);
+        }
+    } else {
+        bitReverse(a, n);
+    }
+}
+
+void FftEngine::postProcess(float* a, uint32_t n) const {
+    const uint32_t nc = static_cast<uint32_t>(bitrevWork[1]);
+    const float* pt = twiddles + bitrevWork[0];
+    const uint32_t m = n / 2;
+    const uint32_t step = 2 * nc / m;
+    uint32_t idx = 0;
+    for (uint32_t j = 2; j < m; j += 2) {
+        uint32_t k = n - j;
+        idx += step;
+        float wr = 0.5f - pt[nc - idx];
+        float wi = pt[idx];
+        float xr = a[j] - a[k];
+        float xi = a[j + 1] + a[k + 1];
+        float yr = wr * xr - wi * xi;
+        float yi = wr * xi + wi * xr;
+        a[j] -= yr;
+        a[j + 1] -= yi;
+        a[k] += yr;
+        a[k + 1] -= yi;
+    }
+}
+
+void FftEngine::bitReverse(float* a, uint32_t n) {
+    // p[j] = float offset of the bit-reversed complex index of j, for j < m.
+    int32_t* p = bitrevWork + 2;
+    p[0] = 0;
+    uint32_t l = n;
+    uint32_t m = 1;
+    do {
+        l >>= 1;
+        for (uint32_t j = 0; j < m; ++j) {
+            p[m + j] = p[j] + static_cast<int32_t>(l);
+        }
+        m <<= 1;
+    } while (l > 8 * m);
+    // A complex index splits into a low part j (below m), one or two middle
+    // bits and a high part; reversing swaps the low and high parts, each
+    // reversed, and reverses the middle bits. p supplies the reversed parts.
+    const uint32_t middleValues = (8 * m == l) ? 4 : 2;
+    const uint32_t middleStride = 2 * m;
+    for (uint32_t mid = 0; mid < middleValues; ++mid) {
+        uint32_t reversedMid = middleValues == 4 ? (((mid & 1) << 1) | (mid >> 1)) : mid;
+        for (uint32_t k = 0; k < m; ++k) {
+            uint32_t high = static_cast<uint32_t>(p[k]) + mid * middleStride;
+            uint32_t low = 2 * k + reversedMid * middleStride;
+            for (uint32_t j = 0; j < m; ++j) {
+                uint32_t i1 = 2 * j + high;
+                uint32_t i2 = low + static_cast<uint32_t>(p[j]);
+                if (i1 < i2) {
+                    swapComplex(a, i1, i2);
+                }
+            }
+        }
+    }
+}
+
+} // namespace dsp
