@@ -240,7 +240,8 @@ TEST(FftEngine, MagnitudesFollowTheDbRuleOfTheFrame) {
     std::vector<float> out(32);
     engine->magnitudesDb(out.data());
     for (uint32_t k = 0; k < 32; ++k) {
-        double expected = dsptest::referenceDb(engine->frame[2 * k], engine->frame[2 * k + 1], -30.0);
+        double expected =
+            dsptest::referenceDb(engine->frame[2 * k], engine->frame[2 * k + 1], -30.0);
         ASSERT_NEAR(out[k], expected, 1e-4) << k;
         ASSERT_GE(out[k], -30.0f);
     }
