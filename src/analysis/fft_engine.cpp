@@ -9,6 +9,13 @@
 
 namespace dsp {
 
+namespace {
+
+// 10 / ln(10): converts the natural logarithm of a power to decibels.
+constexpr double kDbPerNeper = 4.3429448190325182765;
+
+} // namespace
+
 FftEngine::~FftEngine() {
     freeBuffers();
 }
@@ -98,8 +105,10 @@ uint32_t FftEngine::magnitudesDb(float* out) const {
     for (uint32_t k = 0; k < bins; ++k) {
         double re = frame[2 * k];
         double im = frame[2 * k + 1];
-        double magnitude = std::sqrt(re * re + im * im);
-        float value = magnitude == 0.0 ? floorDb : static_cast<float>(20.0 * std::log10(magnitude));
+        // 20 log10(sqrt(p)) taken as (10 / ln 10) ln(p): the same value to a
+        // unit or so of the last double place, far below float resolution.
+        double power = re * re + im * im;
+        float value = power == 0.0 ? floorDb : static_cast<float>(kDbPerNeper * std::log(power));
         out[k] = floorDb > value ? floorDb : value;
     }
     return bins;

@@ -206,48 +206,136 @@ void oddStage(float* a, uint32_t points, const float* t) {
     }
 }
 
+// Constants of the small blocks: cos(pi/4), and w^1, w^3 of the 16-point
+// transform interpolated from the size-4 sub-table (entries 2 and 3 are
+// 0.5/cos(pi/8) and 0.5/cos(3 pi/8)).
+struct LeafConstants {
+    float c45;
+    float c1, s1; // w^1 = (w^0 + w^2) * 0.5/cos(pi/8)
+    float c3, s3; // w^3 = (w^0 + w^6) * 0.5/cos(3 pi/8)
+};
+
+LeafConstants leafConstants(const float* w, uint32_t nw) {
+    LeafConstants c;
+    c.c45 = w[1];
+    if (nw >= 8) {
+        const float* t = w + nw - 8;
+        c.c1 = (1.0f + c.c45) * t[2];
+        c.s1 = c.c45 * t[2];
+        c.c3 = (1.0f - c.c45) * t[3];
+        c.s3 = c.c45 * t[3];
+    } else {
+        c.c1 = c.s1 = c.c3 = c.s3 = 0.0f;
+    }
+    return c;
+}
+
+// Two-point blocks: a plain butterfly (kind 1), y0 +- i y1 (kind 2).
+inline void pair1(float* a) {
+    float y0r = a[0];
+    float y0i = a[1];
+    a[0] = y0r + a[2];
+    a[1] = y0i + a[3];
+    a[2] = y0r - a[2];
+    a[3] = y0i - a[3];
+}
+
+inline void pair2(float* a) {
+    float y0r = a[0];
+    float y0i = a[1];
+    float y1r = a[2];
+    float y1i = a[3];
+    a[0] = y0r - y1i;
+    a[1] = y0i + y1r;
+    a[2] = y0r + y1i;
+    a[3] = y0i - y1r;
+}
+
+// Four-point blocks: a single butterfly, whose quarters are single points.
+inline void quad1(float* a) {
+    splitButterflyPlain(a, 2);
+}
+
+inline void quad2(float* a, float c45) {
+    oddButterfly(a, 2, c45, 1.0f, 0.0f, 1.0f, 0.0f);
+}
+
+void leaf8Kind1(float* a, const LeafConstants& c) {
+    splitButterflyPlain(a, 4);
+    splitButterfly(a + 2, 4, c.c45, c.c45, -c.c45, c.c45);
+    pair1(a);
+    pair2(a + 4);
+    pair1(a + 8);
+    pair1(a + 12);
+}
+
+// t: the sub-table of size 8 (v^1 = e^(i pi/8) at entry 4).
+void leaf8Kind2(float* a, const float* t, const LeafConstants& c) {
+    oddButterfly(a, 4, c.c45, 1.0f, 0.0f, 1.0f, 0.0f);
+    oddButterfly(a + 2, 4, c.c45, t[4], t[5], t[6], t[7]);
+    pair1(a);
+    pair2(a + 4);
+    pair1(a + 8);
+    pair2(a + 12);
+}
+
+void leaf16Kind1(float* a, const LeafConstants& c) {
+    splitButterflyPlain(a, 8);
+    splitButterfly(a + 2, 8, c.c1, c.s1, c.c3, c.s3);
+    splitButterfly(a + 4, 8, c.c45, c.c45, -c.c45, c.c45);
+    splitButterfly(a + 6, 8, c.s1, c.c1, -c.s3, -c.c3);
+    quad1(a);
+    quad2(a + 8, c.c45);
+    quad1(a + 16);
+    quad1(a + 24);
+}
+
+// t: the sub-table of size 16 (v^k = e^(i pi k/16) at entry 4k).
+void leaf16Kind2(float* a, const float* t, const LeafConstants& c) {
+    oddButterfly(a, 8, c.c45, 1.0f, 0.0f, 1.0f, 0.0f);
+    oddButterfly(a + 2, 8, c.c45, t[4], t[5], t[6], t[7]);
+    oddButterfly(a + 4, 8, c.c45, t[8], t[9], t[10], t[11]);
+    oddButterfly(a + 6, 8, c.c45, t[12], t[13], t[14], t[15]);
+    quad1(a);
+    quad2(a + 8, c.c45);
+    quad1(a + 16);
+    quad2(a + 24, c.c45);
+}
+
 // Finishes a block of `points` complex values of the given kind (its output
 // bit-reversed). Quarters of a kind-1 block are of kinds 1, 2, 1, 1; those
 // of a kind-2 block 1, 2, 1, 2.
-void finishBlock(float* a, uint32_t points, int kind, const float* w, uint32_t nw) {
-    if (points == 1) {
+void finishBlock(float* a, uint32_t points, int kind, const float* w, uint32_t nw,
+                 const LeafConstants& c) {
+    switch (points) {
+    case 1:
         return;
-    }
-    if (points == 2) {
-        float y0r = a[0];
-        float y0i = a[1];
-        float y1r = a[2];
-        float y1i = a[3];
-        if (kind == 1) {
-            a[0] = y0r + y1r;
-            a[1] = y0i + y1i;
-            a[2] = y0r - y1r;
-            a[3] = y0i - y1i;
-        } else {
-            a[0] = y0r - y1i;
-            a[1] = y0i + y1r;
-            a[2] = y0r + y1i;
-            a[3] = y0i - y1r;
-        }
+    case 2:
+        kind == 1 ? pair1(a) : pair2(a);
         return;
+    case 4:
+        kind == 1 ? quad1(a) : quad2(a, c.c45);
+        return;
+    case 8:
+        kind == 1 ? leaf8Kind1(a, c) : leaf8Kind2(a, w + nw - 16, c);
+        return;
+    case 16:
+        kind == 1 ? leaf16Kind1(a, c) : leaf16Kind2(a, w + nw - 32, c);
+        return;
+    default:
+        break;
     }
     if (kind == 1) {
-        if (points <= 16) {
-            // Sixteen points interpolate from the size-4 sub-table; eight and
-            // four need only cos(pi/4).
-            splitStageInterpolated(a, points, w + nw - 8);
-        } else {
-            splitStage(a, points, w + nw - points);
-        }
+        splitStage(a, points, w + nw - points);
     } else {
         oddStage(a, points, w + nw - 2 * points);
     }
     const uint32_t quarter = points / 4;
     const uint32_t q = 2 * quarter;
-    finishBlock(a, quarter, 1, w, nw);
-    finishBlock(a + q, quarter, 2, w, nw);
-    finishBlock(a + 2 * q, quarter, 1, w, nw);
-    finishBlock(a + 3 * q, quarter, kind, w, nw);
+    finishBlock(a, quarter, 1, w, nw, c);
+    finishBlock(a + q, quarter, 2, w, nw, c);
+    finishBlock(a + 2 * q, quarter, 1, w, nw, c);
+    finishBlock(a + 3 * q, quarter, kind, w, nw, c);
 }
 
 inline void swapComplex(float* a, uint32_t i, uint32_t j) {
@@ -372,13 +460,20 @@ void FftEngine::complexFft(float* a, uint32_t n) {
         return;
     }
     const uint32_t points = n / 2;
-    splitStageInterpolated(a, points, w + nw - n / 4);
-    const uint32_t quarter = points / 4;
-    const uint32_t q = 2 * quarter;
-    finishBlock(a, quarter, 1, w, nw);
-    finishBlock(a + q, quarter, 2, w, nw);
-    finishBlock(a + 2 * q, quarter, 1, w, nw);
-    finishBlock(a + 3 * q, quarter, 1, w, nw);
+    const LeafConstants c = leafConstants(w, nw);
+    if (n == 16) {
+        leaf8Kind1(a, c);
+    } else if (n == 32) {
+        leaf16Kind1(a, c);
+    } else {
+        splitStageInterpolated(a, points, w + nw - n / 4);
+        const uint32_t quarter = points / 4;
+        const uint32_t q = 2 * quarter;
+        finishBlock(a, quarter, 1, w, nw, c);
+        finishBlock(a + q, quarter, 2, w, nw, c);
+        finishBlock(a + 2 * q, quarter, 1, w, nw, c);
+        finishBlock(a + 3 * q, quarter, 1, w, nw, c);
+    }
     if (n == 16) {
         swapComplex(a, 2, 8);
         swapComplex(a, 6, 12);
@@ -430,21 +525,26 @@ void FftEngine::bitReverse(float* a, uint32_t n) {
     // A complex index splits into a low part j (below m), one or two middle
     // bits and a high part; reversing swaps the low and high parts, each
     // reversed, and reverses the middle bits. p supplies the reversed parts.
-    const uint32_t middleValues = (8 * m == l) ? 4 : 2;
-    const uint32_t middleStride = 2 * m;
-    for (uint32_t mid = 0; mid < middleValues; ++mid) {
-        uint32_t reversedMid = middleValues == 4 ? (((mid & 1) << 1) | (mid >> 1)) : mid;
+    // Index (j, mid, k) goes to (k, reversed mid, j): each pair is swapped
+    // once, from the side with j < k (or from mid 1 when mid 1 and 2 trade).
+    const uint32_t stride = 2 * m;
+    auto swapRange = [&](uint32_t mid, uint32_t reversedMid, bool allJ) {
         for (uint32_t k = 0; k < m; ++k) {
-            uint32_t high = static_cast<uint32_t>(p[k]) + mid * middleStride;
-            uint32_t low = 2 * k + reversedMid * middleStride;
-            for (uint32_t j = 0; j < m; ++j) {
-                uint32_t i1 = 2 * j + high;
-                uint32_t i2 = low + static_cast<uint32_t>(p[j]);
-                if (i1 < i2) {
-                    swapComplex(a, i1, i2);
-                }
+            const uint32_t high = static_cast<uint32_t>(p[k]) + mid * stride;
+            const uint32_t low = 2 * k + reversedMid * stride;
+            const uint32_t end = allJ ? m : k;
+            for (uint32_t j = 0; j < end; ++j) {
+                swapComplex(a, 2 * j + high, low + static_cast<uint32_t>(p[j]));
             }
         }
+    };
+    if (8 * m == l) {
+        swapRange(0, 0, false);
+        swapRange(1, 2, true);
+        swapRange(3, 3, false);
+    } else {
+        swapRange(0, 0, false);
+        swapRange(1, 1, false);
     }
 }
 
