@@ -18,6 +18,11 @@
 #include <cmath>
 #include <utility>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#define DSP_FFT_SSE2 1
+#endif
+
 namespace dsp {
 
 namespace {
@@ -119,7 +124,7 @@ inline void oddButterfly(float* a, uint32_t q, float c45, float vr, float vi, fl
 // Kind-1 stage of a block of Q complex points whose sub-table `t` holds
 // w^k = e^(2 pi i k/Q) at entry 4k for 0 < k < Q/8. The second half of the
 // quarter uses the mirror w^(Q/4-k) = i conj(w^k), w^3(Q/4-k) = -i conj(w^3k).
-void splitStage(float* a, uint32_t points, const float* t) {
+[[maybe_unused]] void splitStageScalar(float* a, uint32_t points, const float* t) {
     const uint32_t quarter = points / 4;
     const uint32_t q = 2 * quarter;
     splitButterflyPlain(a, q);
@@ -196,7 +201,7 @@ void splitStageInterpolated(float* a, uint32_t points, const float* t) {
 
 // Kind-2 stage of a block of Q complex points whose sub-table `t` holds
 // v^k = e^(i pi k/Q) at entry 4k for 0 < k < Q/4.
-void oddStage(float* a, uint32_t points, const float* t) {
+[[maybe_unused]] void oddStageScalar(float* a, uint32_t points, const float* t) {
     const uint32_t quarter = points / 4;
     const uint32_t q = 2 * quarter;
     const float c45 = t[1];
@@ -205,6 +210,131 @@ void oddStage(float* a, uint32_t points, const float* t) {
         oddButterfly(a + 2 * k, q, c45, t[4 * k], t[4 * k + 1], t[4 * k + 2], t[4 * k + 3]);
     }
 }
+
+#if DSP_FFT_SSE2
+
+// Two complex values per vector: (r0, i0, r1, i1). The vector kernels do the
+// same operations as the scalar butterflies above, two positions at a time.
+
+inline __m128 swapPairs(__m128 x) {
+    return _mm_shuffle_ps(x, x, _MM_SHUFFLE(2, 3, 0, 1));
+}
+
+// Sign masks on the real or on the imaginary parts.
+inline __m128 realSigns() {
+    return _mm_castsi128_ps(_mm_setr_epi32(INT32_MIN, 0, INT32_MIN, 0));
+}
+
+inline __m128 imagSigns() {
+    return _mm_castsi128_ps(_mm_setr_epi32(0, INT32_MIN, 0, INT32_MIN));
+}
+
+// x * w per complex value: (xr wr - xi wi, xi wr + xr wi).
+inline __m128 complexMul(__m128 x, __m128 w) {
+    __m128 wr = _mm_shuffle_ps(w, w, _MM_SHUFFLE(2, 2, 0, 0));
+    __m128 wi = _mm_shuffle_ps(w, w, _MM_SHUFFLE(3, 3, 1, 1));
+    __m128 cross = _mm_xor_ps(_mm_mul_ps(swapPairs(x), wi), realSigns());
+    return _mm_add_ps(_mm_mul_ps(x, wr), cross);
+}
+
+// i * x = (-xi, xr).
+inline __m128 timesI(__m128 x) {
+    return _mm_xor_ps(swapPairs(x), realSigns());
+}
+
+inline void splitButterfly2(float* a, uint32_t q, __m128 w, __m128 w3) {
+    float* p0 = a;
+    float* p1 = a + q;
+    float* p2 = p1 + q;
+    float* p3 = p2 + q;
+    __m128 q0 = _mm_loadu_ps(p0);
+    __m128 q1 = _mm_loadu_ps(p1);
+    __m128 q2 = _mm_loadu_ps(p2);
+    __m128 q3 = _mm_loadu_ps(p3);
+    __m128 x0 = _mm_add_ps(q0, q2);
+    __m128 x1 = _mm_sub_ps(q0, q2);
+    __m128 x2 = _mm_add_ps(q1, q3);
+    __m128 ix3 = timesI(_mm_sub_ps(q1, q3));
+    _mm_storeu_ps(p0, _mm_add_ps(x0, x2));
+    _mm_storeu_ps(p1, _mm_sub_ps(x0, x2));
+    _mm_storeu_ps(p2, complexMul(_mm_add_ps(x1, ix3), w));
+    _mm_storeu_ps(p3, complexMul(_mm_sub_ps(x1, ix3), w3));
+}
+
+inline void oddButterfly2(float* a, uint32_t q, __m128 c45, __m128 v, __m128 v3) {
+    float* p0 = a;
+    float* p1 = a + q;
+    float* p2 = p1 + q;
+    float* p3 = p2 + q;
+    __m128 y0 = _mm_loadu_ps(p0);
+    __m128 y1 = _mm_loadu_ps(p1);
+    __m128 iy2 = timesI(_mm_loadu_ps(p2));
+    __m128 iy3 = timesI(_mm_loadu_ps(p3));
+    __m128 sa = _mm_add_ps(y0, iy2);
+    __m128 sb = _mm_sub_ps(y0, iy2);
+    __m128 u = _mm_add_ps(y1, iy3);
+    __m128 d = _mm_sub_ps(y1, iy3);
+    // e u = c45 (ur - ui, ur + ui); e^3 d = c45 (-dr - di, dr - di).
+    __m128 eu = _mm_mul_ps(c45, _mm_add_ps(u, _mm_xor_ps(swapPairs(u), realSigns())));
+    __m128 dRe = _mm_xor_ps(_mm_shuffle_ps(d, d, _MM_SHUFFLE(2, 2, 0, 0)), realSigns());
+    __m128 dIm = _mm_shuffle_ps(d, d, _MM_SHUFFLE(3, 3, 1, 1));
+    __m128 ed = _mm_mul_ps(c45, _mm_sub_ps(dRe, dIm));
+    _mm_storeu_ps(p0, complexMul(_mm_add_ps(sa, eu), v));
+    _mm_storeu_ps(p1, complexMul(_mm_sub_ps(sa, eu), v));
+    _mm_storeu_ps(p2, complexMul(_mm_add_ps(sb, ed), v3));
+    _mm_storeu_ps(p3, complexMul(_mm_sub_ps(sb, ed), v3));
+}
+
+// Kind-1 stage, two positions at a time. Entry group k of the table is
+// (w^k, w^3k); the mirrored half takes (i conj w^k, -i conj w^3k).
+void splitStage(float* a, uint32_t points, const float* t) {
+    const uint32_t quarter = points / 4;
+    const uint32_t q = 2 * quarter;
+    const uint32_t half = quarter / 2;
+    const float c45 = t[1];
+    const __m128 unit = _mm_setr_ps(1.0f, 0.0f, 1.0f, 0.0f);
+    const __m128 eighth = _mm_setr_ps(c45, c45, -c45, c45);
+    for (uint32_t k = 0; k < half; k += 2) {
+        __m128 lo = k == 0 ? unit : _mm_loadu_ps(t + 4 * k);
+        __m128 hi = _mm_loadu_ps(t + 4 * k + 4);
+        splitButterfly2(a + 2 * k, q, _mm_shuffle_ps(lo, hi, _MM_SHUFFLE(1, 0, 1, 0)),
+                        _mm_shuffle_ps(lo, hi, _MM_SHUFFLE(3, 2, 3, 2)));
+    }
+    const __m128 allSigns = _mm_set1_ps(-0.0f);
+    for (uint32_t m = half; m < quarter; m += 2) {
+        uint32_t k = quarter - m;
+        __m128 first = k == half ? eighth : _mm_loadu_ps(t + 4 * k);
+        __m128 second = _mm_loadu_ps(t + 4 * (k - 1));
+        __m128 w = _mm_shuffle_ps(first, second, _MM_SHUFFLE(0, 1, 0, 1));
+        __m128 w3 = _mm_xor_ps(_mm_shuffle_ps(first, second, _MM_SHUFFLE(2, 3, 2, 3)), allSigns);
+        splitButterfly2(a + 2 * m, q, w, w3);
+    }
+}
+
+void oddStage(float* a, uint32_t points, const float* t) {
+    const uint32_t quarter = points / 4;
+    const uint32_t q = 2 * quarter;
+    const __m128 c45 = _mm_set1_ps(t[1]);
+    const __m128 unit = _mm_setr_ps(1.0f, 0.0f, 1.0f, 0.0f);
+    for (uint32_t k = 0; k < quarter; k += 2) {
+        __m128 lo = k == 0 ? unit : _mm_loadu_ps(t + 4 * k);
+        __m128 hi = _mm_loadu_ps(t + 4 * k + 4);
+        oddButterfly2(a + 2 * k, q, c45, _mm_shuffle_ps(lo, hi, _MM_SHUFFLE(1, 0, 1, 0)),
+                      _mm_shuffle_ps(lo, hi, _MM_SHUFFLE(3, 2, 3, 2)));
+    }
+}
+
+#else
+
+void splitStage(float* a, uint32_t points, const float* t) {
+    splitStageScalar(a, points, t);
+}
+
+void oddStage(float* a, uint32_t points, const float* t) {
+    oddStageScalar(a, points, t);
+}
+
+#endif
 
 // Constants of the small blocks: cos(pi/4), and w^1, w^3 of the 16-point
 // transform interpolated from the size-4 sub-table (entries 2 and 3 are
