@@ -147,7 +147,7 @@ inline void oddButterfly(float* a, uint32_t q, float c45, float vr, float vi, fl
 // Kind-1 stage from a sub-table half as fine (w^k at entry 2k for even k < Q/8);
 // odd k are interpolated: w^k = (w^(k-1) + w^(k+1)) * 0.5/cos(2 pi/Q), and
 // likewise w^3k with 0.5/cos(6 pi/Q).
-void splitStageInterpolated(float* a, uint32_t points, const float* t) {
+[[maybe_unused]] void splitStageInterpolatedScalar(float* a, uint32_t points, const float* t) {
     const uint32_t quarter = points / 4;
     const uint32_t q = 2 * quarter;
     splitButterflyPlain(a, q);
@@ -324,7 +324,41 @@ void oddStage(float* a, uint32_t points, const float* t) {
     }
 }
 
+// Kind-1 stage from the half-as-fine table of the top level: even k read
+// entry 2k, odd k interpolate their even neighbours.
+void splitStageInterpolated(float* a, uint32_t points, const float* t) {
+    const uint32_t quarter = points / 4;
+    const uint32_t q = 2 * quarter;
+    const uint32_t half = quarter / 2;
+    const float c45 = t[1];
+    const __m128 unit = _mm_setr_ps(1.0f, 0.0f, 1.0f, 0.0f);
+    const __m128 eighth = _mm_setr_ps(c45, c45, -c45, c45);
+    const __m128 csc = _mm_setr_ps(t[2], t[2], t[3], t[3]);
+    auto even = [&](uint32_t k) {
+        return k == 0 ? unit : (k == half ? eighth : _mm_loadu_ps(t + 2 * k));
+    };
+    for (uint32_t k = 0; k < half; k += 2) {
+        __m128 lo = even(k);
+        __m128 mid = _mm_mul_ps(_mm_add_ps(lo, even(k + 2)), csc);
+        splitButterfly2(a + 2 * k, q, _mm_shuffle_ps(lo, mid, _MM_SHUFFLE(1, 0, 1, 0)),
+                        _mm_shuffle_ps(lo, mid, _MM_SHUFFLE(3, 2, 3, 2)));
+    }
+    const __m128 allSigns = _mm_set1_ps(-0.0f);
+    for (uint32_t m = half; m < quarter; m += 2) {
+        uint32_t k = quarter - m;
+        __m128 first = even(k);
+        __m128 second = _mm_mul_ps(_mm_add_ps(even(k - 2), first), csc);
+        __m128 w = _mm_shuffle_ps(first, second, _MM_SHUFFLE(0, 1, 0, 1));
+        __m128 w3 = _mm_xor_ps(_mm_shuffle_ps(first, second, _MM_SHUFFLE(2, 3, 2, 3)), allSigns);
+        splitButterfly2(a + 2 * m, q, w, w3);
+    }
+}
+
 #else
+
+void splitStageInterpolated(float* a, uint32_t points, const float* t) {
+    splitStageInterpolatedScalar(a, points, t);
+}
 
 void splitStage(float* a, uint32_t points, const float* t) {
     splitStageScalar(a, points, t);
@@ -623,7 +657,30 @@ void FftEngine::postProcess(float* a, uint32_t n) const {
     const uint32_t m = n / 2;
     const uint32_t step = 2 * nc / m;
     uint32_t idx = 0;
-    for (uint32_t j = 2; j < m; j += 2) {
+    uint32_t j = 2;
+#if DSP_FFT_SSE2
+    // Two positions at a time from each end while the pairs stay apart:
+    // j, j + 2 from below and k, k - 2 from above.
+    const __m128 imag = imagSigns();
+    const __m128 real = realSigns();
+    for (; j + 2 < m; j += 4) {
+        uint32_t k = n - j;
+        uint32_t idx1 = idx + step;
+        uint32_t idx2 = idx1 + step;
+        idx = idx2;
+        __m128 w = _mm_setr_ps(0.5f - pt[nc - idx1], pt[idx1], 0.5f - pt[nc - idx2], pt[idx2]);
+        __m128 low = _mm_loadu_ps(a + j);
+        __m128 highRaw = _mm_loadu_ps(a + k - 2);
+        __m128 high = _mm_shuffle_ps(highRaw, highRaw, _MM_SHUFFLE(1, 0, 3, 2));
+        __m128 x = _mm_add_ps(low, _mm_xor_ps(high, real));
+        __m128 y = complexMul(x, w);
+        low = _mm_sub_ps(low, y);
+        high = _mm_add_ps(high, _mm_xor_ps(y, imag));
+        _mm_storeu_ps(a + j, low);
+        _mm_storeu_ps(a + k - 2, _mm_shuffle_ps(high, high, _MM_SHUFFLE(1, 0, 3, 2)));
+    }
+#endif
+    for (; j < m; j += 2) {
         uint32_t k = n - j;
         idx += step;
         float wr = 0.5f - pt[nc - idx];
