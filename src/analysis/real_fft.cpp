@@ -16,7 +16,7 @@
 #include "fft_engine.h"
 
 #include <cmath>
-#include <utility>
+#include <cstring>
 
 #if defined(__SSE2__)
 #include <emmintrin.h>
@@ -417,7 +417,23 @@ inline void pair2(float* a) {
 
 // Four-point blocks: a single butterfly, whose quarters are single points.
 inline void quad1(float* a) {
+#if DSP_FFT_SSE2
+    // (z0, z1) and (z2, z3) give (x0, x2) and (x1, x3); the outputs are
+    // (x0 + x2, x0 - x2) and (x1 + i x3, x1 - i x3).
+    const __m128 upperSigns = _mm_castsi128_ps(_mm_setr_epi32(0, 0, INT32_MIN, INT32_MIN));
+    __m128 first = _mm_loadu_ps(a);
+    __m128 second = _mm_loadu_ps(a + 4);
+    __m128 sum = _mm_add_ps(first, second);
+    __m128 diff = _mm_sub_ps(first, second);
+    __m128 x0 = _mm_shuffle_ps(sum, sum, _MM_SHUFFLE(1, 0, 1, 0));
+    __m128 x2 = _mm_shuffle_ps(sum, sum, _MM_SHUFFLE(3, 2, 3, 2));
+    __m128 x1 = _mm_shuffle_ps(diff, diff, _MM_SHUFFLE(1, 0, 1, 0));
+    __m128 ix3 = timesI(_mm_shuffle_ps(diff, diff, _MM_SHUFFLE(3, 2, 3, 2)));
+    _mm_storeu_ps(a, _mm_add_ps(x0, _mm_xor_ps(x2, upperSigns)));
+    _mm_storeu_ps(a + 4, _mm_add_ps(x1, _mm_xor_ps(ix3, upperSigns)));
+#else
     splitButterflyPlain(a, 2);
+#endif
 }
 
 inline void quad2(float* a, float c45) {
@@ -425,8 +441,13 @@ inline void quad2(float* a, float c45) {
 }
 
 void leaf8Kind1(float* a, const LeafConstants& c) {
+#if DSP_FFT_SSE2
+    splitButterfly2(a, 4, _mm_setr_ps(1.0f, 0.0f, c.c45, c.c45),
+                    _mm_setr_ps(1.0f, 0.0f, -c.c45, c.c45));
+#else
     splitButterflyPlain(a, 4);
     splitButterfly(a + 2, 4, c.c45, c.c45, -c.c45, c.c45);
+#endif
     pair1(a);
     pair2(a + 4);
     pair1(a + 8);
@@ -435,8 +456,13 @@ void leaf8Kind1(float* a, const LeafConstants& c) {
 
 // t: the sub-table of size 8 (v^1 = e^(i pi/8) at entry 4).
 void leaf8Kind2(float* a, const float* t, const LeafConstants& c) {
+#if DSP_FFT_SSE2
+    oddButterfly2(a, 4, _mm_set1_ps(c.c45), _mm_setr_ps(1.0f, 0.0f, t[4], t[5]),
+                  _mm_setr_ps(1.0f, 0.0f, t[6], t[7]));
+#else
     oddButterfly(a, 4, c.c45, 1.0f, 0.0f, 1.0f, 0.0f);
     oddButterfly(a + 2, 4, c.c45, t[4], t[5], t[6], t[7]);
+#endif
     pair1(a);
     pair2(a + 4);
     pair1(a + 8);
@@ -444,10 +470,16 @@ void leaf8Kind2(float* a, const float* t, const LeafConstants& c) {
 }
 
 void leaf16Kind1(float* a, const LeafConstants& c) {
+#if DSP_FFT_SSE2
+    splitButterfly2(a, 8, _mm_setr_ps(1.0f, 0.0f, c.c1, c.s1), _mm_setr_ps(1.0f, 0.0f, c.c3, c.s3));
+    splitButterfly2(a + 4, 8, _mm_setr_ps(c.c45, c.c45, c.s1, c.c1),
+                    _mm_setr_ps(-c.c45, c.c45, -c.s3, -c.c3));
+#else
     splitButterflyPlain(a, 8);
     splitButterfly(a + 2, 8, c.c1, c.s1, c.c3, c.s3);
     splitButterfly(a + 4, 8, c.c45, c.c45, -c.c45, c.c45);
     splitButterfly(a + 6, 8, c.s1, c.c1, -c.s3, -c.c3);
+#endif
     quad1(a);
     quad2(a + 8, c.c45);
     quad1(a + 16);
@@ -456,10 +488,22 @@ void leaf16Kind1(float* a, const LeafConstants& c) {
 
 // t: the sub-table of size 16 (v^k = e^(i pi k/16) at entry 4k).
 void leaf16Kind2(float* a, const float* t, const LeafConstants& c) {
+#if DSP_FFT_SSE2
+    const __m128 c45 = _mm_set1_ps(c.c45);
+    __m128 t1 = _mm_loadu_ps(t + 4);
+    __m128 t2 = _mm_loadu_ps(t + 8);
+    __m128 t3 = _mm_loadu_ps(t + 12);
+    const __m128 unit = _mm_setr_ps(1.0f, 0.0f, 1.0f, 0.0f);
+    oddButterfly2(a, 8, c45, _mm_shuffle_ps(unit, t1, _MM_SHUFFLE(1, 0, 1, 0)),
+                  _mm_shuffle_ps(unit, t1, _MM_SHUFFLE(3, 2, 3, 2)));
+    oddButterfly2(a + 4, 8, c45, _mm_shuffle_ps(t2, t3, _MM_SHUFFLE(1, 0, 1, 0)),
+                  _mm_shuffle_ps(t2, t3, _MM_SHUFFLE(3, 2, 3, 2)));
+#else
     oddButterfly(a, 8, c.c45, 1.0f, 0.0f, 1.0f, 0.0f);
     oddButterfly(a + 2, 8, c.c45, t[4], t[5], t[6], t[7]);
     oddButterfly(a + 4, 8, c.c45, t[8], t[9], t[10], t[11]);
     oddButterfly(a + 6, 8, c.c45, t[12], t[13], t[14], t[15]);
+#endif
     quad1(a);
     quad2(a + 8, c.c45);
     quad1(a + 16);
@@ -502,9 +546,14 @@ void finishBlock(float* a, uint32_t points, int kind, const float* w, uint32_t n
     finishBlock(a + 3 * q, quarter, kind, w, nw, c);
 }
 
+// Swaps the complex values at float offsets i and j, moved as 8-byte units.
 inline void swapComplex(float* a, uint32_t i, uint32_t j) {
-    std::swap(a[i], a[j]);
-    std::swap(a[i + 1], a[j + 1]);
+    uint64_t x;
+    uint64_t y;
+    std::memcpy(&x, a + i, sizeof x);
+    std::memcpy(&y, a + j, sizeof y);
+    std::memcpy(a + i, &y, sizeof y);
+    std::memcpy(a + j, &x, sizeof x);
 }
 
 } // namespace
