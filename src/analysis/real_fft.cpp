@@ -121,96 +121,6 @@ inline void oddButterfly(float* a, uint32_t q, float c45, float vr, float vi, fl
     p3[1] = yr * v3i + yi * v3r;
 }
 
-// Kind-1 stage of a block of Q complex points whose sub-table `t` holds
-// w^k = e^(2 pi i k/Q) at entry 4k for 0 < k < Q/8. The second half of the
-// quarter uses the mirror w^(Q/4-k) = i conj(w^k), w^3(Q/4-k) = -i conj(w^3k).
-[[maybe_unused]] void splitStageScalar(float* a, uint32_t points, const float* t) {
-    const uint32_t quarter = points / 4;
-    const uint32_t q = 2 * quarter;
-    splitButterflyPlain(a, q);
-    if (quarter < 2) {
-        return;
-    }
-    const uint32_t half = quarter / 2;
-    for (uint32_t k = 1; k < half; ++k) {
-        float wr = t[4 * k];
-        float wi = t[4 * k + 1];
-        float w3r = t[4 * k + 2];
-        float w3i = t[4 * k + 3];
-        splitButterfly(a + 2 * k, q, wr, wi, w3r, w3i);
-        splitButterfly(a + 2 * (quarter - k), q, wi, wr, -w3i, -w3r);
-    }
-    float c45 = t[1];
-    splitButterfly(a + 2 * half, q, c45, c45, -c45, c45);
-}
-
-// Kind-1 stage from a sub-table half as fine (w^k at entry 2k for even k < Q/8);
-// odd k are interpolated: w^k = (w^(k-1) + w^(k+1)) * 0.5/cos(2 pi/Q), and
-// likewise w^3k with 0.5/cos(6 pi/Q).
-[[maybe_unused]] void splitStageInterpolatedScalar(float* a, uint32_t points, const float* t) {
-    const uint32_t quarter = points / 4;
-    const uint32_t q = 2 * quarter;
-    splitButterflyPlain(a, q);
-    if (quarter < 2) {
-        return;
-    }
-    const uint32_t half = quarter / 2;
-    const float c45 = t[1];
-    auto evenTwiddle = [&](uint32_t k, float* w) {
-        if (k == 0) {
-            w[0] = 1.0f;
-            w[1] = 0.0f;
-            w[2] = 1.0f;
-            w[3] = 0.0f;
-        } else if (k == half) {
-            w[0] = c45;
-            w[1] = c45;
-            w[2] = -c45;
-            w[3] = c45;
-        } else {
-            w[0] = t[2 * k];
-            w[1] = t[2 * k + 1];
-            w[2] = t[2 * k + 2];
-            w[3] = t[2 * k + 3];
-        }
-    };
-    const float csc1 = half > 1 ? t[2] : 0.0f;
-    const float csc3 = half > 1 ? t[3] : 0.0f;
-    float lower[4];
-    float upper[4];
-    evenTwiddle(0, lower);
-    for (uint32_t k = 1; k < half; k += 2) {
-        evenTwiddle(k + 1, upper);
-        float wr = (lower[0] + upper[0]) * csc1;
-        float wi = (lower[1] + upper[1]) * csc1;
-        float w3r = (lower[2] + upper[2]) * csc3;
-        float w3i = (lower[3] + upper[3]) * csc3;
-        splitButterfly(a + 2 * k, q, wr, wi, w3r, w3i);
-        splitButterfly(a + 2 * (quarter - k), q, wi, wr, -w3i, -w3r);
-        if (k + 1 < half) {
-            splitButterfly(a + 2 * (k + 1), q, upper[0], upper[1], upper[2], upper[3]);
-            splitButterfly(a + 2 * (quarter - k - 1), q, upper[1], upper[0], -upper[3], -upper[2]);
-        }
-        lower[0] = upper[0];
-        lower[1] = upper[1];
-        lower[2] = upper[2];
-        lower[3] = upper[3];
-    }
-    splitButterfly(a + 2 * half, q, c45, c45, -c45, c45);
-}
-
-// Kind-2 stage of a block of Q complex points whose sub-table `t` holds
-// v^k = e^(i pi k/Q) at entry 4k for 0 < k < Q/4.
-[[maybe_unused]] void oddStageScalar(float* a, uint32_t points, const float* t) {
-    const uint32_t quarter = points / 4;
-    const uint32_t q = 2 * quarter;
-    const float c45 = t[1];
-    oddButterfly(a, q, c45, 1.0f, 0.0f, 1.0f, 0.0f);
-    for (uint32_t k = 1; k < quarter; ++k) {
-        oddButterfly(a + 2 * k, q, c45, t[4 * k], t[4 * k + 1], t[4 * k + 2], t[4 * k + 3]);
-    }
-}
-
 #if DSP_FFT_SSE2
 
 // Two complex values per vector: (r0, i0, r1, i1). The vector kernels do the
@@ -356,16 +266,96 @@ void splitStageInterpolated(float* a, uint32_t points, const float* t) {
 
 #else
 
-void splitStageInterpolated(float* a, uint32_t points, const float* t) {
-    splitStageInterpolatedScalar(a, points, t);
-}
+// Portable stages, one position at a time.
 
+// Kind-1 stage of a block of Q complex points whose sub-table `t` holds
+// w^k = e^(2 pi i k/Q) at entry 4k for 0 < k < Q/8. The second half of the
+// quarter uses the mirror w^(Q/4-k) = i conj(w^k), w^3(Q/4-k) = -i conj(w^3k).
 void splitStage(float* a, uint32_t points, const float* t) {
-    splitStageScalar(a, points, t);
+    const uint32_t quarter = points / 4;
+    const uint32_t q = 2 * quarter;
+    splitButterflyPlain(a, q);
+    if (quarter < 2) {
+        return;
+    }
+    const uint32_t half = quarter / 2;
+    for (uint32_t k = 1; k < half; ++k) {
+        float wr = t[4 * k];
+        float wi = t[4 * k + 1];
+        float w3r = t[4 * k + 2];
+        float w3i = t[4 * k + 3];
+        splitButterfly(a + 2 * k, q, wr, wi, w3r, w3i);
+        splitButterfly(a + 2 * (quarter - k), q, wi, wr, -w3i, -w3r);
+    }
+    float c45 = t[1];
+    splitButterfly(a + 2 * half, q, c45, c45, -c45, c45);
 }
 
+// Kind-1 stage from a sub-table half as fine (w^k at entry 2k for even k < Q/8);
+// odd k are interpolated: w^k = (w^(k-1) + w^(k+1)) * 0.5/cos(2 pi/Q), and
+// likewise w^3k with 0.5/cos(6 pi/Q).
+void splitStageInterpolated(float* a, uint32_t points, const float* t) {
+    const uint32_t quarter = points / 4;
+    const uint32_t q = 2 * quarter;
+    splitButterflyPlain(a, q);
+    if (quarter < 2) {
+        return;
+    }
+    const uint32_t half = quarter / 2;
+    const float c45 = t[1];
+    auto evenTwiddle = [&](uint32_t k, float* w) {
+        if (k == 0) {
+            w[0] = 1.0f;
+            w[1] = 0.0f;
+            w[2] = 1.0f;
+            w[3] = 0.0f;
+        } else if (k == half) {
+            w[0] = c45;
+            w[1] = c45;
+            w[2] = -c45;
+            w[3] = c45;
+        } else {
+            w[0] = t[2 * k];
+            w[1] = t[2 * k + 1];
+            w[2] = t[2 * k + 2];
+            w[3] = t[2 * k + 3];
+        }
+    };
+    const float csc1 = half > 1 ? t[2] : 0.0f;
+    const float csc3 = half > 1 ? t[3] : 0.0f;
+    float lower[4];
+    float upper[4];
+    evenTwiddle(0, lower);
+    for (uint32_t k = 1; k < half; k += 2) {
+        evenTwiddle(k + 1, upper);
+        float wr = (lower[0] + upper[0]) * csc1;
+        float wi = (lower[1] + upper[1]) * csc1;
+        float w3r = (lower[2] + upper[2]) * csc3;
+        float w3i = (lower[3] + upper[3]) * csc3;
+        splitButterfly(a + 2 * k, q, wr, wi, w3r, w3i);
+        splitButterfly(a + 2 * (quarter - k), q, wi, wr, -w3i, -w3r);
+        if (k + 1 < half) {
+            splitButterfly(a + 2 * (k + 1), q, upper[0], upper[1], upper[2], upper[3]);
+            splitButterfly(a + 2 * (quarter - k - 1), q, upper[1], upper[0], -upper[3], -upper[2]);
+        }
+        lower[0] = upper[0];
+        lower[1] = upper[1];
+        lower[2] = upper[2];
+        lower[3] = upper[3];
+    }
+    splitButterfly(a + 2 * half, q, c45, c45, -c45, c45);
+}
+
+// Kind-2 stage of a block of Q complex points whose sub-table `t` holds
+// v^k = e^(i pi k/Q) at entry 4k for 0 < k < Q/4.
 void oddStage(float* a, uint32_t points, const float* t) {
-    oddStageScalar(a, points, t);
+    const uint32_t quarter = points / 4;
+    const uint32_t q = 2 * quarter;
+    const float c45 = t[1];
+    oddButterfly(a, q, c45, 1.0f, 0.0f, 1.0f, 0.0f);
+    for (uint32_t k = 1; k < quarter; ++k) {
+        oddButterfly(a + 2 * k, q, c45, t[4 * k], t[4 * k + 1], t[4 * k + 2], t[4 * k + 3]);
+    }
 }
 
 #endif
