@@ -180,6 +180,18 @@ TEST(FftEngine, SetupComputesTheShiftedHannWindowAndFloor) {
     EXPECT_GT(engine->window[0], 0.0f);
 }
 
+TEST(FftEngine, SetupRefusesSizesTheTransformDoesNotSupport) {
+    auto engine = makeEngine();
+    ASSERT_NE(engine, nullptr);
+    for (uint32_t n : {0u, 2u, 3u, 96u, 65536u}) {
+        EXPECT_FALSE(engine->setup(1, 65536, n, 120.0f)) << n;
+        EXPECT_EQ(engine->ready, 0);
+    }
+    ASSERT_TRUE(engine->setup(16, 64, 64, 120.0f));
+    EXPECT_FALSE(engine->setup(16, 64, 48, 120.0f));
+    EXPECT_EQ(engine->fftSize, 64u);
+}
+
 TEST(FftEngine, SilenceReadsTheFloorInEveryBin) {
     for (uint32_t n : {4u, 16u, 256u, 4096u}) {
         auto engine = makeBlockEngine();

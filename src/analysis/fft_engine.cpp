@@ -32,6 +32,9 @@ void FftEngine::freeBuffers() {
 
 bool FftEngine::setup(uint32_t newHop, uint32_t newHistoryLength, uint32_t newFftSize,
                       float rangeDb) {
+    if (!isSupportedFftSize(newFftSize)) {
+        return false;
+    }
     floorDb = -rangeDb;
     hop = newHop;
     if (ready == 0 || newHistoryLength > historyLength) {
@@ -70,6 +73,10 @@ bool FftEngine::setup(uint32_t newHop, uint32_t newHistoryLength, uint32_t newFf
 }
 
 void FftEngine::loadFrame(const float* in) {
+    // A history shorter than the hop or the transform cannot be slid.
+    if (hop > historyLength || fftSize > historyLength) {
+        return;
+    }
     const uint32_t keep = keepCount;
     // Move the newest samples to the front. The source lies above the
     // destination, so an ascending copy is safe: the 16-byte block copy is

@@ -32,9 +32,10 @@ public:
 
     // Allocates (or reuses, when large enough) the buffers, computes the
     // window and sets floorDb = -rangeDb. Buffers only grow. Returns false,
-    // with every buffer freed and ready 0, when an allocation fails. The
-    // caller keeps to the limits: fftSize a power of two in 4..32768, and for
-    // the sliding variant historyLength >= fftSize and >= hop.
+    // changing nothing, for a size that is not a power of two in 4..32768,
+    // and, with every buffer freed and ready 0, when an allocation fails.
+    // The sliding variant needs historyLength >= fftSize and >= hop (a frame
+    // loaded otherwise leaves everything as it was).
     bool setup(uint32_t hop, uint32_t historyLength, uint32_t fftSize, float rangeDb);
 
     // loadFrame(in), then the forward real transform of `frame` in place.
