@@ -36,10 +36,11 @@ std::vector<float> randomSignal(uint32_t n, uint32_t seed) {
     return x;
 }
 
-// Bound on the error of any output value: 2^-20 * max|x| * sqrt(N) * log2(N),
-// a few float roundings per stage on values of the size of the outputs.
+// Bound on the error of any output value: 2^-22 * max|x| * sqrt(N) * log2(N),
+// a few float roundings per stage on values of the size of the outputs (the
+// errors seen stay below a quarter of it).
 double errorBound(uint32_t n, double maxAbs) {
-    return std::ldexp(1.0, -20) * maxAbs * std::sqrt(static_cast<double>(n)) *
+    return std::ldexp(1.0, -22) * maxAbs * std::sqrt(static_cast<double>(n)) *
            std::log2(static_cast<double>(n));
 }
 
