@@ -151,7 +151,10 @@ protected:
         if (!dsptest::commandAvailable("python3")) {
             GTEST_SKIP() << "python3 is not installed";
         }
-        script_ = dsptest::wavefileTempPath("python_tool.py");
+        // One script per test: ctest runs tests in parallel processes.
+        script_ = dsptest::wavefileTempPath(
+            std::string("python_tool_") +
+            ::testing::UnitTest::GetInstance()->current_test_info()->name() + ".py");
         std::ofstream(script_) << kPythonTool;
     }
     void TearDown() override { std::remove(script_.c_str()); }
