@@ -1,9 +1,12 @@
-// The parts of the harmonic generator: the transfer curve, the delay line,
-// the cutoff detection and the mixing kernels, each against a direct model.
+// The harmonic generator and its parts: the transfer curve, the delay line,
+// the cutoff detection and the mixing kernels, each against a direct model,
+// and the generator against a composition of separately driven parts.
 #include "rate/cutoff_detector.h"
 #include "rate/delay_line.h"
+#include "rate/harmonic_generator.h"
 #include "rate/harmonic_mix.h"
 #include "rate/transfer_curve.h"
+#include "support/kaiser_fir_model.h"
 #include "support/simd_guard.h"
 
 #include <gtest/gtest.h>
@@ -18,6 +21,8 @@ namespace {
 
 using dsp::CurveNode;
 using dsp::TransferCurve;
+using dsptest::FirModel;
+using dsptest::FirPath;
 
 std::vector<float> noise(size_t n, uint32_t seed, float amplitude = 1.0f) {
     std::mt19937 rng(seed);
@@ -289,6 +294,234 @@ TEST(HarmonicMix, SwitchesSelectTheKernel) {
         for (int i = 0; i < 12; ++i) {
             EXPECT_NEAR(viaSwitch[i], out0[i] + 0.731 * band[i], 1e-6);
         }
+    }
+}
+
+// ---- The generator ----
+
+using dsp::HarmonicGenerator;
+
+constexpr uint32_t kBlock = 256;
+
+// A signal mostly above 5 kHz at 48 kHz, small enough that the band stays
+// inside +-1.
+std::vector<float> brightSignal(size_t n, float amplitude) {
+    std::vector<float> v(n);
+    for (size_t t = 0; t < n; ++t) {
+        v[t] = amplitude * static_cast<float>(0.6 * std::sin(2 * M_PI * 9000.0 * t / 48000.0) +
+                                              0.4 * std::sin(2 * M_PI * 2500.0 * t / 48000.0));
+    }
+    return v;
+}
+
+void setUpGenerator(HarmonicGenerator& g, float harmonics, float mix, uint32_t mode,
+                    uint32_t frames = kBlock) {
+    ASSERT_EQ(g.setup(frames, 48000, harmonics, mix, 5000, mode, 16), 1u);
+}
+
+TEST(HarmonicGenerator, SetupSizesFiltersDelayAndCurve) {
+    HarmonicGenerator g;
+    setUpGenerator(g, 0.4f, 35.0f, 1);
+    EXPECT_EQ(g.ready, 1);
+    EXPECT_EQ(g.frames, kBlock);
+    EXPECT_EQ(g.mixGain, static_cast<float>(35.0 * 0.01));
+    EXPECT_EQ(g.hpCutoffHz, 5000.0f);
+    EXPECT_EQ(g.bandFilter.taps, 16);
+    EXPECT_EQ(g.bandFilter.edgeHz, 19000.0f);
+    EXPECT_EQ(g.limitFilter.taps, 32);
+    EXPECT_EQ(g.limitFilter.edgeHz, 19000.0f);
+    EXPECT_EQ(g.dryDelay.length, 16u);
+    EXPECT_EQ(g.analyzer.fftSize, 256u);
+    EXPECT_EQ(g.analyzer.hop, kBlock);
+    EXPECT_EQ(g.analyzer.historyLength, 597u); // trunc(256 * 2.3333)
+    EXPECT_EQ(g.curve.count, static_cast<int32_t>(modelCurve(0.4f).size()));
+    for (float* buffer : {g.band, g.shaped, g.spectrumDb}) {
+        ASSERT_NE(buffer, nullptr);
+        EXPECT_EQ(reinterpret_cast<uintptr_t>(buffer) % 16, 0u);
+    }
+
+    // Same bend: the curve and its cursor stay; a smaller block keeps the buffers.
+    const CurveNode* head = g.curve.head;
+    float* band = g.band;
+    setUpGenerator(g, 0.4f, 10.0f, 0, 128);
+    EXPECT_EQ(g.curve.head, head);
+    EXPECT_EQ(g.band, band);
+    EXPECT_EQ(g.dryDelay.length, 8u);
+    // Tiny blocks still give the analyzer a whole transform of history.
+    EXPECT_EQ(g.analyzer.historyLength, 298u);
+    setUpGenerator(g, 0.4f, 10.0f, 0, 20);
+    EXPECT_EQ(g.analyzer.historyLength, 256u);
+    // A new bend rebuilds the curve; other modes leave the delay alone.
+    ASSERT_EQ(g.setup(kBlock, 48000, -1.0f, 10.0f, 5000, 7, 16), 1u);
+    EXPECT_EQ(g.curve.count, 47);
+    EXPECT_EQ(g.dryDelay.length, 8u);
+}
+
+TEST(HarmonicGenerator, ZeroBendLeavesTheInputDelayed) {
+    for (uint32_t mode : {0u, 1u}) {
+        for (bool detecting : {false, true}) {
+            HarmonicGenerator g;
+            setUpGenerator(g, 0.0f, 80.0f, mode);
+            const std::vector<float> in = brightSignal(3 * kBlock, 0.4f);
+            std::vector<float> out(in.size(), 9.0f);
+            for (uint32_t b = 0; b < 3; ++b) {
+                if (detecting) {
+                    g.processDetecting(in.data() + b * kBlock, out.data() + b * kBlock, kBlock);
+                } else {
+                    g.process(in.data() + b * kBlock, out.data() + b * kBlock, 12000.0f, kBlock);
+                }
+            }
+            const size_t delay = mode == 1 ? 16 : 8;
+            for (size_t t = 0; t < in.size(); ++t) {
+                ASSERT_EQ(out[t], t < delay ? 0.0f : in[t - delay]) << mode << " " << t;
+            }
+        }
+    }
+}
+
+TEST(HarmonicGenerator, EmptyBlockChangesNothing) {
+    HarmonicGenerator g;
+    setUpGenerator(g, 0.5f, 50.0f, 1);
+    const std::vector<float> in = brightSignal(kBlock, 0.4f);
+    std::vector<float> out(kBlock);
+    g.processDetecting(in.data(), out.data(), kBlock);
+    const float cutoff = g.cutoffHz;
+    const uint32_t bandPosition = g.bandFilter.position;
+    const int32_t delayIndex = g.dryDelay.index;
+    const CurveNode* cursor = g.curve.cursor;
+    const std::vector<float> history(g.analyzer.history,
+                                     g.analyzer.history + g.analyzer.historyLength);
+    float sentinel = 5.0f;
+    g.processDetecting(in.data(), &sentinel, 0);
+    g.process(in.data(), &sentinel, cutoff, 0);
+    EXPECT_EQ(sentinel, 5.0f);
+    EXPECT_EQ(g.bandFilter.position, bandPosition);
+    EXPECT_EQ(g.dryDelay.index, delayIndex);
+    EXPECT_EQ(g.curve.cursor, cursor);
+    EXPECT_EQ(std::vector<float>(g.analyzer.history, g.analyzer.history + g.analyzer.historyLength),
+              history);
+}
+
+// The generator against separately driven parts: the band filter and the
+// limit filter by the FIR model, the shaper by its own curve, the delay and
+// the mix written out (plain path).
+TEST(HarmonicGenerator, ProcessMatchesItsPartsComposedByHand) {
+    for (uint32_t mode : {0u, 1u}) {
+        HarmonicGenerator g;
+        setUpGenerator(g, 0.8f, 60.0f, mode);
+        FirModel bandModel(dsptest::kaiserCoefficients(100.0, 16, true, 48000.0, 5000.0));
+        FirModel limitModel(dsptest::kaiserCoefficients(100.0, 32, true, 48000.0, 5000.0));
+        TransferCurve curve;
+        ASSERT_TRUE(curve.build(0.8f));
+        std::vector<float> past(16, 0.0f);
+        const std::vector<float> in = noise(4 * kBlock, 77, 0.9f);
+        const float cutoffs[] = {16500.0f, 20000.0f, 17062.5f, 23812.5f};
+        for (uint32_t b = 0; b < 4; ++b) {
+            std::vector<float> out(kBlock);
+            const float* block = in.data() + b * kBlock;
+            const uint32_t n = b == 2 ? 100 : kBlock; // a short block too
+            g.process(block, out.data(), cutoffs[b], n);
+            EXPECT_EQ(g.cutoffHz, cutoffs[b]);
+            limitModel.setCoefficients(
+                dsptest::kaiserCoefficients(100.0, 32, true, 48000.0, cutoffs[b]));
+            for (uint32_t i = 0; i < n; ++i) {
+                const float filtered = bandModel.step(block[i], FirPath::kPlain);
+                float shaped = 0.0f;
+                curve.shape(&filtered, &shaped, 1);
+                float part = static_cast<float>(static_cast<double>(shaped) - filtered);
+                if (mode == 1) {
+                    part = limitModel.step(part, FirPath::kPlain);
+                }
+                past.push_back(block[i]);
+                const float dry = past[past.size() - 1 - (mode == 1 ? 16 : 8)];
+                const float expected =
+                    static_cast<float>(dry + static_cast<double>(g.mixGain) * part);
+                ASSERT_EQ(out[i], expected) << mode << " " << b << " " << i;
+            }
+        }
+    }
+}
+
+TEST(HarmonicGenerator, DetectingAnalysesEachBlockWithTheSlidingSpectrum) {
+    HarmonicGenerator g;
+    setUpGenerator(g, 0.8f, 60.0f, 1);
+    dsp::FftEngine reference;
+    ASSERT_TRUE(reference.setup(kBlock, 597, 256, 120.0f));
+    std::vector<float> db(128);
+    HarmonicGenerator supplied;
+    setUpGenerator(supplied, 0.8f, 60.0f, 1);
+    // Silence first, then a signal band-limited by a sharp cut.
+    std::vector<float> in(4 * kBlock, 0.0f);
+    for (size_t t = 2 * kBlock; t < in.size(); ++t) {
+        in[t] = static_cast<float>(0.5 * std::sin(2 * M_PI * 3000.0 * t / 48000.0));
+    }
+    for (uint32_t b = 0; b < 4; ++b) {
+        const float* block = in.data() + b * kBlock;
+        reference.analyze(block);
+        reference.magnitudesDb(db.data());
+        const float expected = dsp::detectCutoff(db.data(), 128, 48000);
+        std::vector<float> out(kBlock);
+        std::vector<float> viaCutoff(kBlock);
+        g.processDetecting(block, out.data(), kBlock);
+        supplied.process(block, viaCutoff.data(), expected, kBlock);
+        EXPECT_EQ(g.cutoffHz, expected) << b;
+        EXPECT_EQ(out, viaCutoff) << b;
+        if (b < 2) {
+            EXPECT_EQ(g.cutoffHz, 23812.5f);
+        }
+    }
+    // Mode 0 neither analyses nor limits.
+    g.setActiveMode(0);
+    const float before = g.cutoffHz;
+    std::vector<float> out(kBlock);
+    g.processDetecting(in.data(), out.data(), kBlock);
+    EXPECT_EQ(g.cutoffHz, before);
+    EXPECT_EQ(g.dryDelay.length, 16u);
+}
+
+TEST(HarmonicGenerator, SimdPathsAgreeWithPlainUpToRounding) {
+    dsptest::SimdGuard guard;
+    const std::vector<float> in = noise(3 * kBlock, 5, 0.8f);
+    std::vector<float> plain(in.size());
+    for (uint32_t mode : {0u, 1u}) {
+        dsptest::SimdGuard::set(false, false, false);
+        HarmonicGenerator reference;
+        setUpGenerator(reference, 0.7f, 100.0f, mode);
+        for (uint32_t b = 0; b < 3; ++b) {
+            reference.process(in.data() + b * kBlock, plain.data() + b * kBlock, 15000.0f, 12);
+        }
+        for (int path = 1; path <= 2; ++path) {
+            dsptest::SimdGuard::set(false, path == 1, path == 2);
+            HarmonicGenerator g;
+            setUpGenerator(g, 0.7f, 100.0f, mode);
+            std::vector<float> out(in.size());
+            for (uint32_t b = 0; b < 3; ++b) {
+                g.process(in.data() + b * kBlock, out.data() + b * kBlock, 15000.0f, 12);
+            }
+            for (uint32_t b = 0; b < 3; ++b) {
+                for (uint32_t i = 0; i < 12; ++i) {
+                    const size_t t = b * kBlock + i;
+                    EXPECT_NEAR(out[t], plain[t], 1e-5f) << path << " " << t;
+                }
+            }
+        }
+    }
+}
+
+TEST(HarmonicGenerator, MixAndBendSettersActAtOnce) {
+    HarmonicGenerator g;
+    setUpGenerator(g, 0.0f, 50.0f, 0);
+    g.setMix(0.0f);
+    EXPECT_EQ(g.mixGain, 0.0f);
+    ASSERT_TRUE(g.setHarmonics(-1.0f));
+    EXPECT_EQ(g.harmonics, -1.0f);
+    EXPECT_EQ(g.curve.count, 47);
+    // With no mix the output is the delayed input whatever the bend.
+    const std::vector<float> in = noise(kBlock, 8);
+    std::vector<float> out(kBlock);
+    g.process(in.data(), out.data(), 0.0f, kBlock);
+    for (size_t t = 8; t < kBlock; ++t) {
+        ASSERT_EQ(out[t], in[t - 8]);
     }
 }
 
