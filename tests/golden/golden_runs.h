@@ -3,7 +3,8 @@
 // registered run under every SIMD setting and prints one digest line per run
 // and setting; scripts/compare-builds.sh compares the lines of two builds.
 //
-// A family adds its runs in a file tests/golden/golden_<family>.cpp:
+// A family adds its runs in a file tests/golden/golden_<family>.cpp, which is
+// built once src/exports/<family>_exports.cpp exists:
 //
 //     GOLDEN_RUN(chorusStereo) {
 //         void* h = initChorus(...);
@@ -17,6 +18,7 @@
 // the pool and the results are the same whatever ran before.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -72,6 +74,25 @@ std::vector<int16_t> testSignal(size_t frames, uint32_t channels, uint32_t seed)
 // Float signal in roughly [-1.25, 1.25] from the same generator, with a NaN
 // and exact +-1.0, +-0.5 among the first samples.
 std::vector<float> testFloats(size_t count, uint32_t seed);
+
+// Feeds `blocks` blocks of `frames` frames of the test signal (the last one
+// 37 frames shorter) to `process(src, dst, bytes)`, a do... call bound to a
+// handle, with `dstBytes` of output room per block; every return value and
+// every byte of the output buffers goes into `out`.
+template <typename Process>
+void feedBlocks(Sink& out, uint32_t channels, uint32_t frames, int blocks, size_t dstBytes,
+                Process process) {
+    std::vector<int16_t> signal = testSignal(static_cast<size_t>(frames) * blocks, channels, 5);
+    std::vector<int16_t> dst((dstBytes + 1) / 2);
+    for (int b = 0; b < blocks; ++b) {
+        uint32_t blockFrames = b == blocks - 1 && frames > 37 ? frames - 37 : frames;
+        std::fill(dst.begin(), dst.end(), static_cast<int16_t>(0x1234));
+        uint32_t result = process(signal.data() + static_cast<size_t>(b) * frames * channels,
+                                  dst.data(), blockFrames * channels * 2);
+        out.value(result);
+        out.samples(dst);
+    }
+}
 
 } // namespace golden
 
