@@ -74,6 +74,16 @@ TEST(PortableMath, TangentWithinTwoUlp) {
     EXPECT_LE(worstError(dsp::pm::tan, tanRef, 0.0001, 50.0, 100001), 2.0);
 }
 
+TEST(PortableMath, ArctangentWithinOneUlp) {
+    auto atanRef = [](long double x) { return std::atan(x); };
+    EXPECT_LE(worstError(dsp::pm::atan, atanRef, -3.0, 3.0, 200001), 1.0);
+    EXPECT_LE(worstError(dsp::pm::atan, atanRef, -1e6, 1e6, 200001), 1.0);
+    EXPECT_EQ(dsp::pm::atan(0.0), 0.0);
+    EXPECT_EQ(dsp::pm::atan(1e300), 1.5707963267948966);
+    EXPECT_EQ(dsp::pm::atan(-std::numeric_limits<double>::infinity()), -1.5707963267948966);
+    EXPECT_TRUE(std::isnan(dsp::pm::atan(std::numeric_limits<double>::quiet_NaN())));
+}
+
 TEST(PortableMath, ExpAndLogWithinOneUlp) {
     auto expRef = [](long double x) { return std::exp(x); };
     auto logRef = [](long double x) { return std::log(x); };

@@ -2,7 +2,7 @@
 // reduction by pi/2 (Cody-Waite, three parts), minimax kernels for sin and
 // cos on [-pi/4, pi/4], exp by reduction to |r| <= ln2/2 and a rational
 // kernel, log by reduction to [sqrt(2)/2, sqrt(2)] and a series in
-// s = f / (2 + f).
+// s = f / (2 + f), atan by reduction to |x| < 7/16 around four break points.
 #include "portable_math.h"
 
 #include <cmath>
@@ -168,6 +168,59 @@ double tan(double x) {
     double s = kernelSin(y0, y1);
     double c = kernelCos(y0, y1);
     return (n & 1) == 0 ? s / c : -c / s;
+}
+
+double atan(double x) {
+    static const double atanHi[] = {4.63647609000806093515e-01, 7.85398163397448278999e-01,
+                                    9.82793723247329054082e-01, 1.57079632679489655800e+00};
+    static const double atanLo[] = {2.26987774529616870924e-17, 3.06161699786838301793e-17,
+                                    1.39033110312309984516e-17, 6.12323399573676603587e-17};
+    static const double aT[] = {
+        3.33333333333329318027e-01,  -1.99999999998764832476e-01, 1.42857142725034663711e-01,
+        -1.11111104054623557880e-01, 9.09088713343650656196e-02,  -7.69187620504482999495e-02,
+        6.66107313738753120669e-02,  -5.83357013379057348645e-02, 4.97687799461593236017e-02,
+        -3.65315727442169155270e-02, 1.62858201153657823623e-02};
+    uint32_t hx = highWord(x);
+    uint32_t ix = hx & 0x7fffffffu;
+    if (ix >= 0x44100000u) { // |x| >= 2^66
+        if (x != x) {
+            return x + x;
+        }
+        return (hx >> 31) != 0 ? -(atanHi[3] + atanLo[3]) : atanHi[3] + atanLo[3];
+    }
+    int id;
+    if (ix < 0x3fdc0000u) { // |x| < 0.4375
+        if (ix < 0x3e200000u) {
+            return x;
+        }
+        id = -1;
+    } else {
+        x = std::fabs(x);
+        if (ix < 0x3ff30000u) {     // |x| < 1.1875
+            if (ix < 0x3fe60000u) { // 7/16 <= |x| < 11/16
+                id = 0;
+                x = (2.0 * x - 1.0) / (2.0 + x);
+            } else { // 11/16 <= |x| < 19/16
+                id = 1;
+                x = (x - 1.0) / (x + 1.0);
+            }
+        } else if (ix < 0x40038000u) { // |x| < 2.4375
+            id = 2;
+            x = (x - 1.5) / (1.0 + 1.5 * x);
+        } else {
+            id = 3;
+            x = -1.0 / x;
+        }
+    }
+    double z = x * x;
+    double w = z * z;
+    double s1 = z * (aT[0] + w * (aT[2] + w * (aT[4] + w * (aT[6] + w * (aT[8] + w * aT[10])))));
+    double s2 = w * (aT[1] + w * (aT[3] + w * (aT[5] + w * (aT[7] + w * aT[9]))));
+    if (id < 0) {
+        return x - x * (s1 + s2);
+    }
+    z = atanHi[id] - ((x * (s1 + s2) - atanLo[id]) - x);
+    return (hx >> 31) != 0 ? -z : z;
 }
 
 double exp(double x) {

@@ -14,6 +14,7 @@ namespace pm {
 double sin(double x);
 double cos(double x);
 double tan(double x);
+double atan(double x);
 double exp(double x);
 double log(double x);
 double log10(double x);

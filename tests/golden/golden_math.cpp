@@ -12,6 +12,7 @@ GOLDEN_RUN(portableMath) {
         out.value(dsp::pm::sin(x));
         out.value(dsp::pm::cos(x));
         out.value(dsp::pm::tan(x));
+        out.value(dsp::pm::atan(x * 0.3));
         out.value(dsp::pm::exp(x * 0.05));
         out.value(dsp::pm::sinh(x * 0.01));
         out.value(dsp::pm::cosh(x * 0.01));
