@@ -31,16 +31,19 @@ fi
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 
+# Runs a build's dsp_golden inside the scratch directory (some runs write
+# files there).
 run_golden() {
-    local build=$1
+    local build
+    build=$(cd "$1" && pwd)
     if [[ -x $build/bin/dsp_golden ]]; then
-        "$build/bin/dsp_golden"
+        (cd "$scratch" && "$build/bin/dsp_golden")
     elif [[ -f $build/bin/dsp_golden.exe ]]; then
         [[ -n $dsp_wine ]] || {
-            echo "compare-builds: wine64 is needed for $build" >&2
+            echo "compare-builds: wine64 is needed for $1" >&2
             return 1
         }
-        "$dsp_wine" "$build/bin/dsp_golden.exe" | tr -d '\r'
+        (cd "$scratch" && "$dsp_wine" "$build/bin/dsp_golden.exe") | tr -d '\r'
     else
         echo "compare-builds: no dsp_golden in $build/bin (build it first)" >&2
         return 1
@@ -49,26 +52,26 @@ run_golden() {
 
 status=0
 reference=${builds[0]}
-run_golden "$reference" >"$scratch/0"
-runs=$(wc -l <"$scratch/0")
+run_golden "$reference" >"$scratch/out.0"
+runs=$(wc -l <"$scratch/out.0")
 for i in "${!builds[@]}"; do
     ((i > 0)) || continue
     build=${builds[$i]}
-    run_golden "$build" >"$scratch/$i"
-    differing=$(diff <(awk '{print $1, $2, $3, $4}' "$scratch/0") \
-        <(awk '{print $1, $2, $3, $4}' "$scratch/$i") | grep -c '^>' || true)
+    run_golden "$build" >"$scratch/out.$i"
+    differing=$(diff <(awk '{print $1, $2, $3, $4}' "$scratch/out.0") \
+        <(awk '{print $1, $2, $3, $4}' "$scratch/out.$i") | grep -c '^>' || true)
     if ((differing == 0)); then
         echo "SAME $build: all $runs digests equal those of $reference"
     else
         status=1
         echo "DIFF $build: $differing of $runs digests differ from $reference (setting, run):"
         # Lines as "setting run" pairs, one per differing digest.
-        join -j1 <(awk '{print $1 "/" $2, $4}' "$scratch/0" | sort) \
-            <(awk '{print $1 "/" $2, $4}' "$scratch/$i" | sort) |
+        join -j1 <(awk '{print $1 "/" $2, $4}' "$scratch/out.0" | sort) \
+            <(awk '{print $1 "/" $2, $4}' "$scratch/out.$i" | sort) |
             awk '$2 != $3 {print "  " $1}'
         # Runs present in only one of the two programs.
-        comm -3 <(awk '{print $1 "/" $2}' "$scratch/0" | sort) \
-            <(awk '{print $1 "/" $2}' "$scratch/$i" | sort) | sed 's/^[[:space:]]*/  only in one build: /'
+        comm -3 <(awk '{print $1 "/" $2}' "$scratch/out.0" | sort) \
+            <(awk '{print $1 "/" $2}' "$scratch/out.$i" | sort) | sed 's/^[[:space:]]*/  only in one build: /'
     fi
 done
 if ((status != 0 && report_only)); then
