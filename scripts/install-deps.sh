@@ -1,8 +1,13 @@
 #!/usr/bin/env bash
 # Installs what the build and the tests need on a fresh Debian machine
 # (as root). Packages already present are left alone.
+#   g++-multilib        the 32-bit Linux build
+#   googletest          GoogleTest sources, built inside the 32-bit and Windows builds
+#   mingw-w64           the Windows cross-builds (i686 and x86_64 dsp.dll)
+#   wine64              runs the 64-bit Windows test suite
 set -euo pipefail
-packages=(g++ cmake make libgtest-dev libbenchmark-dev "$@")
+packages=(g++ cmake make libgtest-dev libbenchmark-dev
+    g++-multilib googletest mingw-w64 wine64 "$@")
 missing=()
 for p in "${packages[@]}"; do
     dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")
@@ -10,5 +15,5 @@ done
 if ((${#missing[@]})); then
     export DEBIAN_FRONTEND=noninteractive
     apt-get update -qq
-    apt-get install -y -qq "${missing[@]}"
+    apt-get install -y -qq --no-install-recommends "${missing[@]}"
 fi

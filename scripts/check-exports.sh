@@ -1,0 +1,114 @@
+#!/usr/bin/env bash
+# Compares the functions a built library exports with the ones declared in
+# include/dsp.h: none may be missing and none extra.
+#
+# Usage: scripts/check-exports.sh [--allow-missing] FILE...
+#   FILE is a shared library (.so, read with nm -D), a Windows DLL (.dll,
+#   read with objdump -p) or a module definition file (.def).
+#   --allow-missing  report declared names that are not exported without
+#                    failing (extra names still fail).
+# Prints the differences per file; exits 1 on any failure, 2 on bad usage.
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+header=${DSP_HEADER:-$root/include/dsp.h}
+
+allow_missing=0
+files=()
+for arg in "$@"; do
+    case $arg in
+    --allow-missing) allow_missing=1 ;;
+    -h | --help)
+        sed -n '2,11p' "$0" | sed 's/^# \{0,1\}//'
+        exit 0
+        ;;
+    -*)
+        echo "check-exports: unknown option $arg" >&2
+        exit 2
+        ;;
+    *) files+=("$arg") ;;
+    esac
+done
+if ((${#files[@]} == 0)); then
+    echo "usage: $0 [--allow-missing] LIBRARY|DEF..." >&2
+    exit 2
+fi
+
+# Declarations start a line with DSP_API; the name is the identifier right
+# before the opening parenthesis.
+declared_names() {
+    grep -E '^DSP_API[[:space:]]' "$header" |
+        sed -E 's/^([^(]*[^A-Za-z0-9_(])([A-Za-z_][A-Za-z0-9_]*)[[:space:]]*\(.*/\2/' | sort -u
+}
+
+objdump_for() {
+    # The host objdump reads PE files when built with those targets; the
+    # mingw-w64 one always does.
+    local candidate
+    for candidate in objdump x86_64-w64-mingw32-objdump i686-w64-mingw32-objdump; do
+        if command -v "$candidate" >/dev/null && "$candidate" -p "$1" >/dev/null 2>&1; then
+            echo "$candidate"
+            return 0
+        fi
+    done
+    return 1
+}
+
+exported_names() {
+    local file=$1
+    case $file in
+    *.dll | *.DLL)
+        local tool
+        tool=$(objdump_for "$file") || {
+            echo "check-exports: no objdump reads $file" >&2
+            return 1
+        }
+        # The export name table: lines "[ ordinal] name" after its heading.
+        "$tool" -p "$file" | awk '
+            /^\[Ordinal\/Name Pointer\] Table/ { inTable = 1; next }
+            inTable && /^[[:space:]]*\[[[:space:]]*[0-9]+\][[:space:]]+/ { print $NF; next }
+            inTable && NF == 0 { inTable = 0 }'
+        ;;
+    *.def)
+        awk 'toupper($1) == "EXPORTS" { inExports = 1; next }
+             inExports && $1 ~ /^[A-Za-z_][A-Za-z0-9_]*$/ && $1 !~ /^;/ { print $1 }' "$file"
+        ;;
+    *)
+        # Defined dynamic symbols of function type (plain, weak, indirect).
+        nm -D --defined-only "$file" | awk '$2 ~ /^[TtWi]$/ { print $3 }' | sed 's/@.*//'
+        ;;
+    esac | sort -u
+}
+
+declared=$(declared_names)
+declared_count=$(grep -c . <<<"$declared")
+status=0
+for file in "${files[@]}"; do
+    if [[ ! -f $file ]]; then
+        echo "FAIL $file: no such file"
+        status=1
+        continue
+    fi
+    exported=$(exported_names "$file") || {
+        status=1
+        continue
+    }
+    missing=$(comm -23 <(echo "$declared") <(echo "$exported") | grep . || true)
+    extra=$(comm -13 <(echo "$declared") <(echo "$exported") | grep . || true)
+    missing_count=$(grep -c . <<<"$missing" || true)
+    extra_count=$(grep -c . <<<"$extra" || true)
+    verdict=OK
+    if ((extra_count > 0)) || { ((missing_count > 0)) && ((allow_missing == 0)); }; then
+        verdict=FAIL
+        status=1
+    elif ((missing_count > 0)); then
+        verdict=INCOMPLETE
+    fi
+    echo "$verdict $file: $((declared_count - missing_count)) of $declared_count declared functions exported, $missing_count missing, $extra_count extra"
+    if ((missing_count > 0)); then
+        sed 's/^/  missing: /' <<<"$missing"
+    fi
+    if ((extra_count > 0)); then
+        sed 's/^/  extra:   /' <<<"$extra"
+    fi
+done
+exit $status
