@@ -2,6 +2,8 @@
 
 #include "dsp.h"
 
+#include <gtest/gtest.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -9,8 +11,18 @@
 
 namespace dsptest {
 
+// Names carry the running test's name: ctest runs tests in parallel
+// processes, which must not share scratch files.
 std::string wavefileTempPath(const std::string& name) {
-    return std::string(DSP_TEST_TMPDIR) + "/wavefile_" + name;
+    const ::testing::TestInfo* test = ::testing::UnitTest::GetInstance()->current_test_info();
+    std::string owner = test != nullptr ? std::string(test->test_suite_name()) + "." + test->name()
+                                        : std::string("shared");
+    for (char& ch : owner) {
+        if (ch == '/') {
+            ch = '_';
+        }
+    }
+    return std::string(DSP_TEST_TMPDIR) + "/wavefile_" + owner + "_" + name;
 }
 
 void writeFileBytes(const std::string& path, const Bytes& bytes) {
