@@ -1,0 +1,66 @@
+// The three analyzers behind one processor class (tag 1): Fft (dB spectra of
+// each block on its own), FftAnalyze (dB spectra over a sliding history) and
+// EnvAnalyze (amplitude envelopes in 16-bit sample units). Every object
+// carries the members of all three kinds; only those of the kind it was
+// created as are set up, and a do call of another kind is refused.
+#pragma once
+
+#include "analysis/envelope_follower.h"
+#include "analysis/fft_engine.h"
+#include "core/processor.h"
+
+#include <cstdint>
+
+namespace dsp {
+
+enum class AnalyzerKind : uint8_t {
+    kFft = 1,
+    kFftAnalyze = 2,
+    kEnvAnalyze = 3,
+};
+
+class AnalyzerProcessor : public DspProcessor {
+public:
+    AnalyzerProcessor() { tag = kTagAnalyzer; }
+
+    // Each returns a ready analyzer from the general heap, or null when an
+    // argument is outside the supported range or an allocation fails.
+    // Fft: frames is the transform length N (a power of two, 4..32768),
+    // spectra 1 (stereo mixed down) or 2 (stereo input only).
+    static AnalyzerProcessor* createFft(uint32_t frames, uint32_t channels, uint32_t spectra,
+                                        uint32_t rangeDb);
+    // FftAnalyze: frames is the hop; historyLength must hold fftSize and the hop.
+    static AnalyzerProcessor* createFftAnalyze(uint32_t frames, uint32_t channels, uint32_t fftSize,
+                                               uint32_t historyLength);
+    // EnvAnalyze: 33 Hz second-order low-pass after a gain of 2.5; the rate
+    // must put 33 Hz below its Nyquist frequency.
+    static AnalyzerProcessor* createEnvAnalyze(uint32_t frames, uint32_t channels, uint32_t rate);
+
+    // Each returns 0 (touching nothing) when the analyzer is of another kind.
+    // N/2 per spectrum; out gets one spectrum or left then right.
+    uint32_t doFft(const int16_t* src, float* out, uint32_t bytes);
+    // 1; out gets the spectrum of each channel, left then right.
+    uint32_t doFftAnalyze(const int16_t* src, float* out, uint32_t bytes);
+    // 1; out (may be null) gets all left envelopes, then all right ones.
+    uint32_t doEnvAnalyze(const int16_t* src, float* out, uint32_t bytes);
+
+    // Analyzers produce no audio: in a chain they do nothing.
+    uint32_t processChannel(uint32_t, const float*, float*, uint32_t) override { return 0; }
+    uint32_t processChained(const float*, const float*, float*, float*, uint32_t) override {
+        return 0;
+    }
+    uint32_t processInterleaved(const int16_t*, int16_t*, uint32_t) override { return 0; }
+
+    uint32_t analyzeHop = 0;
+    uint32_t fftSize = 0;
+    FftEngine slidingEngines[2];
+    EnvelopeFollower envelopes[2];
+    BlockFftEngine blockEngines[2];
+    AnalyzerKind kind = AnalyzerKind::kFft;
+
+private:
+    // Frames of a block of `bytes`, limited to what the work buffers hold.
+    uint32_t framesIn(uint32_t bytes) const;
+};
+
+} // namespace dsp

@@ -1,0 +1,66 @@
+// Exports of the analyzers (tag 1): block spectra, sliding spectra and
+// amplitude envelopes. The three term names are one operation.
+#include "dsp.h"
+
+#include "analysis/analyzer_processor.h"
+
+namespace {
+
+dsp::AnalyzerProcessor* analyzerFrom(void* handle) {
+    return dsp::processorFromHandle<dsp::AnalyzerProcessor>(handle, dsp::kTagAnalyzer);
+}
+
+uint32_t termAnalyzer(void* handle) {
+    dsp::AnalyzerProcessor* p = analyzerFrom(handle);
+    if (p == nullptr) {
+        return 0;
+    }
+    dsp::destroyProcessor(p);
+    return 1;
+}
+
+} // namespace
+
+extern "C" {
+
+DSP_API void* initFft(uint32_t frames, uint32_t channels, uint32_t spectra, uint32_t rangeDb) {
+    return dsp::AnalyzerProcessor::createFft(frames, channels, spectra, rangeDb);
+}
+
+DSP_API void* initFftAnalyze(uint32_t frames, uint32_t channels, uint32_t fftSize,
+                             uint32_t historyLength) {
+    return dsp::AnalyzerProcessor::createFftAnalyze(frames, channels, fftSize, historyLength);
+}
+
+DSP_API void* initEnvAnalyze(uint32_t frames, uint32_t channels, uint32_t rate) {
+    return dsp::AnalyzerProcessor::createEnvAnalyze(frames, channels, rate);
+}
+
+DSP_API uint32_t doFft(void* handle, const int16_t* src, float* out, uint32_t bytes) {
+    dsp::AnalyzerProcessor* p = analyzerFrom(handle);
+    return p == nullptr ? 0 : p->doFft(src, out, bytes);
+}
+
+DSP_API uint32_t doFftAnalyze(void* handle, const int16_t* src, float* out, uint32_t bytes) {
+    dsp::AnalyzerProcessor* p = analyzerFrom(handle);
+    return p == nullptr ? 0 : p->doFftAnalyze(src, out, bytes);
+}
+
+DSP_API uint32_t doEnvAnalyze(void* handle, const int16_t* src, float* out, uint32_t bytes) {
+    dsp::AnalyzerProcessor* p = analyzerFrom(handle);
+    return p == nullptr ? 0 : p->doEnvAnalyze(src, out, bytes);
+}
+
+DSP_API uint32_t termFft(void* handle) {
+    return termAnalyzer(handle);
+}
+
+DSP_API uint32_t termFftAnalyze(void* handle) {
+    return termAnalyzer(handle);
+}
+
+DSP_API uint32_t termEnvAnalyze(void* handle) {
+    return termAnalyzer(handle);
+}
+
+} // extern "C"
