@@ -6,6 +6,7 @@
 #include "grain_setup.h"
 
 #include <cmath>
+#include <cstring>
 
 namespace dsp {
 
@@ -13,6 +14,7 @@ PitchShiftChannel::~PitchShiftChannel() {
     delete[] ring;
     delete[] window;
     delete[] grains;
+    delete[] line_;
 }
 
 bool PitchShiftChannel::setup(uint32_t sampleRate, float cents, float levelDb, float grainSeconds,
@@ -30,6 +32,11 @@ bool PitchShiftChannel::setup(uint32_t sampleRate, float cents, float levelDb, f
     float* newRing = nullptr;
     float* newWindow = nullptr;
     Grain* newGrains = nullptr;
+    float* newLine = nullptr;
+    // The span never exceeds the ring size, and a chunk holds at most
+    // kMaxChunkFrames samples.
+    uint32_t lineSize = ringSize + granular::kMaxChunkFrames;
+    bool growLine = line_ == nullptr || lineSize > lineCapacity_;
     bool growRing = ring == nullptr || ringSize > ringCapacity_;
     bool growWindow = window == nullptr || newLength > windowCapacity_;
     bool growGrains = grains == nullptr || newCount > grainCapacity_;
@@ -42,12 +49,21 @@ bool PitchShiftChannel::setup(uint32_t sampleRate, float cents, float levelDb, f
     if (growGrains) {
         newGrains = granular::allocateArray<Grain>(newCount);
     }
+    if (growLine) {
+        newLine = granular::allocateArray<float>(lineSize);
+    }
     if ((growRing && newRing == nullptr) || (growWindow && newWindow == nullptr) ||
-        (growGrains && newGrains == nullptr)) {
+        (growGrains && newGrains == nullptr) || (growLine && newLine == nullptr)) {
         delete[] newRing;
         delete[] newWindow;
         delete[] newGrains;
+        delete[] newLine;
         return false;
+    }
+    if (newLine != nullptr) {
+        delete[] line_;
+        line_ = newLine;
+        lineCapacity_ = lineSize;
     }
     if (newRing != nullptr) {
         delete[] ring;
@@ -135,6 +151,34 @@ void PitchShiftChannel::process(const float* in, float* out, uint32_t frames) {
     }
 }
 
+namespace {
+
+// The cubic convolution weights of the four taps at fraction t, summed in tap
+// order: exactly cubicWeight(|1 + t|), cubicWeight(|t|), cubicWeight(|t - 1|)
+// and cubicWeight(|t - 2|) with the branch each distance takes for t in
+// (-1, 0) or [0, 1). At the boundaries (a distance of exactly 1 or 2) both
+// polynomials give +0.0, so the choice made here matches cubicWeight's.
+inline double cubicNear(double u) {
+    return 1.0 - 2.0 * u * u + u * u * u;
+}
+inline double cubicFar(double u) {
+    return 4.0 - 8.0 * u + 5.0 * u * u - u * u * u;
+}
+
+inline double weighted(double t, float x0, float x1, float x2, float x3) {
+    if (t >= 0.0) {
+        return cubicFar(std::fabs(1.0 + t)) * static_cast<double>(x0) +
+               cubicNear(std::fabs(t)) * static_cast<double>(x1) +
+               cubicNear(std::fabs(t - 1.0)) * static_cast<double>(x2) +
+               cubicFar(std::fabs(t - 2.0)) * static_cast<double>(x3);
+    }
+    return cubicNear(std::fabs(1.0 + t)) * static_cast<double>(x0) +
+           cubicNear(std::fabs(t)) * static_cast<double>(x1) +
+           cubicFar(std::fabs(t - 1.0)) * static_cast<double>(x2) + 0.0 * static_cast<double>(x3);
+}
+
+} // namespace
+
 void PitchShiftChannel::spawnGrain(int32_t start) {
     for (uint32_t k = 0; k < grainCount; ++k) {
         Grain& g = grains[k];
@@ -160,7 +204,27 @@ float PitchShiftChannel::sampleAt(int32_t k, const float* in, uint32_t frames) c
     return granular::pastSample(ring, writeIndex, span, m);
 }
 
+void PitchShiftChannel::fillLine(const float* in, uint32_t frames) {
+    // x[-m] = ring[(writeIndex + m - 1) mod span] lands at line_[span - m]:
+    // walking m down from span, the ring index walks down by one and wraps.
+    uint32_t index =
+        span == 0 ? 0
+                  : static_cast<uint32_t>((static_cast<uint64_t>(writeIndex) + span - 1) % span);
+    for (uint32_t j = 0; j < span; ++j) {
+        line_[j] = ring[index];
+        index = index == 0 ? span - 1 : index - 1;
+    }
+    std::memcpy(line_ + span, in, static_cast<size_t>(frames) * sizeof(float));
+}
+
 void PitchShiftChannel::processBlock(const float* in, float* out, uint32_t frames) {
+    if (bypass == 0) {
+        fillLine(in, frames);
+    }
+    const double r = static_cast<double>(ratio);
+    const float* line = line_ + span; // line[k] = x[k]
+    const int64_t lineSpan = span;
+    const int32_t lastIndex = static_cast<int32_t>(frames);
     for (uint32_t n = 0; n < frames; ++n) {
         if (spawnPhase == 0) {
             spawnGrain(offset + static_cast<int32_t>(n));
@@ -185,26 +249,23 @@ void PitchShiftChannel::processBlock(const float* in, float* out, uint32_t frame
             if (g.active == 0) {
                 continue;
             }
-            double p = static_cast<double>(g.age) * static_cast<double>(ratio) +
-                       static_cast<double>(g.start);
+            double p = static_cast<double>(g.age) * r + static_cast<double>(g.start);
             int32_t ip = truncToInt32(p);
             double t = p - static_cast<double>(ip); // (-1, 0] below zero, [0, 1) above
-            float x0, x1, x2, x3;
-            if (ip >= 3 && static_cast<uint32_t>(ip) < frames) {
-                x0 = in[ip - 3];
-                x1 = in[ip - 2];
-                x2 = in[ip - 1];
-                x3 = in[ip];
+            double v;
+            if (static_cast<int64_t>(ip) + lineSpan >= 3 && ip < lastIndex) {
+                const float* x = line + ip;
+                v = weighted(t, x[-3], x[-2], x[-1], x[0]);
             } else {
-                x0 = sampleAt(ip - 3, in, frames);
-                x1 = sampleAt(ip - 2, in, frames);
-                x2 = sampleAt(ip - 1, in, frames);
-                x3 = sampleAt(ip, in, frames);
+                // Taps beyond the history or past the block end (and
+                // positions outside the int32 range) take the general path.
+                v = cubicWeight(std::fabs(1.0 + t)) *
+                        static_cast<double>(sampleAt(ip - 3, in, frames)) +
+                    cubicWeight(std::fabs(t)) * static_cast<double>(sampleAt(ip - 2, in, frames)) +
+                    cubicWeight(std::fabs(t - 1.0)) *
+                        static_cast<double>(sampleAt(ip - 1, in, frames)) +
+                    cubicWeight(std::fabs(t - 2.0)) * static_cast<double>(sampleAt(ip, in, frames));
             }
-            double v = cubicWeight(std::fabs(1.0 + t)) * static_cast<double>(x0) +
-                       cubicWeight(std::fabs(t)) * static_cast<double>(x1) +
-                       cubicWeight(std::fabs(t - 1.0)) * static_cast<double>(x2) +
-                       cubicWeight(std::fabs(t - 2.0)) * static_cast<double>(x3);
             double weight = static_cast<double>(g.window[g.age]);
             acc += v * weight;
             wsum += weight;

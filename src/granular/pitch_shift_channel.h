@@ -57,8 +57,15 @@ private:
     // x[k] of the current block: in[k] for k >= 0, the history for k < 0.
     float sampleAt(int32_t k, const float* in, uint32_t frames) const;
     void storeHistory(const float* in, uint32_t frames);
+    // Copies the history and the block into line_ so that x[k] is
+    // line_[span + k] for -span <= k < frames: the grain reader then needs
+    // neither a modulo nor a bound check per tap.
+    void fillLine(const float* in, uint32_t frames);
 
+    // x[-span] .. x[frames - 1] of the current block, oldest first.
+    float* line_ = nullptr;
     // Allocated sizes, so a smaller setup reuses the arrays.
+    uint32_t lineCapacity_ = 0;
     uint32_t ringCapacity_ = 0;
     uint32_t windowCapacity_ = 0;
     uint32_t grainCapacity_ = 0;
