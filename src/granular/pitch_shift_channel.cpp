@@ -10,11 +10,18 @@
 
 namespace dsp {
 
+namespace {
+// Grains up to this length (about 1.5 s at 44100 Hz, 512 KiB of weights) use
+// the weight table.
+constexpr uint32_t kMaxWeightTableLength = 1u << 16;
+} // namespace
+
 PitchShiftChannel::~PitchShiftChannel() {
     delete[] ring;
     delete[] window;
     delete[] grains;
     delete[] line_;
+    delete[] weights_;
 }
 
 bool PitchShiftChannel::setup(uint32_t sampleRate, float cents, float levelDb, float grainSeconds,
@@ -32,11 +39,14 @@ bool PitchShiftChannel::setup(uint32_t sampleRate, float cents, float levelDb, f
     float* newRing = nullptr;
     float* newWindow = nullptr;
     Grain* newGrains = nullptr;
-    float* newLine = nullptr;
+    double* newLine = nullptr;
     // The span never exceeds the ring size, and a chunk holds at most
     // kMaxChunkFrames samples.
     uint32_t lineSize = ringSize + granular::kMaxChunkFrames;
     bool growLine = line_ == nullptr || lineSize > lineCapacity_;
+    bool useTable = newLength <= kMaxWeightTableLength;
+    bool growWeights = useTable && (weights_ == nullptr || newLength > weightCapacity_);
+    double* newWeights = nullptr;
     bool growRing = ring == nullptr || ringSize > ringCapacity_;
     bool growWindow = window == nullptr || newLength > windowCapacity_;
     bool growGrains = grains == nullptr || newCount > grainCapacity_;
@@ -50,16 +60,27 @@ bool PitchShiftChannel::setup(uint32_t sampleRate, float cents, float levelDb, f
         newGrains = granular::allocateArray<Grain>(newCount);
     }
     if (growLine) {
-        newLine = granular::allocateArray<float>(lineSize);
+        newLine = granular::allocateArray<double>(lineSize);
+    }
+    if (growWeights) {
+        newWeights = granular::allocateArray<double>(static_cast<size_t>(newLength) * 8);
     }
     if ((growRing && newRing == nullptr) || (growWindow && newWindow == nullptr) ||
-        (growGrains && newGrains == nullptr) || (growLine && newLine == nullptr)) {
+        (growGrains && newGrains == nullptr) || (growLine && newLine == nullptr) ||
+        (growWeights && newWeights == nullptr)) {
         delete[] newRing;
         delete[] newWindow;
         delete[] newGrains;
         delete[] newLine;
+        delete[] newWeights;
         return false;
     }
+    if (newWeights != nullptr) {
+        delete[] weights_;
+        weights_ = newWeights;
+        weightCapacity_ = newLength;
+    }
+    weightAges_ = 0; // refilled for the new length and ratio
     if (newLine != nullptr) {
         delete[] line_;
         line_ = newLine;
@@ -165,7 +186,7 @@ inline double cubicFar(double u) {
     return 4.0 - 8.0 * u + 5.0 * u * u - u * u * u;
 }
 
-inline double weighted(double t, float x0, float x1, float x2, float x3) {
+inline double weighted(double t, double x0, double x1, double x2, double x3) {
     if (t >= 0.0) {
         return cubicFar(std::fabs(1.0 + t)) * static_cast<double>(x0) +
                cubicNear(std::fabs(t)) * static_cast<double>(x1) +
@@ -175,6 +196,21 @@ inline double weighted(double t, float x0, float x1, float x2, float x3) {
     return cubicNear(std::fabs(1.0 + t)) * static_cast<double>(x0) +
            cubicNear(std::fabs(t)) * static_cast<double>(x1) +
            cubicFar(std::fabs(t - 1.0)) * static_cast<double>(x2) + 0.0 * static_cast<double>(x3);
+}
+
+// The same four weights, stored.
+inline void weightsFor(double t, double* w) {
+    if (t >= 0.0) {
+        w[0] = cubicFar(std::fabs(1.0 + t));
+        w[1] = cubicNear(std::fabs(t));
+        w[2] = cubicNear(std::fabs(t - 1.0));
+        w[3] = cubicFar(std::fabs(t - 2.0));
+    } else {
+        w[0] = cubicNear(std::fabs(1.0 + t));
+        w[1] = cubicNear(std::fabs(t));
+        w[2] = cubicFar(std::fabs(t - 1.0));
+        w[3] = 0.0;
+    }
 }
 
 } // namespace
@@ -211,54 +247,80 @@ void PitchShiftChannel::fillLine(const float* in, uint32_t frames) {
         span == 0 ? 0
                   : static_cast<uint32_t>((static_cast<uint64_t>(writeIndex) + span - 1) % span);
     for (uint32_t j = 0; j < span; ++j) {
-        line_[j] = ring[index];
+        line_[j] = static_cast<double>(ring[index]);
         index = index == 0 ? span - 1 : index - 1;
     }
-    std::memcpy(line_ + span, in, static_cast<size_t>(frames) * sizeof(float));
+    double* block = line_ + span;
+    for (uint32_t n = 0; n < frames; ++n) {
+        block[n] = static_cast<double>(in[n]);
+    }
 }
 
-void PitchShiftChannel::processBlock(const float* in, float* out, uint32_t frames) {
-    if (bypass == 0) {
-        fillLine(in, frames);
+void PitchShiftChannel::runPiece(const float* in, float* out, uint32_t frames, uint32_t n0,
+                                 uint32_t len) {
+    double acc[kPieceFrames];
+    double wsum[kPieceFrames];
+    for (uint32_t j = 0; j < len; ++j) {
+        acc[j] = 0.0;
+        wsum[j] = 0.0;
     }
+    const double* table = weights_;
+    const uint32_t tableAges = weightAges_;
+    const size_t belowZero = 4 * static_cast<size_t>(weightCapacity_);
     const double r = static_cast<double>(ratio);
-    const float* line = line_ + span; // line[k] = x[k]
+    const double* line = line_ + span; // line[k] = x[k]
     const int64_t lineSpan = span;
     const int32_t lastIndex = static_cast<int32_t>(frames);
-    for (uint32_t n = 0; n < frames; ++n) {
-        if (spawnPhase == 0) {
-            spawnGrain(offset + static_cast<int32_t>(n));
-        }
-        if (++spawnPhase >= spacing) {
-            spawnPhase = 0;
-        }
-        if (bypass != 0) {
-            for (uint32_t k = 0; k < grainCount; ++k) {
-                Grain& g = grains[k];
-                if (g.active != 0 && ++g.age >= g.length) {
-                    g.active = 0;
-                }
-            }
-            out[n] = in[n];
+    for (uint32_t k = 0; k < grainCount; ++k) {
+        Grain& g = grains[k];
+        if (g.active == 0) {
             continue;
         }
-        double acc = 0.0;
-        double wsum = 0.0;
-        for (uint32_t k = 0; k < grainCount; ++k) {
-            Grain& g = grains[k];
-            if (g.active == 0) {
-                continue;
+        // A record sounds at least once and then until its age reaches the
+        // length.
+        const int64_t left = static_cast<int64_t>(g.length) - g.age;
+        const uint32_t count = left <= 1 ? 1u : (left < len ? static_cast<uint32_t>(left) : len);
+        const double start = static_cast<double>(g.start);
+        const float* window = g.window;
+        int32_t age = g.age;
+        uint32_t j = 0;
+        // Positions grow with age, so when the first and the last position
+        // of the run are inside the line and every age is in the table, all
+        // of them are: that run needs no checks at all.
+        const double pFirst = static_cast<double>(age) * r + start;
+        const double pLast = static_cast<double>(age + static_cast<int32_t>(count) - 1) * r + start;
+        const int32_t ipFirst = truncToInt32(pFirst);
+        const int32_t ipLast = truncToInt32(pLast);
+        if (r > 0.0 && static_cast<int64_t>(ipFirst) + lineSpan >= 3 && ipFirst != INT32_MIN &&
+            ipLast < lastIndex && ipLast != INT32_MIN &&
+            static_cast<int64_t>(age) + count <= static_cast<int64_t>(tableAges) && age >= 0) {
+            for (; j < count; ++j, ++age) {
+                double p = static_cast<double>(age) * r + start;
+                const double* x = line + static_cast<int32_t>(p);
+                const double* w = table + 4 * static_cast<size_t>(age) + (p < 0.0 ? belowZero : 0);
+                double v = w[0] * x[-3] + w[1] * x[-2] + w[2] * x[-1] + w[3] * x[0];
+                double weight = static_cast<double>(window[age]);
+                acc[j] += v * weight;
+                wsum[j] += weight;
             }
-            double p = static_cast<double>(g.age) * r + static_cast<double>(g.start);
+        }
+        for (; j < count; ++j, ++age) {
+            double p = static_cast<double>(age) * r + start;
             int32_t ip = truncToInt32(p);
-            double t = p - static_cast<double>(ip); // (-1, 0] below zero, [0, 1) above
             double v;
             if (static_cast<int64_t>(ip) + lineSpan >= 3 && ip < lastIndex) {
-                const float* x = line + ip;
-                v = weighted(t, x[-3], x[-2], x[-1], x[0]);
+                const double* x = line + ip;
+                if (static_cast<uint32_t>(age) < tableAges) {
+                    const double* w =
+                        table + 4 * static_cast<size_t>(age) + (p < 0.0 ? belowZero : 0);
+                    v = w[0] * x[-3] + w[1] * x[-2] + w[2] * x[-1] + w[3] * x[0];
+                } else {
+                    v = weighted(p - static_cast<double>(ip), x[-3], x[-2], x[-1], x[0]);
+                }
             } else {
                 // Taps beyond the history or past the block end (and
                 // positions outside the int32 range) take the general path.
+                double t = p - static_cast<double>(ip);
                 v = cubicWeight(std::fabs(1.0 + t)) *
                         static_cast<double>(sampleAt(ip - 3, in, frames)) +
                     cubicWeight(std::fabs(t)) * static_cast<double>(sampleAt(ip - 2, in, frames)) +
@@ -266,14 +328,96 @@ void PitchShiftChannel::processBlock(const float* in, float* out, uint32_t frame
                         static_cast<double>(sampleAt(ip - 1, in, frames)) +
                     cubicWeight(std::fabs(t - 2.0)) * static_cast<double>(sampleAt(ip, in, frames));
             }
-            double weight = static_cast<double>(g.window[g.age]);
-            acc += v * weight;
-            wsum += weight;
-            if (++g.age >= g.length) {
-                g.active = 0;
-            }
+            double weight = static_cast<double>(window[age]);
+            acc[j] += v * weight;
+            wsum[j] += weight;
         }
-        out[n] = wsum > 0.0 ? static_cast<float>(static_cast<double>(outLevel) / wsum * acc) : 0.0f;
+        g.age = age;
+        if (g.age >= g.length) {
+            g.active = 0;
+        }
+    }
+    const double level = static_cast<double>(outLevel);
+    for (uint32_t j = 0; j < len; ++j) {
+        out[n0 + j] = wsum[j] > 0.0 ? static_cast<float>(level / wsum[j] * acc[j]) : 0.0f;
+    }
+}
+
+void PitchShiftChannel::prepareWeights() {
+    if (weights_ == nullptr || grainLength > weightCapacity_) {
+        weightAges_ = 0;
+        return;
+    }
+    // The table needs exact positions: a ratio within the clamped range keeps
+    // age x ratio on a grid of 2^-24 well inside the double mantissa.
+    if (!(ratio >= 0.5f && ratio <= 2.0f)) {
+        weightAges_ = 0;
+        return;
+    }
+    if (weightAges_ == grainLength && weightRatio_ == ratio) {
+        return;
+    }
+    const double r = static_cast<double>(ratio);
+    for (uint32_t age = 0; age < grainLength; ++age) {
+        // p = age x ratio + start with a whole start: for p >= 0 its fraction
+        // is that of age x ratio; for p < 0 it is that minus one, or +0.0.
+        const double a = static_cast<double>(age) * r;
+        const double up = a - std::trunc(a);
+        const double down = up == 0.0 ? up : up - 1.0;
+        double* w = weights_ + 4 * static_cast<size_t>(age);
+        weightsFor(up, w);
+        weightsFor(down, w + 4 * static_cast<size_t>(weightCapacity_));
+    }
+    weightAges_ = grainLength;
+    weightRatio_ = ratio;
+}
+
+void PitchShiftChannel::processBlock(const float* in, float* out, uint32_t frames) {
+    if (bypass != 0) {
+        for (uint32_t n = 0; n < frames; ++n) {
+            if (spawnPhase == 0) {
+                spawnGrain(offset + static_cast<int32_t>(n));
+            }
+            if (++spawnPhase >= spacing) {
+                spawnPhase = 0;
+            }
+            for (uint32_t k = 0; k < grainCount; ++k) {
+                Grain& g = grains[k];
+                if (g.active != 0 && ++g.age >= g.length) {
+                    g.active = 0;
+                }
+            }
+            out[n] = in[n];
+        }
+    } else {
+        fillLine(in, frames);
+        prepareWeights();
+        // Grains start only where the spawn clock is 0, so between two such
+        // samples the set of sounding records can only shrink. Each piece
+        // between them is run grain by grain over its samples, summing into
+        // per-sample accumulators: every sample still receives the grains'
+        // terms in record order, so the sums are the per-sample ones, while
+        // the samples of one grain no longer wait on each other.
+        uint32_t n0 = 0;
+        while (n0 < frames) {
+            if (spawnPhase == 0) {
+                spawnGrain(offset + static_cast<int32_t>(n0));
+            }
+            uint32_t len = frames - n0;
+            const uint32_t untilSpawn = spacing - spawnPhase;
+            if (untilSpawn < len) {
+                len = untilSpawn;
+            }
+            if (len > kPieceFrames) {
+                len = kPieceFrames;
+            }
+            spawnPhase += len;
+            if (spawnPhase >= spacing) {
+                spawnPhase = 0;
+            }
+            runPiece(in, out, frames, n0, len);
+            n0 += len;
+        }
     }
 
     // End of block: positions relative to the next block, pending settings

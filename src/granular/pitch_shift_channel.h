@@ -52,7 +52,13 @@ public:
     uint8_t bypass = 0;
 
 private:
+    // Samples a grain-major piece covers at most.
+    static constexpr uint32_t kPieceFrames = 256;
+
     void processBlock(const float* in, float* out, uint32_t frames);
+    // Samples n0 .. n0 + len - 1 of the block, a stretch in which no grain
+    // starts after n0: every sounding record in turn adds its terms.
+    void runPiece(const float* in, float* out, uint32_t frames, uint32_t n0, uint32_t len);
     void spawnGrain(int32_t start);
     // x[k] of the current block: in[k] for k >= 0, the history for k < 0.
     float sampleAt(int32_t k, const float* in, uint32_t frames) const;
@@ -62,8 +68,21 @@ private:
     // neither a modulo nor a bound check per tap.
     void fillLine(const float* in, uint32_t frames);
 
+    // Fills weights_ for the ratio in use when it is not already there.
+    void prepareWeights();
+
     // x[-span] .. x[frames - 1] of the current block, oldest first.
-    float* line_ = nullptr;
+    double* line_ = nullptr;
+    // The four tap weights of every grain age for the ratio in use: at
+    // weights_[4 * age] for a read position p >= 0, at weights_[4 * (age +
+    // weightCapacity_)] for p < 0. The fraction of p depends only on age x ratio (the start is
+    // whole and every position is exact in double), so each entry is the
+    // very double the per-tap evaluation would give. Null for grains longer
+    // than kMaxWeightTableLength, which evaluate the weights per tap.
+    double* weights_ = nullptr;
+    uint32_t weightCapacity_ = 0; // ages the table can hold
+    uint32_t weightAges_ = 0;     // ages filled for weightRatio_; 0 when stale
+    float weightRatio_ = 0.0f;
     // Allocated sizes, so a smaller setup reuses the arrays.
     uint32_t lineCapacity_ = 0;
     uint32_t ringCapacity_ = 0;
