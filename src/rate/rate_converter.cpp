@@ -190,7 +190,18 @@ void RateConverter::linearChunk(const float* src, uint32_t chunkIn, float* out, 
     const int32_t last = static_cast<int32_t>(chunkIn) - 2;
     const double lastPos = last;
     double pos = 0.0;
-    for (uint32_t j = 0; j + 1 < chunkOut; ++j) {
+    uint32_t j = 0;
+    // While the position is below the last pair it lies in [0, 2^31): its
+    // truncation is a plain conversion and equals floor(pos).
+    for (; j + 1 < chunkOut && pos < lastPos; ++j) {
+        const int32_t i = static_cast<int32_t>(pos);
+        const double f = pos - static_cast<double>(i);
+        const double a = src[i];
+        const double b = src[i + 1];
+        out[j] = static_cast<float>(a + f * (b - a));
+        pos = pos + step;
+    }
+    for (; j + 1 < chunkOut; ++j) {
         // The index stops at the last pair; the fraction stays the one of
         // the unlimited position.
         const int32_t i = pos < lastPos ? truncToInt32(pos) : last;
