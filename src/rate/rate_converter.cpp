@@ -5,6 +5,7 @@
 #include "core/sample_convert.h"
 
 #include <cmath>
+#include <cstdint>
 #include <cstring>
 #include <new>
 
@@ -146,6 +147,15 @@ uint32_t RateConverter::convert(const float* in, float* out, uint32_t frames) {
         source = scratch;
     }
 
+    interpolate(source, out, n, total);
+
+    if (direction > 0 && filterOn != 0) {
+        filter.process(out, out, total);
+    }
+    return total;
+}
+
+void RateConverter::interpolate(const float* source, float* out, uint32_t n, uint32_t total) {
     const double step = static_cast<double>(srcRate) / dstRate;
     const uint32_t perChunk = truncToUint32(scaledCount(kChunkFrames, srcRate, dstRate));
     uint32_t remainingIn = n;
@@ -169,9 +179,52 @@ uint32_t RateConverter::convert(const float* in, float* out, uint32_t frames) {
         remainingIn -= chunkIn;
         remainingOut -= chunkOut;
     }
+}
 
-    if (direction > 0 && filterOn != 0) {
-        filter.process(out, out, total);
+bool RateConverter::canPairWith(const RateConverter& other) const {
+    return ready == 1 && other.ready == 1 && convertible_ && other.convertible_ && direction != 0 &&
+           direction == other.direction && filterOn != 0 && other.filterOn != 0 &&
+           srcRate == other.srcRate && dstRate == other.dstRate && capacity == other.capacity;
+}
+
+namespace {
+bool overlaps(const float* a, size_t na, const float* b, size_t nb) {
+    const uintptr_t pa = reinterpret_cast<uintptr_t>(a);
+    const uintptr_t pb = reinterpret_cast<uintptr_t>(b);
+    return pa < pb + nb * sizeof(float) && pb < pa + na * sizeof(float);
+}
+} // namespace
+
+uint32_t RateConverter::convertPair(RateConverter& left, const float* inL, float* outL,
+                                    RateConverter& right, const float* inR, float* outR,
+                                    uint32_t frames) {
+    if (!left.canPairWith(right)) {
+        const uint32_t produced = left.convert(inL, outL, frames);
+        right.convert(inR, outR, frames);
+        return produced;
+    }
+    const uint32_t n = frames < left.capacity ? frames : left.capacity;
+    const uint32_t total = truncToUint32(scaledCount(n, left.srcRate, left.dstRate));
+    // One channel's output must not be the other's input or output, or the
+    // order of the two conversions would matter.
+    if (overlaps(outL, total, inR, n) || overlaps(outR, total, inL, n) ||
+        overlaps(outL, total, outR, total)) {
+        const uint32_t produced = left.convert(inL, outL, frames);
+        right.convert(inR, outR, frames);
+        return produced;
+    }
+    const float* sourceL = inL;
+    const float* sourceR = inR;
+    if (left.direction < 0) {
+        IirDesigner::processPair(left.filter, inL, left.scratch, right.filter, inR, right.scratch,
+                                 n);
+        sourceL = left.scratch;
+        sourceR = right.scratch;
+    }
+    left.interpolate(sourceL, outL, n, total);
+    right.interpolate(sourceR, outR, n, total);
+    if (left.direction > 0) {
+        IirDesigner::processPair(left.filter, outL, outL, right.filter, outR, outR, total);
     }
     return total;
 }
