@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <cstddef>
+#include <cstdint>
 #include <new>
 
 #if defined(__SSE2__)
@@ -163,13 +164,24 @@ void runSectionGroupPair(IirDesigner& f, IirDesigner& g, int32_t first, double* 
 }
 #endif
 
+bool overlaps(const float* a, const float* b, uint32_t frames) {
+    const uintptr_t pa = reinterpret_cast<uintptr_t>(a);
+    const uintptr_t pb = reinterpret_cast<uintptr_t>(b);
+    const uintptr_t bytes = static_cast<uintptr_t>(frames) * sizeof(float);
+    return pa < pb + bytes && pb < pa + bytes;
+}
+
 } // namespace
 
 void IirDesigner::processPair(IirDesigner& first, const float* inFirst, float* outFirst,
                               IirDesigner& second, const float* inSecond, float* outSecond,
                               uint32_t frames) {
 #if defined(__SSE2__)
-    if (first.sections == second.sections) {
+    // When the first output lands on the second channel's buffers (or the
+    // second output on the first input), the order of the two calls matters:
+    // those take the two calls.
+    if (first.sections == second.sections && !overlaps(outFirst, inSecond, frames) &&
+        !overlaps(outFirst, outSecond, frames) && !overlaps(outSecond, inFirst, frames)) {
         const int32_t count = first.sections;
         constexpr uint32_t kChunk = 256;
         alignas(16) double x[2 * kChunk];

@@ -29,8 +29,9 @@ public:
     // Runs two cascades side by side, as `first`.process(inFirst, outFirst)
     // and `second`.process(inSecond, outSecond) would, each with exactly its
     // own arithmetic: two independent channels share the vector lanes. Each
-    // output may be its own input; the two channels' buffers must not
-    // overlap. Falls back to the two calls when the cascades differ in length.
+    // output may be its own input. Falls back to the two calls in turn when
+    // the cascades differ in length or one channel's output overlaps the
+    // other channel's buffers.
     static void processPair(IirDesigner& first, const float* inFirst, float* outFirst,
                             IirDesigner& second, const float* inSecond, float* outSecond,
                             uint32_t frames);
