@@ -217,8 +217,8 @@ TEST(PitchShift, MatchesThePerSampleModelAcrossPitchAndLevelChanges) {
 // The engine runs grains piece by piece with tabled weights and a linear
 // copy of the history; the model evaluates every grain per sample. Pitch
 // changes refill the table and send read points beyond the history, short
-// grains with an uneven spacing skip spawns, and grains longer than the
-// weight table take the per-tap path.
+// grains with an uneven spacing skip spawns, and the longest grains go
+// without the table and the linear history.
 TEST(PitchShift, FastPathsMatchThePerSampleModel) {
     struct Case {
         float grain;
@@ -230,6 +230,7 @@ TEST(PitchShift, FastPathsMatchThePerSampleModel) {
         {kGrain, kSpacing, 4096, {700.0f, 700.0f, -1200.0f, 1200.0f, 700.0f, -50.0f, 0.0f, 700.0f}},
         {0.005f, 0.0005f, 1000, {700.0f, -700.0f, 1200.0f, 0.001f, -1200.0f, 300.0f}},
         {0.01f, 0.0033f, 333, {-300.0f, 1100.0f, -1200.0f, 700.0f}},
+        {0.4f, 0.05f, 40000, {700.0f, -1200.0f}},
         {1.0f, 0.05f, 40000, {700.0f, -400.0f}},
     };
     std::vector<float> in = testSignal(90000);

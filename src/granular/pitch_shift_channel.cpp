@@ -11,9 +11,10 @@
 namespace dsp {
 
 namespace {
-// Grains up to this length (about 1.5 s at 44100 Hz, 512 KiB of weights) use
-// the weight table.
-constexpr uint32_t kMaxWeightTableLength = 1u << 16;
+// Grains up to this length (about 0.48 s at 44100 Hz: 2 MiB of weights and
+// 0.5 MiB of linear history per channel) get the weight table and the linear
+// copy of the history; longer ones read the ring and evaluate every weight.
+constexpr uint32_t kMaxFastPathLength = 1u << 15;
 } // namespace
 
 PitchShiftChannel::~PitchShiftChannel() {
@@ -43,9 +44,9 @@ bool PitchShiftChannel::setup(uint32_t sampleRate, float cents, float levelDb, f
     // The span never exceeds the ring size, and a chunk holds at most
     // kMaxChunkFrames samples.
     uint32_t lineSize = ringSize + granular::kMaxChunkFrames;
-    bool growLine = line_ == nullptr || lineSize > lineCapacity_;
-    bool useTable = newLength <= kMaxWeightTableLength;
-    bool growWeights = useTable && (weights_ == nullptr || newLength > weightCapacity_);
+    bool fastPaths = newLength <= kMaxFastPathLength;
+    bool growLine = fastPaths && (line_ == nullptr || lineSize > lineCapacity_);
+    bool growWeights = fastPaths && (weights_ == nullptr || newLength > weightCapacity_);
     double* newWeights = nullptr;
     bool growRing = ring == nullptr || ringSize > ringCapacity_;
     bool growWindow = window == nullptr || newLength > windowCapacity_;
@@ -256,6 +257,22 @@ void PitchShiftChannel::fillLine(const float* in, uint32_t frames) {
     }
 }
 
+void PitchShiftChannel::ageGrains(uint32_t len) {
+    for (uint32_t k = 0; k < grainCount; ++k) {
+        Grain& g = grains[k];
+        if (g.active == 0) {
+            continue;
+        }
+        // One step at least, then until the age reaches the length.
+        const int64_t left = static_cast<int64_t>(g.length) - g.age;
+        const uint32_t count = left <= 1 ? 1u : (left < len ? static_cast<uint32_t>(left) : len);
+        g.age += static_cast<int32_t>(count);
+        if (g.age >= g.length) {
+            g.active = 0;
+        }
+    }
+}
+
 void PitchShiftChannel::runPiece(const float* in, float* out, uint32_t frames, uint32_t n0,
                                  uint32_t len) {
     double acc[kPieceFrames];
@@ -268,8 +285,13 @@ void PitchShiftChannel::runPiece(const float* in, float* out, uint32_t frames, u
     const uint32_t tableAges = weightAges_;
     const size_t belowZero = 4 * static_cast<size_t>(weightCapacity_);
     const double r = static_cast<double>(ratio);
-    const double* line = line_ + span; // line[k] = x[k]
-    const int64_t lineSpan = span;
+    const double* line = nullptr; // line[k] = x[k]
+    // Without a line large enough every read takes the general path.
+    const bool linear = line_ != nullptr && static_cast<uint64_t>(span) + frames <= lineCapacity_;
+    const int64_t lineSpan = linear ? static_cast<int64_t>(span) : INT64_MIN / 2;
+    if (linear) {
+        line = line_ + span;
+    }
     const int32_t lastIndex = static_cast<int32_t>(frames);
     for (uint32_t k = 0; k < grainCount; ++k) {
         Grain& g = grains[k];
@@ -373,51 +395,44 @@ void PitchShiftChannel::prepareWeights() {
 }
 
 void PitchShiftChannel::processBlock(const float* in, float* out, uint32_t frames) {
-    if (bypass != 0) {
-        for (uint32_t n = 0; n < frames; ++n) {
-            if (spawnPhase == 0) {
-                spawnGrain(offset + static_cast<int32_t>(n));
-            }
-            if (++spawnPhase >= spacing) {
-                spawnPhase = 0;
-            }
-            for (uint32_t k = 0; k < grainCount; ++k) {
-                Grain& g = grains[k];
-                if (g.active != 0 && ++g.age >= g.length) {
-                    g.active = 0;
-                }
-            }
-            out[n] = in[n];
+    const bool passThrough = bypass != 0;
+    if (!passThrough) {
+        if (line_ != nullptr && static_cast<uint64_t>(span) + frames <= lineCapacity_) {
+            fillLine(in, frames);
         }
-    } else {
-        fillLine(in, frames);
         prepareWeights();
-        // Grains start only where the spawn clock is 0, so between two such
-        // samples the set of sounding records can only shrink. Each piece
-        // between them is run grain by grain over its samples, summing into
-        // per-sample accumulators: every sample still receives the grains'
-        // terms in record order, so the sums are the per-sample ones, while
-        // the samples of one grain no longer wait on each other.
-        uint32_t n0 = 0;
-        while (n0 < frames) {
-            if (spawnPhase == 0) {
-                spawnGrain(offset + static_cast<int32_t>(n0));
-            }
-            uint32_t len = frames - n0;
-            const uint32_t untilSpawn = spacing - spawnPhase;
-            if (untilSpawn < len) {
-                len = untilSpawn;
-            }
-            if (len > kPieceFrames) {
-                len = kPieceFrames;
-            }
-            spawnPhase += len;
-            if (spawnPhase >= spacing) {
-                spawnPhase = 0;
-            }
-            runPiece(in, out, frames, n0, len);
-            n0 += len;
+    }
+    // Grains start only where the spawn clock is 0, so between two such
+    // samples the set of sounding records can only shrink. Each piece
+    // between them is run grain by grain over its samples, summing into
+    // per-sample accumulators: every sample still receives the grains'
+    // terms in record order, so the sums are the per-sample ones, while
+    // the samples of one grain no longer wait on each other.
+    uint32_t n0 = 0;
+    while (n0 < frames) {
+        if (spawnPhase == 0) {
+            spawnGrain(offset + static_cast<int32_t>(n0));
         }
+        uint32_t len = frames - n0;
+        const uint32_t untilSpawn = spacing - spawnPhase;
+        if (untilSpawn < len) {
+            len = untilSpawn;
+        }
+        if (len > kPieceFrames) {
+            len = kPieceFrames;
+        }
+        spawnPhase += len;
+        if (spawnPhase >= spacing) {
+            spawnPhase = 0;
+        }
+        if (passThrough) {
+            // The grain clock keeps running; the input passes unchanged.
+            ageGrains(len);
+            std::memmove(out + n0, in + n0, static_cast<size_t>(len) * sizeof(float));
+        } else {
+            runPiece(in, out, frames, n0, len);
+        }
+        n0 += len;
     }
 
     // End of block: positions relative to the next block, pending settings

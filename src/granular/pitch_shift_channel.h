@@ -59,6 +59,8 @@ private:
     // Samples n0 .. n0 + len - 1 of the block, a stretch in which no grain
     // starts after n0: every sounding record in turn adds its terms.
     void runPiece(const float* in, float* out, uint32_t frames, uint32_t n0, uint32_t len);
+    // The same stretch in pass-through: every sounding record ages len steps.
+    void ageGrains(uint32_t len);
     void spawnGrain(int32_t start);
     // x[k] of the current block: in[k] for k >= 0, the history for k < 0.
     float sampleAt(int32_t k, const float* in, uint32_t frames) const;
@@ -77,8 +79,8 @@ private:
     // weights_[4 * age] for a read position p >= 0, at weights_[4 * (age +
     // weightCapacity_)] for p < 0. The fraction of p depends only on age x ratio (the start is
     // whole and every position is exact in double), so each entry is the
-    // very double the per-tap evaluation would give. Null for grains longer
-    // than kMaxWeightTableLength, which evaluate the weights per tap.
+    // very double the per-tap evaluation would give. Long grains go without
+    // the table and the line (see kMaxFastPathLength).
     double* weights_ = nullptr;
     uint32_t weightCapacity_ = 0; // ages the table can hold
     uint32_t weightAges_ = 0;     // ages filled for weightRatio_; 0 when stale
