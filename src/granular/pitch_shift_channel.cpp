@@ -8,6 +8,10 @@
 #include <cmath>
 #include <cstring>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 namespace dsp {
 
 namespace {
@@ -283,7 +287,11 @@ void PitchShiftChannel::runPiece(const float* in, float* out, uint32_t frames, u
     }
     const double* table = weights_;
     const uint32_t tableAges = weightAges_;
-    const size_t belowZero = 4 * static_cast<size_t>(weightCapacity_);
+    // Tap k of age a at table[k * cap + a], taps for p < 0 after the four
+    // rows for p >= 0: consecutive ages sit side by side.
+    const size_t cap = weightCapacity_;
+    const double* positive = table;
+    const double* negative = table == nullptr ? nullptr : table + 4 * cap;
     const double r = static_cast<double>(ratio);
     const double* line = nullptr; // line[k] = x[k]
     // Without a line large enough every read takes the general path.
@@ -316,14 +324,53 @@ void PitchShiftChannel::runPiece(const float* in, float* out, uint32_t frames, u
         if (r > 0.0 && static_cast<int64_t>(ipFirst) + lineSpan >= 3 && ipFirst != INT32_MIN &&
             ipLast < lastIndex && ipLast != INT32_MIN &&
             static_cast<int64_t>(age) + count <= static_cast<int64_t>(tableAges) && age >= 0) {
-            for (; j < count; ++j, ++age) {
-                double p = static_cast<double>(age) * r + start;
+            // One sample of the run: the per-tap arithmetic with tabled weights.
+            auto step = [&](uint32_t jj, int32_t a) {
+                double p = static_cast<double>(a) * r + start;
                 const double* x = line + static_cast<int32_t>(p);
-                const double* w = table + 4 * static_cast<size_t>(age) + (p < 0.0 ? belowZero : 0);
-                double v = w[0] * x[-3] + w[1] * x[-2] + w[2] * x[-1] + w[3] * x[0];
-                double weight = static_cast<double>(window[age]);
-                acc[j] += v * weight;
-                wsum[j] += weight;
+                const double* w = (p < 0.0 ? negative : positive) + a;
+                double v = w[0] * x[-3] + w[cap] * x[-2] + w[2 * cap] * x[-1] + w[3 * cap] * x[0];
+                double weight = static_cast<double>(window[a]);
+                acc[jj] += v * weight;
+                wsum[jj] += weight;
+            };
+#if defined(__SSE2__)
+            // Two samples at once, one per lane: each lane does the scalar
+            // operations in the scalar order, so the sums are the same.
+            const __m128d rv = _mm_set1_pd(r);
+            const __m128d sv = _mm_set1_pd(start);
+            const __m128d two = _mm_set1_pd(2.0);
+            __m128d ages = _mm_set_pd(static_cast<double>(age) + 1.0, static_cast<double>(age));
+            for (; j + 1 < count; j += 2, age += 2) {
+                const __m128d pv = _mm_add_pd(_mm_mul_pd(ages, rv), sv);
+                ages = _mm_add_pd(ages, two);
+                const int below = _mm_movemask_pd(_mm_cmplt_pd(pv, _mm_setzero_pd()));
+                if (below == 1 || below == 2) {
+                    // The pair straddles p = 0 and needs both weight tables.
+                    step(j, age);
+                    step(j + 1, age + 1);
+                    continue;
+                }
+                const __m128i iv = _mm_cvttpd_epi32(pv);
+                const double* xa = line + _mm_cvtsi128_si32(iv) - 3;
+                const double* xb = line + _mm_cvtsi128_si32(_mm_shuffle_epi32(iv, 1)) - 3;
+                const double* w = (below != 0 ? negative : positive) + age;
+                const __m128d loA = _mm_loadu_pd(xa);
+                const __m128d hiA = _mm_loadu_pd(xa + 2);
+                const __m128d loB = _mm_loadu_pd(xb);
+                const __m128d hiB = _mm_loadu_pd(xb + 2);
+                __m128d v = _mm_mul_pd(_mm_loadu_pd(w), _mm_unpacklo_pd(loA, loB));
+                v = _mm_add_pd(v, _mm_mul_pd(_mm_loadu_pd(w + cap), _mm_unpackhi_pd(loA, loB)));
+                v = _mm_add_pd(v, _mm_mul_pd(_mm_loadu_pd(w + 2 * cap), _mm_unpacklo_pd(hiA, hiB)));
+                v = _mm_add_pd(v, _mm_mul_pd(_mm_loadu_pd(w + 3 * cap), _mm_unpackhi_pd(hiA, hiB)));
+                const __m128d weight = _mm_cvtps_pd(_mm_castsi128_ps(
+                    _mm_loadl_epi64(reinterpret_cast<const __m128i*>(window + age))));
+                _mm_storeu_pd(acc + j, _mm_add_pd(_mm_loadu_pd(acc + j), _mm_mul_pd(v, weight)));
+                _mm_storeu_pd(wsum + j, _mm_add_pd(_mm_loadu_pd(wsum + j), weight));
+            }
+#endif
+            for (; j < count; ++j, ++age) {
+                step(j, age);
             }
         }
         for (; j < count; ++j, ++age) {
@@ -333,9 +380,8 @@ void PitchShiftChannel::runPiece(const float* in, float* out, uint32_t frames, u
             if (static_cast<int64_t>(ip) + lineSpan >= 3 && ip < lastIndex) {
                 const double* x = line + ip;
                 if (static_cast<uint32_t>(age) < tableAges) {
-                    const double* w =
-                        table + 4 * static_cast<size_t>(age) + (p < 0.0 ? belowZero : 0);
-                    v = w[0] * x[-3] + w[1] * x[-2] + w[2] * x[-1] + w[3] * x[0];
+                    const double* w = (p < 0.0 ? negative : positive) + age;
+                    v = w[0] * x[-3] + w[cap] * x[-2] + w[2 * cap] * x[-1] + w[3 * cap] * x[0];
                 } else {
                     v = weighted(p - static_cast<double>(ip), x[-3], x[-2], x[-1], x[0]);
                 }
@@ -386,9 +432,16 @@ void PitchShiftChannel::prepareWeights() {
         const double a = static_cast<double>(age) * r;
         const double up = a - std::trunc(a);
         const double down = up == 0.0 ? up : up - 1.0;
-        double* w = weights_ + 4 * static_cast<size_t>(age);
+        const size_t cap = weightCapacity_;
+        double w[4];
         weightsFor(up, w);
-        weightsFor(down, w + 4 * static_cast<size_t>(weightCapacity_));
+        for (size_t k = 0; k < 4; ++k) {
+            weights_[k * cap + age] = w[k];
+        }
+        weightsFor(down, w);
+        for (size_t k = 0; k < 4; ++k) {
+            weights_[(4 + k) * cap + age] = w[k];
+        }
     }
     weightAges_ = grainLength;
     weightRatio_ = ratio;
