@@ -183,7 +183,7 @@ void RateConverter::interpolate(const float* source, float* out, uint32_t n, uin
 
 bool RateConverter::canPairWith(const RateConverter& other) const {
     return ready == 1 && other.ready == 1 && convertible_ && other.convertible_ && direction != 0 &&
-           direction == other.direction && filterOn != 0 && other.filterOn != 0 &&
+           direction == other.direction && (filterOn != 0) == (other.filterOn != 0) &&
            srcRate == other.srcRate && dstRate == other.dstRate && capacity == other.capacity;
 }
 
@@ -215,22 +215,89 @@ uint32_t RateConverter::convertPair(RateConverter& left, const float* inL, float
     }
     const float* sourceL = inL;
     const float* sourceR = inR;
-    if (left.direction < 0) {
+    const bool filtered = left.filterOn != 0;
+    if (left.direction < 0 && filtered) {
         IirDesigner::processPair(left.filter, inL, left.scratch, right.filter, inR, right.scratch,
                                  n);
         sourceL = left.scratch;
         sourceR = right.scratch;
     }
-    left.interpolate(sourceL, outL, n, total);
-    right.interpolate(sourceR, outR, n, total);
-    if (left.direction > 0) {
+    if (left.interpolation == 0 && right.interpolation == 0) {
+        left.interpolateLinearPair(sourceL, outL, sourceR, outR, n, total);
+    } else {
+        left.interpolate(sourceL, outL, n, total);
+        right.interpolate(sourceR, outR, n, total);
+    }
+    if (left.direction > 0 && filtered) {
         IirDesigner::processPair(left.filter, outL, outL, right.filter, outR, outR, total);
     }
     return total;
 }
 
+void RateConverter::interpolateLinearPair(const float* sourceL, float* outL, const float* sourceR,
+                                          float* outR, uint32_t n, uint32_t total) const {
+    // The chunking of interpolate, shared by both channels.
+    const double step = static_cast<double>(srcRate) / dstRate;
+    const uint32_t perChunk = truncToUint32(scaledCount(kChunkFrames, srcRate, dstRate));
+    uint32_t remainingIn = n;
+    uint32_t remainingOut = total;
+    while (remainingIn > 0) {
+        const uint32_t chunkIn = remainingIn < kChunkFrames ? remainingIn : kChunkFrames;
+        uint32_t chunkOut = remainingOut < perChunk ? remainingOut : perChunk;
+        if (chunkIn == remainingIn) {
+            chunkOut = remainingOut;
+        }
+        linearChunkPair(sourceL, outL, sourceR, outR, chunkIn, chunkOut, step);
+        sourceL += chunkIn;
+        sourceR += chunkIn;
+        outL += chunkOut;
+        outR += chunkOut;
+        remainingIn -= chunkIn;
+        remainingOut -= chunkOut;
+    }
+}
+
+void RateConverter::linearChunkPair(const float* srcL, float* outL, const float* srcR, float* outR,
+                                    uint32_t chunkIn, uint32_t chunkOut, double step) {
+    if (chunkIn == 1 || chunkOut == 0) {
+        linearChunk(srcL, chunkIn, outL, chunkOut, step);
+        linearChunk(srcR, chunkIn, outR, chunkOut, step);
+        return;
+    }
+    // linearChunk for two channels: the positions are the same for both, so
+    // one sum of steps serves them.
+    const int32_t last = static_cast<int32_t>(chunkIn) - 2;
+    const double lastPos = last;
+    double pos = 0.0;
+    uint32_t j = 0;
+    for (; j + 1 < chunkOut && pos < lastPos; ++j) {
+        const int32_t i = static_cast<int32_t>(pos);
+        const double f = pos - static_cast<double>(i);
+        const double aL = srcL[i];
+        const double bL = srcL[i + 1];
+        const double aR = srcR[i];
+        const double bR = srcR[i + 1];
+        outL[j] = static_cast<float>(aL + f * (bL - aL));
+        outR[j] = static_cast<float>(aR + f * (bR - aR));
+        pos = pos + step;
+    }
+    for (; j + 1 < chunkOut; ++j) {
+        const int32_t i = pos < lastPos ? truncToInt32(pos) : last;
+        const double f = pos - std::floor(pos);
+        const double aL = srcL[i];
+        const double bL = srcL[i + 1];
+        const double aR = srcR[i];
+        const double bR = srcR[i + 1];
+        outL[j] = static_cast<float>(aL + f * (bL - aL));
+        outR[j] = static_cast<float>(aR + f * (bR - aR));
+        pos = pos + step;
+    }
+    outL[chunkOut - 1] = srcL[chunkIn - 1];
+    outR[chunkOut - 1] = srcR[chunkIn - 1];
+}
+
 void RateConverter::linearChunk(const float* src, uint32_t chunkIn, float* out, uint32_t chunkOut,
-                                double step) const {
+                                double step) {
     if (chunkOut == 0) {
         return;
     }
