@@ -193,14 +193,12 @@ inline double cubicFar(double u) {
 
 inline double weighted(double t, double x0, double x1, double x2, double x3) {
     if (t >= 0.0) {
-        return cubicFar(std::fabs(1.0 + t)) * static_cast<double>(x0) +
-               cubicNear(std::fabs(t)) * static_cast<double>(x1) +
-               cubicNear(std::fabs(t - 1.0)) * static_cast<double>(x2) +
-               cubicFar(std::fabs(t - 2.0)) * static_cast<double>(x3);
+        return cubicFar(std::fabs(1.0 + t)) * x0 + cubicNear(std::fabs(t)) * x1 +
+               cubicNear(std::fabs(t - 1.0)) * x2 + cubicFar(std::fabs(t - 2.0)) * x3;
     }
-    return cubicNear(std::fabs(1.0 + t)) * static_cast<double>(x0) +
-           cubicNear(std::fabs(t)) * static_cast<double>(x1) +
-           cubicFar(std::fabs(t - 1.0)) * static_cast<double>(x2) + 0.0 * static_cast<double>(x3);
+    // |t - 2| >= 2: cubicWeight gives 0.0 for the last tap.
+    return cubicNear(std::fabs(1.0 + t)) * x0 + cubicNear(std::fabs(t)) * x1 +
+           cubicFar(std::fabs(t - 1.0)) * x2 + 0.0 * x3;
 }
 
 // The same four weights, stored.

@@ -75,12 +75,13 @@ private:
 
     // x[-span] .. x[frames - 1] of the current block, oldest first.
     double* line_ = nullptr;
-    // The four tap weights of every grain age for the ratio in use: tap k at
-    // weights_[k * weightCapacity_ + age] for a read position p >= 0, at
-    // weights_[(4 + k) * weightCapacity_ + age] for p < 0. The fraction of p depends only on age x
-    // ratio (the start is whole and every position is exact in double), so each entry is the very
-    // double the per-tap evaluation would give. Long grains go without the table and the line (see
-    // kMaxFastPathLength).
+    // The four tap weights of every grain age for the ratio in use: tap k
+    // at weights_[k * weightCapacity_ + age] for a read position p >= 0, at
+    // weights_[(4 + k) * weightCapacity_ + age] for p < 0. The fraction of p
+    // depends only on age x ratio (the start is whole and every position is
+    // exact in double), so each entry is the very double the per-tap
+    // evaluation would give. Long grains go without the table and the line
+    // (see kMaxFastPathLength).
     double* weights_ = nullptr;
     uint32_t weightCapacity_ = 0; // ages the table can hold
     uint32_t weightAges_ = 0;     // ages filled for weightRatio_; 0 when stale
