@@ -22,6 +22,17 @@ double acoshByLog(double y) {
     return std::log(y + std::sqrt(y * y - 1.0));
 }
 
+// The two pieces of cubicWeight. For a fraction d in [0, 1) the distances
+// d and |d - 1| lie in [0, 1] and d + 1 and |d - 2| in [1, 2]; at exactly 1
+// and 2 both pieces (and the 0.0 beyond 2) are +0.0, so each tap can take its
+// piece without the range tests and get the same double.
+inline double cubicInner(double u) {
+    return 1.0 - 2.0 * u * u + u * u * u;
+}
+inline double cubicOuter(double u) {
+    return 4.0 - 8.0 * u + 5.0 * u * u - u * u * u;
+}
+
 constexpr double kCountLimit = 4294967296.0;           // counts must fit 32 bits
 constexpr uint32_t kMaxFrames = (UINT32_MAX - 15) / 4; // the pool's largest float buffer
 
@@ -351,7 +362,19 @@ void RateConverter::cubicChunk(const float* src, uint32_t chunkIn, float* out, u
     const int32_t last = chunkIn > 1 ? static_cast<int32_t>(chunkIn) - 1 : 1;
     const double lastPos = last;
     double pos = 1.0;
-    for (uint32_t j = 0; j + 1 < chunkOut; ++j) {
+    uint32_t j = 0;
+    // Below the last index the position lies in [1, 2^31): a plain
+    // conversion truncates it.
+    for (; j + 1 < chunkOut && pos < lastPos; ++j) {
+        const int32_t i = static_cast<int32_t>(pos);
+        const double d = pos - static_cast<double>(i);
+        const double sum = cubicInner(std::fabs(d - 1.0)) * h[i + 1] +
+                           cubicOuter(std::fabs(d - 2.0)) * h[i + 2] + cubicInner(d) * h[i] +
+                           cubicOuter(d + 1.0) * h[i - 1];
+        out[j] = static_cast<float>(sum);
+        pos = pos + step;
+    }
+    for (; j + 1 < chunkOut; ++j) {
         const int32_t i = pos < lastPos ? truncToInt32(pos) : last;
         const double d = pos - std::trunc(pos);
         const double sum = cubicWeight(std::fabs(d - 1.0)) * h[i + 1] +
