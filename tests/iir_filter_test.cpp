@@ -311,3 +311,60 @@ TEST_F(IirFilterTest, InitWithoutBuffersReturnsZeroAndLeavesThePoolAsItWas) {
 }
 
 } // namespace
+
+// Stereo blocks run both channels' cascades side by side: each channel must
+// still be exactly its own mono cascade, across blocks longer than the
+// processor's frames and through processChained, in place or with the left
+// output written over the right input (then right filters left's output).
+TEST_F(IirFilterTest, StereoChannelsMatchTheirOwnMonoCascades) {
+    const uint32_t frames = 300;
+    for (uint32_t order : {1u, 4u, 8u, 9u, 12u}) {
+        void* h = initIirFilter(frames, 2, 48000, order, 3000.0f, order % 2);
+        ASSERT_NE(h, nullptr);
+        MonoModel modelL(48000.0f, static_cast<int32_t>(order), 3000.0f, order % 2);
+        MonoModel modelR(48000.0f, static_cast<int32_t>(order), 3000.0f, order % 2);
+        for (uint32_t block : {frames, 1000u, 7u}) {
+            std::vector<int16_t> src = noise16(2 * block, order + block);
+            std::vector<int16_t> left(block), right(block), dst(2 * block);
+            for (uint32_t i = 0; i < block; ++i) {
+                left[i] = src[2 * i];
+                right[i] = src[2 * i + 1];
+            }
+            EXPECT_EQ(doIirFilter(h, src.data(), dst.data(), 4 * block), 1u);
+            std::vector<int16_t> l = modelL.run(left), r = modelR.run(right);
+            for (uint32_t i = 0; i < block; ++i) {
+                ASSERT_EQ(dst[2 * i], l[i]) << order << " " << block << " " << i;
+                ASSERT_EQ(dst[2 * i + 1], r[i]) << order << " " << block << " " << i;
+            }
+        }
+        termIirFilter(h);
+    }
+
+    IirFilterProcessor* f = asFilter(initIirFilter(frames, 2, 44100, 6, 900.0f, 0));
+    dsp::ChebyshevDesigner refL, refR;
+    for (dsp::ChebyshevDesigner* d : {&refL, &refR}) {
+        d->setOrder(6, 0);
+        d->design(44100.0f, 900.0f);
+    }
+    std::vector<int16_t> pcm = noise16(2 * frames, 99);
+    std::vector<float> inL(frames), inR(frames);
+    for (uint32_t i = 0; i < frames; ++i) {
+        inL[i] = dsp::convert::sampleToFloat(pcm[2 * i]);
+        inR[i] = dsp::convert::sampleToFloat(pcm[2 * i + 1]);
+    }
+    // In place on both channels.
+    std::vector<float> l(inL), r(inR), el(inL), er(inR);
+    EXPECT_EQ(f->processChained(l.data(), r.data(), l.data(), r.data(), frames), frames);
+    refL.process(el.data(), el.data(), frames);
+    refR.process(er.data(), er.data(), frames);
+    EXPECT_EQ(l, el);
+    EXPECT_EQ(r, er);
+    // Left output over the right input: the right filter sees the left result.
+    std::vector<float> shared(inR), outR(frames), expectShared(inR), expectR(frames);
+    f->processChained(inL.data(), shared.data(), shared.data(), outR.data(), frames);
+    refL.process(inL.data(), expectShared.data(), frames);
+    refR.process(expectShared.data(), expectR.data(), frames);
+    EXPECT_EQ(shared, expectShared);
+    EXPECT_EQ(outR, expectR);
+    termIirFilter(f);
+}

@@ -214,6 +214,50 @@ TEST(PitchShift, MatchesThePerSampleModelAcrossPitchAndLevelChanges) {
     }
 }
 
+// The engine runs grains piece by piece with tabled weights and a linear
+// copy of the history; the model evaluates every grain per sample. Pitch
+// changes refill the table and send read points beyond the history, short
+// grains with an uneven spacing skip spawns, and the longest grains go
+// without the table and the linear history.
+TEST(PitchShift, FastPathsMatchThePerSampleModel) {
+    struct Case {
+        float grain;
+        float spacing;
+        size_t block;
+        std::vector<float> cents;
+    };
+    const Case cases[] = {
+        {kGrain, kSpacing, 4096, {700.0f, 700.0f, -1200.0f, 1200.0f, 700.0f, -50.0f, 0.0f, 700.0f}},
+        {0.005f, 0.0005f, 1000, {700.0f, -700.0f, 1200.0f, 0.001f, -1200.0f, 300.0f}},
+        {0.01f, 0.0033f, 333, {-300.0f, 1100.0f, -1200.0f, 700.0f}},
+        {0.4f, 0.05f, 40000, {700.0f, -1200.0f}},
+        {1.0f, 0.05f, 40000, {700.0f, -400.0f}},
+    };
+    std::vector<float> in = testSignal(90000);
+    for (const Case& c : cases) {
+        auto* p = static_cast<dsp::PitchShiftProcessor*>(
+            initPitchShift(40000, 1, kRate, c.cents[0], 0.0f, c.grain, c.spacing));
+        ASSERT_NE(p, nullptr);
+        dsptest::PitchModel model(kRate, c.cents[0], 0.0f, c.grain, c.spacing);
+        size_t done = 0;
+        for (size_t k = 0; k < c.cents.size() && done < in.size(); ++k) {
+            for (int rep = 0; rep < 2 && done < in.size(); ++rep) {
+                size_t n = std::min(c.block, in.size() - done);
+                std::vector<float> block(in.begin() + done, in.begin() + done + n);
+                std::vector<float> out(n);
+                p->processChannel(0, block.data(), out.data(), static_cast<uint32_t>(n));
+                ASSERT_EQ(out, model.run(block)) << c.grain << " step " << k << " rep " << rep;
+                done += n;
+            }
+            if (k + 1 < c.cents.size()) {
+                p->setPitch(c.cents[k + 1]);
+                model.setPitch(c.cents[k + 1]);
+            }
+        }
+        termPitchShift(p);
+    }
+}
+
 TEST(PitchShift, OutputDoesNotDependOnTheBlockSize) {
     // At +1200 cents every read point is a whole sample, so the stream is the
     // same to the bit whatever the blocks; a pending change moves with them.

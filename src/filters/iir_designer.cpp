@@ -2,7 +2,12 @@
 
 #include <cmath>
 #include <cstddef>
+#include <cstdint>
 #include <new>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 namespace dsp {
 
@@ -119,7 +124,107 @@ void runSectionGroup(IirDesigner& f, int32_t first, double* x, uint32_t len) {
     }
 }
 
+#if defined(__SSE2__)
+// runSectionGroup for two cascades at once: lane 0 holds the first, lane 1
+// the second. Packed double arithmetic rounds each lane as the scalar code
+// does, and the operations come in the same order, so each lane's results
+// are those of its own cascade.
+template <int K>
+void runSectionGroupPair(IirDesigner& f, IirDesigner& g, int32_t first, double* x, uint32_t len) {
+    __m128d ca1[K], ca2[K], cb0[K], cb1[K], cb2[K], z1[K], z2[K];
+    for (int k = 0; k < K; ++k) {
+        const int32_t i = first + k;
+        ca1[k] = _mm_set_pd(g.a1[i], f.a1[i]);
+        ca2[k] = _mm_set_pd(g.a2[i], f.a2[i]);
+        cb0[k] = _mm_set_pd(g.b0[i], f.b0[i]);
+        cb1[k] = _mm_set_pd(g.b1[i], f.b1[i]);
+        cb2[k] = _mm_set_pd(g.b2[i], f.b2[i]);
+        z1[k] = _mm_set_pd(g.s1[i], f.s1[i]);
+        z2[k] = _mm_set_pd(g.s2[i], f.s2[i]);
+    }
+    for (uint32_t n = 0; n < len; ++n) {
+        __m128d v = _mm_load_pd(x + 2 * n);
+        for (int k = 0; k < K; ++k) {
+            __m128d w =
+                _mm_add_pd(v, _mm_add_pd(_mm_mul_pd(ca2[k], z2[k]), _mm_mul_pd(ca1[k], z1[k])));
+            v = _mm_add_pd(_mm_add_pd(_mm_mul_pd(cb2[k], z2[k]), _mm_mul_pd(cb1[k], z1[k])),
+                           _mm_mul_pd(cb0[k], w));
+            z2[k] = z1[k];
+            z1[k] = w;
+        }
+        _mm_store_pd(x + 2 * n, v);
+    }
+    for (int k = 0; k < K; ++k) {
+        const int32_t i = first + k;
+        _mm_storel_pd(&f.s1[i], z1[k]);
+        _mm_storeh_pd(&g.s1[i], z1[k]);
+        _mm_storel_pd(&f.s2[i], z2[k]);
+        _mm_storeh_pd(&g.s2[i], z2[k]);
+    }
+}
+#endif
+
+bool overlaps(const float* a, const float* b, uint32_t frames) {
+    const uintptr_t pa = reinterpret_cast<uintptr_t>(a);
+    const uintptr_t pb = reinterpret_cast<uintptr_t>(b);
+    const uintptr_t bytes = static_cast<uintptr_t>(frames) * sizeof(float);
+    return pa < pb + bytes && pb < pa + bytes;
+}
+
 } // namespace
+
+void IirDesigner::processPair(IirDesigner& first, const float* inFirst, float* outFirst,
+                              IirDesigner& second, const float* inSecond, float* outSecond,
+                              uint32_t frames) {
+#if defined(__SSE2__)
+    // When the first output lands on the second channel's buffers (or the
+    // second output on the first input), the order of the two calls matters:
+    // those take the two calls.
+    if (first.sections == second.sections && !overlaps(outFirst, inSecond, frames) &&
+        !overlaps(outFirst, outSecond, frames) && !overlaps(outSecond, inFirst, frames)) {
+        const int32_t count = first.sections;
+        constexpr uint32_t kChunk = 256;
+        alignas(16) double x[2 * kChunk];
+        uint32_t left = frames;
+        while (left > 0) {
+            const uint32_t len = left < kChunk ? left : kChunk;
+            for (uint32_t n = 0; n < len; ++n) {
+                x[2 * n] = inFirst[n];
+                x[2 * n + 1] = inSecond[n];
+            }
+            int32_t i = 0;
+            for (; count - i >= 4; i += 4) {
+                runSectionGroupPair<4>(first, second, i, x, len);
+            }
+            switch (count - i) {
+            case 3:
+                runSectionGroupPair<3>(first, second, i, x, len);
+                break;
+            case 2:
+                runSectionGroupPair<2>(first, second, i, x, len);
+                break;
+            case 1:
+                runSectionGroupPair<1>(first, second, i, x, len);
+                break;
+            default:
+                break;
+            }
+            for (uint32_t n = 0; n < len; ++n) {
+                outFirst[n] = static_cast<float>(x[2 * n]);
+                outSecond[n] = static_cast<float>(x[2 * n + 1]);
+            }
+            inFirst += len;
+            outFirst += len;
+            inSecond += len;
+            outSecond += len;
+            left -= len;
+        }
+        return;
+    }
+#endif
+    first.process(inFirst, outFirst, frames);
+    second.process(inSecond, outSecond, frames);
+}
 
 uint32_t IirDesigner::process(const float* in, float* out, uint32_t frames) {
     const int32_t count = sections;

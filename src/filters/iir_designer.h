@@ -26,6 +26,15 @@ public:
     // Filters `frames` samples (in and out may be the same buffer); the state
     // carries over from call to call. Returns frames.
     virtual uint32_t process(const float* in, float* out, uint32_t frames);
+    // Runs two cascades side by side, as `first`.process(inFirst, outFirst)
+    // and `second`.process(inSecond, outSecond) would, each with exactly its
+    // own arithmetic: two independent channels share the vector lanes. Each
+    // output may be its own input. Falls back to the two calls in turn when
+    // the cascades differ in length or one channel's output overlaps the
+    // other channel's buffers.
+    static void processPair(IirDesigner& first, const float* inFirst, float* outFirst,
+                            IirDesigner& second, const float* inSecond, float* outSecond,
+                            uint32_t frames);
 
     uint8_t allocated = 0;
     int32_t order = 0;

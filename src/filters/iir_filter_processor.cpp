@@ -1,5 +1,7 @@
 #include "iir_filter_processor.h"
 
+#include "core/sample_convert.h"
+
 namespace dsp {
 
 bool IirFilterProcessor::init(uint32_t frames, uint32_t channels, uint32_t rate,
@@ -50,15 +52,30 @@ uint32_t IirFilterProcessor::processChannel(uint32_t channel, const float* in, f
 
 uint32_t IirFilterProcessor::processChained(const float* inL, const float* inR, float* outL,
                                             float* outR, uint32_t frames) {
-    filters[0].process(inL, outL, frames);
     if (inChannels == 2) {
-        filters[1].process(inR, outR, frames);
+        IirDesigner::processPair(filters[0], inL, outL, filters[1], inR, outR, frames);
+    } else {
+        filters[0].process(inL, outL, frames);
     }
     return frames;
 }
 
 uint32_t IirFilterProcessor::processInterleaved(const int16_t* src, int16_t* dst, uint32_t bytes) {
-    return interleavedTemplate(src, dst, bytes);
+    if (ready != 1 || inFrames == 0 || inChannels != 2) {
+        return interleavedTemplate(src, dst, bytes);
+    }
+    // The standard template, with both channels filtered side by side.
+    uint32_t frames = bytes / 4;
+    while (frames > 0) {
+        const uint32_t piece = frames < inFrames ? frames : inFrames;
+        convertToFloat(src, piece * 4, work[0], work[1], 2);
+        IirDesigner::processPair(filters[0], work[0], work[2], filters[1], work[1], work[3], piece);
+        convertToInt16(work[2], work[3], piece, dst, 2);
+        src += piece * 2;
+        dst += piece * 2;
+        frames -= piece;
+    }
+    return bytes;
 }
 
 } // namespace dsp

@@ -52,13 +52,42 @@ public:
     uint8_t bypass = 0;
 
 private:
+    // Samples a grain-major piece covers at most.
+    static constexpr uint32_t kPieceFrames = 256;
+
     void processBlock(const float* in, float* out, uint32_t frames);
+    // Samples n0 .. n0 + len - 1 of the block, a stretch in which no grain
+    // starts after n0: every sounding record in turn adds its terms.
+    void runPiece(const float* in, float* out, uint32_t frames, uint32_t n0, uint32_t len);
+    // The same stretch in pass-through: every sounding record ages len steps.
+    void ageGrains(uint32_t len);
     void spawnGrain(int32_t start);
     // x[k] of the current block: in[k] for k >= 0, the history for k < 0.
     float sampleAt(int32_t k, const float* in, uint32_t frames) const;
     void storeHistory(const float* in, uint32_t frames);
+    // Copies the history and the block into line_ so that x[k] is
+    // line_[span + k] for -span <= k < frames: the grain reader then needs
+    // neither a modulo nor a bound check per tap.
+    void fillLine(const float* in, uint32_t frames);
 
+    // Fills weights_ for the ratio in use when it is not already there.
+    void prepareWeights();
+
+    // x[-span] .. x[frames - 1] of the current block, oldest first.
+    double* line_ = nullptr;
+    // The four tap weights of every grain age for the ratio in use: tap k
+    // at weights_[k * weightCapacity_ + age] for a read position p >= 0, at
+    // weights_[(4 + k) * weightCapacity_ + age] for p < 0. The fraction of p
+    // depends only on age x ratio (the start is whole and every position is
+    // exact in double), so each entry is the very double the per-tap
+    // evaluation would give. Long grains go without the table and the line
+    // (see kMaxFastPathLength).
+    double* weights_ = nullptr;
+    uint32_t weightCapacity_ = 0; // ages the table can hold
+    uint32_t weightAges_ = 0;     // ages filled for weightRatio_; 0 when stale
+    float weightRatio_ = 0.0f;
     // Allocated sizes, so a smaller setup reuses the arrays.
+    uint32_t lineCapacity_ = 0;
     uint32_t ringCapacity_ = 0;
     uint32_t windowCapacity_ = 0;
     uint32_t grainCapacity_ = 0;

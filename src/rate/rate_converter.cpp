@@ -5,6 +5,7 @@
 #include "core/sample_convert.h"
 
 #include <cmath>
+#include <cstdint>
 #include <cstring>
 #include <new>
 
@@ -19,6 +20,17 @@ double scaledCount(uint32_t n, uint32_t from, uint32_t to) {
 
 double acoshByLog(double y) {
     return std::log(y + std::sqrt(y * y - 1.0));
+}
+
+// The two pieces of cubicWeight. For a fraction d in [0, 1) the distances
+// d and |d - 1| lie in [0, 1] and d + 1 and |d - 2| in [1, 2]; at exactly 1
+// and 2 both pieces (and the 0.0 beyond 2) are +0.0, so each tap can take its
+// piece without the range tests and get the same double.
+inline double cubicInner(double u) {
+    return 1.0 - 2.0 * u * u + u * u * u;
+}
+inline double cubicOuter(double u) {
+    return 4.0 - 8.0 * u + 5.0 * u * u - u * u * u;
 }
 
 constexpr double kCountLimit = 4294967296.0;           // counts must fit 32 bits
@@ -146,6 +158,15 @@ uint32_t RateConverter::convert(const float* in, float* out, uint32_t frames) {
         source = scratch;
     }
 
+    interpolate(source, out, n, total);
+
+    if (direction > 0 && filterOn != 0) {
+        filter.process(out, out, total);
+    }
+    return total;
+}
+
+void RateConverter::interpolate(const float* source, float* out, uint32_t n, uint32_t total) {
     const double step = static_cast<double>(srcRate) / dstRate;
     const uint32_t perChunk = truncToUint32(scaledCount(kChunkFrames, srcRate, dstRate));
     uint32_t remainingIn = n;
@@ -169,15 +190,125 @@ uint32_t RateConverter::convert(const float* in, float* out, uint32_t frames) {
         remainingIn -= chunkIn;
         remainingOut -= chunkOut;
     }
+}
 
-    if (direction > 0 && filterOn != 0) {
-        filter.process(out, out, total);
+bool RateConverter::canPairWith(const RateConverter& other) const {
+    return ready == 1 && other.ready == 1 && convertible_ && other.convertible_ && direction != 0 &&
+           direction == other.direction && (filterOn != 0) == (other.filterOn != 0) &&
+           srcRate == other.srcRate && dstRate == other.dstRate && capacity == other.capacity;
+}
+
+namespace {
+bool overlaps(const float* a, size_t na, const float* b, size_t nb) {
+    const uintptr_t pa = reinterpret_cast<uintptr_t>(a);
+    const uintptr_t pb = reinterpret_cast<uintptr_t>(b);
+    return pa < pb + nb * sizeof(float) && pb < pa + na * sizeof(float);
+}
+} // namespace
+
+uint32_t RateConverter::convertPair(RateConverter& left, const float* inL, float* outL,
+                                    RateConverter& right, const float* inR, float* outR,
+                                    uint32_t frames) {
+    if (!left.canPairWith(right)) {
+        const uint32_t produced = left.convert(inL, outL, frames);
+        right.convert(inR, outR, frames);
+        return produced;
+    }
+    const uint32_t n = frames < left.capacity ? frames : left.capacity;
+    const uint32_t total = truncToUint32(scaledCount(n, left.srcRate, left.dstRate));
+    // One channel's output must not be the other's input or output, or the
+    // order of the two conversions would matter.
+    if (overlaps(outL, total, inR, n) || overlaps(outR, total, inL, n) ||
+        overlaps(outL, total, outR, total)) {
+        const uint32_t produced = left.convert(inL, outL, frames);
+        right.convert(inR, outR, frames);
+        return produced;
+    }
+    const float* sourceL = inL;
+    const float* sourceR = inR;
+    const bool filtered = left.filterOn != 0;
+    if (left.direction < 0 && filtered) {
+        IirDesigner::processPair(left.filter, inL, left.scratch, right.filter, inR, right.scratch,
+                                 n);
+        sourceL = left.scratch;
+        sourceR = right.scratch;
+    }
+    if (left.interpolation == 0 && right.interpolation == 0) {
+        left.interpolateLinearPair(sourceL, outL, sourceR, outR, n, total);
+    } else {
+        left.interpolate(sourceL, outL, n, total);
+        right.interpolate(sourceR, outR, n, total);
+    }
+    if (left.direction > 0 && filtered) {
+        IirDesigner::processPair(left.filter, outL, outL, right.filter, outR, outR, total);
     }
     return total;
 }
 
+void RateConverter::interpolateLinearPair(const float* sourceL, float* outL, const float* sourceR,
+                                          float* outR, uint32_t n, uint32_t total) const {
+    // The chunking of interpolate, shared by both channels.
+    const double step = static_cast<double>(srcRate) / dstRate;
+    const uint32_t perChunk = truncToUint32(scaledCount(kChunkFrames, srcRate, dstRate));
+    uint32_t remainingIn = n;
+    uint32_t remainingOut = total;
+    while (remainingIn > 0) {
+        const uint32_t chunkIn = remainingIn < kChunkFrames ? remainingIn : kChunkFrames;
+        uint32_t chunkOut = remainingOut < perChunk ? remainingOut : perChunk;
+        if (chunkIn == remainingIn) {
+            chunkOut = remainingOut;
+        }
+        linearChunkPair(sourceL, outL, sourceR, outR, chunkIn, chunkOut, step);
+        sourceL += chunkIn;
+        sourceR += chunkIn;
+        outL += chunkOut;
+        outR += chunkOut;
+        remainingIn -= chunkIn;
+        remainingOut -= chunkOut;
+    }
+}
+
+void RateConverter::linearChunkPair(const float* srcL, float* outL, const float* srcR, float* outR,
+                                    uint32_t chunkIn, uint32_t chunkOut, double step) {
+    if (chunkIn == 1 || chunkOut == 0) {
+        linearChunk(srcL, chunkIn, outL, chunkOut, step);
+        linearChunk(srcR, chunkIn, outR, chunkOut, step);
+        return;
+    }
+    // linearChunk for two channels: the positions are the same for both, so
+    // one sum of steps serves them.
+    const int32_t last = static_cast<int32_t>(chunkIn) - 2;
+    const double lastPos = last;
+    double pos = 0.0;
+    uint32_t j = 0;
+    for (; j + 1 < chunkOut && pos < lastPos; ++j) {
+        const int32_t i = static_cast<int32_t>(pos);
+        const double f = pos - static_cast<double>(i);
+        const double aL = srcL[i];
+        const double bL = srcL[i + 1];
+        const double aR = srcR[i];
+        const double bR = srcR[i + 1];
+        outL[j] = static_cast<float>(aL + f * (bL - aL));
+        outR[j] = static_cast<float>(aR + f * (bR - aR));
+        pos = pos + step;
+    }
+    for (; j + 1 < chunkOut; ++j) {
+        const int32_t i = pos < lastPos ? truncToInt32(pos) : last;
+        const double f = pos - std::floor(pos);
+        const double aL = srcL[i];
+        const double bL = srcL[i + 1];
+        const double aR = srcR[i];
+        const double bR = srcR[i + 1];
+        outL[j] = static_cast<float>(aL + f * (bL - aL));
+        outR[j] = static_cast<float>(aR + f * (bR - aR));
+        pos = pos + step;
+    }
+    outL[chunkOut - 1] = srcL[chunkIn - 1];
+    outR[chunkOut - 1] = srcR[chunkIn - 1];
+}
+
 void RateConverter::linearChunk(const float* src, uint32_t chunkIn, float* out, uint32_t chunkOut,
-                                double step) const {
+                                double step) {
     if (chunkOut == 0) {
         return;
     }
@@ -190,7 +321,18 @@ void RateConverter::linearChunk(const float* src, uint32_t chunkIn, float* out, 
     const int32_t last = static_cast<int32_t>(chunkIn) - 2;
     const double lastPos = last;
     double pos = 0.0;
-    for (uint32_t j = 0; j + 1 < chunkOut; ++j) {
+    uint32_t j = 0;
+    // While the position is below the last pair it lies in [0, 2^31): its
+    // truncation is a plain conversion and equals floor(pos).
+    for (; j + 1 < chunkOut && pos < lastPos; ++j) {
+        const int32_t i = static_cast<int32_t>(pos);
+        const double f = pos - static_cast<double>(i);
+        const double a = src[i];
+        const double b = src[i + 1];
+        out[j] = static_cast<float>(a + f * (b - a));
+        pos = pos + step;
+    }
+    for (; j + 1 < chunkOut; ++j) {
         // The index stops at the last pair; the fraction stays the one of
         // the unlimited position.
         const int32_t i = pos < lastPos ? truncToInt32(pos) : last;
@@ -220,7 +362,19 @@ void RateConverter::cubicChunk(const float* src, uint32_t chunkIn, float* out, u
     const int32_t last = chunkIn > 1 ? static_cast<int32_t>(chunkIn) - 1 : 1;
     const double lastPos = last;
     double pos = 1.0;
-    for (uint32_t j = 0; j + 1 < chunkOut; ++j) {
+    uint32_t j = 0;
+    // Below the last index the position lies in [1, 2^31): a plain
+    // conversion truncates it.
+    for (; j + 1 < chunkOut && pos < lastPos; ++j) {
+        const int32_t i = static_cast<int32_t>(pos);
+        const double d = pos - static_cast<double>(i);
+        const double sum = cubicInner(std::fabs(d - 1.0)) * h[i + 1] +
+                           cubicOuter(std::fabs(d - 2.0)) * h[i + 2] + cubicInner(d) * h[i] +
+                           cubicOuter(d + 1.0) * h[i - 1];
+        out[j] = static_cast<float>(sum);
+        pos = pos + step;
+    }
+    for (; j + 1 < chunkOut; ++j) {
         const int32_t i = pos < lastPos ? truncToInt32(pos) : last;
         const double d = pos - std::trunc(pos);
         const double sum = cubicWeight(std::fabs(d - 1.0)) * h[i + 1] +

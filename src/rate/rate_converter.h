@@ -37,6 +37,14 @@ public:
     // trunc((frames / srcRate) * dstRate).
     uint32_t convert(const float* in, float* out, uint32_t frames);
 
+    // left.convert(inL, outL, frames) and right.convert(inR, outR, frames),
+    // with the two low-passes run side by side and one position sum for both
+    // linear interpolations when the converters are set up alike (same
+    // results, sample for sample). Returns left's count.
+    static uint32_t convertPair(RateConverter& left, const float* inL, float* outL,
+                                RateConverter& right, const float* inR, float* outR,
+                                uint32_t frames);
+
     // trunc(dstRate * (n / srcRate)); callers use it on byte counts too.
     uint32_t outputFramesFor(uint32_t n) const;
 
@@ -61,9 +69,19 @@ public:
 
 private:
     void freeBuffers();
+    // Both converters ready and convertible, changing the rate the same way
+    // with the filter on or off alike, with the same capacity.
+    bool canPairWith(const RateConverter& other) const;
+    // The chunked interpolation of n source frames into total output frames.
+    void interpolate(const float* source, float* out, uint32_t n, uint32_t total);
     void designFilter(float attenuationDb, float slopeDbPerOctave, float rippleDb);
-    void linearChunk(const float* src, uint32_t chunkIn, float* out, uint32_t chunkOut,
-                     double step) const;
+    static void linearChunk(const float* src, uint32_t chunkIn, float* out, uint32_t chunkOut,
+                            double step);
+    // interpolate with linear interpolation, for two channels at once.
+    void interpolateLinearPair(const float* sourceL, float* outL, const float* sourceR, float* outR,
+                               uint32_t n, uint32_t total) const;
+    static void linearChunkPair(const float* srcL, float* outL, const float* srcR, float* outR,
+                                uint32_t chunkIn, uint32_t chunkOut, double step);
     void cubicChunk(const float* src, uint32_t chunkIn, float* out, uint32_t chunkOut, double step);
 
     bool convertible_ = false;

@@ -112,11 +112,10 @@ uint32_t ResamplerProcessor::processChained(const float* inL, const float* inR, 
         return 0;
     }
     const uint32_t n = frames < inFrames ? frames : inFrames;
-    const uint32_t produced = converters[0].convert(inL, outL, n);
     if (inChannels == 2) {
-        converters[1].convert(inR, outR, n);
+        return RateConverter::convertPair(converters[0], inL, outL, converters[1], inR, outR, n);
     }
-    return produced;
+    return converters[0].convert(inL, outL, n);
 }
 
 uint32_t ResamplerProcessor::processInterleaved(const int16_t* src, int16_t* dst, uint32_t bytes) {
@@ -129,11 +128,14 @@ uint32_t ResamplerProcessor::processInterleaved(const int16_t* src, int16_t* dst
     while (frames > 0) {
         const uint32_t piece = frames < inFrames ? frames : inFrames;
         convertToFloat(src, piece * frameBytes, work[0], work[1], inChannels);
-        const uint32_t produced = processChannel(0, work[0], work[2], piece);
+        uint32_t produced;
         if (inChannels == 2) {
-            processChannel(1, work[1], work[3], piece);
+            // Both channels at once: their low-passes share the vector lanes.
+            produced = RateConverter::convertPair(converters[0], work[0], work[2], converters[1],
+                                                  work[1], work[3], piece);
             convertToInt16(work[2], work[3], produced, dst, outChannels);
         } else {
+            produced = processChannel(0, work[0], work[2], piece);
             // No right buffer: a mono result goes to both channels when the
             // output is stereo.
             convertToInt16(work[2], nullptr, produced, dst, outChannels);
