@@ -165,6 +165,78 @@ TEST(RealFft, TwiddleTablesHoldTheDescribedValues) {
     }
 }
 
+// The tables bit for bit, for every size: each entry built here in double
+// from its construction rule and rounded to float once; the nested sub-tables
+// copy the float entries, and their first 0.5/x entries divide the stored
+// floats. Entries the rules leave unset are not compared.
+TEST(RealFft, TablesEqualTheirConstructionRulesExactly) {
+    for (uint32_t n = 8; n <= 32768; n *= 2) {
+        auto engine = makeEngine();
+        ASSERT_NE(engine, nullptr);
+        std::vector<float> x(n, 0.0f);
+        engine->realFft(x.data(), n);
+        const uint32_t nw = n / 4;
+        const uint32_t nc = n / 4;
+        ASSERT_EQ(engine->bitrevWork[0], static_cast<int32_t>(nw));
+        ASSERT_EQ(engine->bitrevWork[1], static_cast<int32_t>(nc));
+        std::vector<float> w(nw + nc, 0.0f);
+        std::vector<bool> set(nw + nc, false);
+        auto put = [&](uint32_t i, float v) {
+            w[i] = v;
+            set[i] = true;
+        };
+        if (nw > 2) {
+            uint32_t h = nw / 2;
+            const double d = std::atan(1.0) / h;
+            const double c45 = std::cos(d * h);
+            put(0, 1.0f);
+            put(1, static_cast<float>(c45));
+            if (h >= 4) {
+                put(2, static_cast<float>(0.5 / std::cos(2.0 * d)));
+                put(3, static_cast<float>(0.5 / std::cos(6.0 * d)));
+            }
+            for (uint32_t j = 4; j < h; j += 4) {
+                put(j, static_cast<float>(std::cos(j * d)));
+                put(j + 1, static_cast<float>(std::sin(j * d)));
+                put(j + 2, static_cast<float>(std::cos(3 * j * d)));
+                put(j + 3, static_cast<float>(std::sin(3 * j * d)));
+            }
+            uint32_t base = 0;
+            while (h > 2) {
+                const uint32_t next = base + h;
+                h /= 2;
+                put(next, 1.0f);
+                put(next + 1, static_cast<float>(c45));
+                if (h >= 4) {
+                    put(next + 2, static_cast<float>(0.5 / w[base + 4]));
+                    put(next + 3, static_cast<float>(0.5 / w[base + 6]));
+                }
+                for (uint32_t j = 4; j < h; j += 4) {
+                    for (uint32_t e = 0; e < 4; ++e) {
+                        put(next + j + e, w[base + 2 * j + e]);
+                    }
+                }
+                base = next;
+            }
+        }
+        {
+            const uint32_t h = nc / 2;
+            const double d = std::atan(1.0) / h;
+            put(nw, static_cast<float>(std::cos(d * h)));
+            put(nw + h, 0.5f * w[nw]);
+            for (uint32_t j = 1; j < h; ++j) {
+                put(nw + j, static_cast<float>(0.5 * std::cos(j * d)));
+                put(nw + nc - j, static_cast<float>(0.5 * std::sin(j * d)));
+            }
+        }
+        for (uint32_t i = 0; i < nw + nc; ++i) {
+            if (set[i]) {
+                ASSERT_EQ(engine->twiddles[i], w[i]) << "N = " << n << ", entry " << i;
+            }
+        }
+    }
+}
+
 TEST(FftEngine, SetupComputesTheShiftedHannWindowAndFloor) {
     auto engine = makeEngine();
     ASSERT_NE(engine, nullptr);
