@@ -383,6 +383,19 @@ TEST(WaveSlice, WrongHandlesAreRefusedAndNoAudioComesOut) {
     EXPECT_EQ(termWaveSlice(h), 1u);
 }
 
+TEST(WaveSlice, InAChainItYieldsNothing) {
+    void* chain = dspCreate(256, 1, 44100);
+    ASSERT_NE(chain, nullptr);
+    void* h = initWaveSlice(256, 1, 44100, kStartDb, kEndDb, kRise, kMinSeconds);
+    ASSERT_NE(h, nullptr);
+    ASSERT_EQ(dspAdd(chain, h, 0), 1u);
+    std::vector<int16_t> src = toneBursts(256, 44100, 5000.0, {{0, 256, 0.5}});
+    std::vector<int16_t> dst(256, 7);
+    EXPECT_EQ(dspSend(chain, src.data(), dst.data(), 512), 0u);
+    EXPECT_EQ(dst[0], 7);
+    dspDestroy(chain); // destroys the slicer too
+}
+
 TEST(WaveSlice, TimesAreTheExactProductRoundedOnce) {
     const uint32_t rates[] = {44100, 48000, 22050, 11025, 96000, 7};
     const uint32_t positions[] = {0u,          1u,          44099u,     123456789u,
