@@ -308,6 +308,11 @@ TEST_F(ToolTest, GainAndFadeMatchTheLibrary) {
         44100, 2);
 }
 
+TEST_F(ToolTest, NoEffectIsAPlainCopy) {
+    expectSameAsLibrary("", [](void*) {}, 44100, 2);
+    EXPECT_TRUE(readWave(output_).samples == signal_);
+}
+
 TEST_F(ToolTest, SeveralEffectsRunInTheGivenOrder) {
     expectSameAsLibrary(
         "resample 48000 lowpass 2 8000 chorus",
@@ -470,7 +475,7 @@ TEST_F(ToolTest, ErrorsGiveOneLineAndTheRightStatus) {
         {three + " " + output_ + " gain 1", 1, "not 16-bit PCM"},
         {floatExt + " " + output_ + " gain 1", 1, "not 16-bit PCM"},
         {input_ + " " + output_ + " reverb 3", 2, "unknown effect 'reverb'"},
-        {input_ + " " + output_, 2, "no effect"},
+        {input_, 2, "expected IN.wav OUT.wav"},
         {input_ + " " + output_ + " lowpass 4", 2, "lowpass: missing argument"},
         {input_ + " " + output_ + " lowpass 4 30000", 2, "below half the sample rate"},
         {input_ + " " + output_ + " pitch 5000", 2, "CENTS must be between"},

@@ -273,9 +273,6 @@ std::vector<EffectSpec> parseEffects(const std::vector<std::string>& words) {
             effects.back().args.push_back(w);
         }
     }
-    if (effects.empty()) {
-        throw UsageError("no effect given (see dsp --help)");
-    }
     for (const EffectSpec& e : effects) {
         validate(e);
     }

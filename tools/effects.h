@@ -15,8 +15,8 @@ struct EffectSpec {
     std::vector<std::string> args;
 };
 
-// Splits the words after IN and OUT into effects; throws UsageError for an
-// unknown effect or malformed arguments (checked against the rules of each
+// Splits the words after IN and OUT into effects (none: a plain copy through
+// an empty chain); throws UsageError for an unknown effect or malformed arguments (checked against the rules of each
 // effect that do not depend on the format).
 std::vector<EffectSpec> parseEffects(const std::vector<std::string>& words);
 

@@ -12,7 +12,7 @@ namespace {
 
 const char* kUsage =
     "usage:\n"
-    "  dsp IN.wav OUT.wav EFFECT [ARGS] [EFFECT [ARGS] ...]\n"
+    "  dsp IN.wav OUT.wav [EFFECT [ARGS] [EFFECT [ARGS] ...]]\n"
     "  dsp crossfade A.wav B.wav OUT.wav SECONDS\n"
     "  dsp info FILE.wav\n"
     "  dsp spectrum FILE.wav [--size N] [--at SECONDS] [--csv]\n"
@@ -23,7 +23,8 @@ const char* kUsage =
 
 void printHelp() {
     std::printf("dsp - audio processing on 16-bit PCM WAVE files\n\n%s\n", kUsage);
-    std::printf("Effects run in the order given, in one processing chain:\n%s\n",
+    std::printf("Effects run in the order given, in one processing chain (none: a plain\n"
+                "copy):\n%s\n",
                 cli::effectsHelp().c_str());
     std::printf("Commands:\n"
                 "  crossfade   A followed by B, overlapped and cross-faded over SECONDS\n"

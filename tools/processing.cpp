@@ -58,7 +58,7 @@ ProcessResult processFile(const std::string& inPath, const std::string& outPath,
 
 int runProcess(const std::vector<std::string>& args, const Options& options) {
     if (args.size() < 2) {
-        throw UsageError("expected IN.wav OUT.wav EFFECT [ARGS]... (see dsp --help)");
+        throw UsageError("expected IN.wav OUT.wav [EFFECT [ARGS]...] (see dsp --help)");
     }
     std::vector<std::string> words(args.begin() + 2, args.end());
     std::vector<EffectSpec> effects = parseEffects(words);
