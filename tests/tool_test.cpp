@@ -27,8 +27,10 @@ namespace fs = std::filesystem;
 
 const uint32_t kBlock = 4096;
 
+// One directory per test: ctest runs the tests in parallel processes.
 std::string tempDir() {
-    fs::path dir = fs::path(DSP_TEST_TMPDIR) / "tool";
+    const ::testing::TestInfo* test = ::testing::UnitTest::GetInstance()->current_test_info();
+    fs::path dir = fs::path(DSP_TEST_TMPDIR) / "tool" / test->name();
     fs::create_directories(dir);
     return dir.string();
 }
