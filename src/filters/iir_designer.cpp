@@ -1,6 +1,7 @@
 #include "iir_designer.h"
 
 #include <cmath>
+#include <cstddef>
 #include <new>
 
 namespace dsp {
@@ -30,7 +31,10 @@ bool IirDesigner::setOrder(int32_t newOrder, uint32_t kind) {
     if (!(allocated == 1 && previous >= count)) {
         freeArrays();
         size_t n = static_cast<size_t>(count > 0 ? count : 1);
-        double* block = new (std::nothrow) double[7 * n];
+        // Seven arrays in one block; a size that cannot be expressed fails
+        // like an allocation that cannot be met.
+        double* block =
+            n <= SIZE_MAX / (7 * sizeof(double)) ? new (std::nothrow) double[7 * n] : nullptr;
         if (block == nullptr) {
             sections = 0;
             return false;
@@ -82,18 +86,79 @@ void IirDesigner::setFirstOrder(int32_t i, double p) {
     b1[i] = ks * p * d;
 }
 
+namespace {
+
+// Runs sections first..first+K-1 over x[0..len) sample by sample, each
+// section's arithmetic exactly as in the plain cascade, with the group's
+// state held in locals so the recursion does not wait on memory.
+template <int K>
+void runSectionGroup(IirDesigner& f, int32_t first, double* x, uint32_t len) {
+    double ca1[K], ca2[K], cb0[K], cb1[K], cb2[K], z1[K], z2[K];
+    for (int k = 0; k < K; ++k) {
+        ca1[k] = f.a1[first + k];
+        ca2[k] = f.a2[first + k];
+        cb0[k] = f.b0[first + k];
+        cb1[k] = f.b1[first + k];
+        cb2[k] = f.b2[first + k];
+        z1[k] = f.s1[first + k];
+        z2[k] = f.s2[first + k];
+    }
+    for (uint32_t n = 0; n < len; ++n) {
+        double v = x[n];
+        for (int k = 0; k < K; ++k) {
+            double w = v + (ca2[k] * z2[k] + ca1[k] * z1[k]);
+            v = (cb2[k] * z2[k] + cb1[k] * z1[k]) + cb0[k] * w;
+            z2[k] = z1[k];
+            z1[k] = w;
+        }
+        x[n] = v;
+    }
+    for (int k = 0; k < K; ++k) {
+        f.s1[first + k] = z1[k];
+        f.s2[first + k] = z2[k];
+    }
+}
+
+} // namespace
+
 uint32_t IirDesigner::process(const float* in, float* out, uint32_t frames) {
     const int32_t count = sections;
-    for (uint32_t n = 0; n < frames; ++n) {
-        double x = in[n];
-        for (int32_t i = 0; i < count; ++i) {
-            double w = x + (a2[i] * s2[i] + a1[i] * s1[i]);
-            double y = (b2[i] * s2[i] + b1[i] * s1[i]) + b0[i] * w;
-            s2[i] = s1[i];
-            s1[i] = w;
-            x = y;
+    // The block runs through in chunks, a group of sections at a time over
+    // each chunk; every section sees the same samples in the same order as
+    // in a sample-by-sample cascade, so the output is the same.
+    constexpr uint32_t kChunk = 256;
+    double x[kChunk];
+    uint32_t left = frames;
+    while (left > 0) {
+        const uint32_t len = left < kChunk ? left : kChunk;
+        for (uint32_t n = 0; n < len; ++n) {
+            x[n] = in[n];
         }
-        out[n] = static_cast<float>(x);
+        // Up to four sections per pass: enough independent recursions to
+        // keep the arithmetic units busy, few enough to keep them in registers.
+        int32_t i = 0;
+        for (; count - i >= 4; i += 4) {
+            runSectionGroup<4>(*this, i, x, len);
+        }
+        switch (count - i) {
+        case 3:
+            runSectionGroup<3>(*this, i, x, len);
+            break;
+        case 2:
+            runSectionGroup<2>(*this, i, x, len);
+            break;
+        case 1:
+            runSectionGroup<1>(*this, i, x, len);
+            break;
+        default:
+            break;
+        }
+        for (uint32_t n = 0; n < len; ++n) {
+            out[n] = static_cast<float>(x[n]);
+        }
+        in += len;
+        out += len;
+        left -= len;
     }
     return frames;
 }
@@ -103,6 +168,10 @@ void ButterworthDesigner::design(float fs, float f) {
         return;
     }
     const double t = prewarp(fs, f);
+    // Negative orders have no sections (and no section to write).
+    if (sections <= 0) {
+        return;
+    }
     const int32_t half = order / 2;
     for (int32_t i = 0; i < half; ++i) {
         setSecondOrder(i, t, 2.0 * t * std::cos(poleAngle(i)));
@@ -117,15 +186,20 @@ void ChebyshevDesigner::design(float fs, float f) {
 }
 
 void ChebyshevDesigner::designChebyshev(float fs, float f, float rippleDb) {
-    if (allocated != 1 || order <= 0) {
+    if (allocated != 1) {
         return;
     }
     const double t = prewarp(fs, f);
+    // Order 0 (or a negative order) has no sections: nothing to fill, and the
+    // ripple terms below would divide by the order.
+    if (sections <= 0) {
+        return;
+    }
     const double r = rippleDb;
     const double n = order;
     const double eps = std::sqrt(std::pow(10.0, 0.1 * r) - 1.0);
-    const double inv = 1.0 / eps;
-    const double alpha = std::log(inv + std::sqrt(inv * inv + 1.0)) / n;
+    // asinh(1/eps) / N, written out as ln(1/eps + sqrt(1/eps^2 + 1)) / N.
+    const double alpha = std::log(1.0 / eps + std::sqrt(1.0 / (eps * eps) + 1.0)) / n;
     const double gain = std::pow(std::pow(10.0, -r * 0.05), 2.0 / n);
     const double sinhA = std::sinh(alpha);
     const double coshA = std::cosh(alpha);

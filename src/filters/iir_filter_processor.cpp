@@ -1,0 +1,64 @@
+#include "iir_filter_processor.h"
+
+namespace dsp {
+
+bool IirFilterProcessor::init(uint32_t frames, uint32_t channels, uint32_t rate,
+                              uint32_t filterOrder, float cutoffHz, uint32_t filterKind) {
+    if (!setupBuffers(frames, channels)) {
+        return false;
+    }
+    outRate = rate;
+    inRate = rate;
+    order = filterOrder;
+    cutoff = cutoffHz;
+    kind = filterKind;
+    return redesign(rate);
+}
+
+bool IirFilterProcessor::redesign(uint32_t rate) {
+    bool ok = true;
+    for (ChebyshevDesigner& filter : filters) {
+        // An order beyond the signed range has no meaning; it comes out
+        // negative and gives a filter without sections.
+        if (filter.setOrder(static_cast<int32_t>(order), kind)) {
+            filter.design(static_cast<float>(rate), cutoff);
+        } else {
+            ok = false;
+        }
+    }
+    return ok;
+}
+
+void IirFilterProcessor::configure(uint32_t frames, uint32_t channels, uint32_t rate) {
+    setupBuffers(frames, channels);
+    inRate = rate;
+    if (rate != outRate) {
+        // A filter whose arrays cannot be had is left without sections and
+        // passes the signal through.
+        redesign(rate);
+    }
+    outRate = rate;
+}
+
+uint32_t IirFilterProcessor::processChannel(uint32_t channel, const float* in, float* out,
+                                            uint32_t frames) {
+    if (channel > 1) {
+        return 0;
+    }
+    return filters[channel].process(in, out, frames);
+}
+
+uint32_t IirFilterProcessor::processChained(const float* inL, const float* inR, float* outL,
+                                            float* outR, uint32_t frames) {
+    filters[0].process(inL, outL, frames);
+    if (inChannels == 2) {
+        filters[1].process(inR, outR, frames);
+    }
+    return frames;
+}
+
+uint32_t IirFilterProcessor::processInterleaved(const int16_t* src, int16_t* dst, uint32_t bytes) {
+    return interleavedTemplate(src, dst, bytes);
+}
+
+} // namespace dsp

@@ -1,0 +1,270 @@
+#include "stretch_channel.h"
+
+#include "core/numeric.h"
+#include "grain_history.h"
+#include "grain_setup.h"
+
+#include <cmath>
+
+namespace dsp {
+
+StretchChannel::~StretchChannel() {
+    delete[] ring;
+    delete[] window;
+    delete[] grains;
+}
+
+bool StretchChannel::setup(uint32_t frames, uint32_t sampleRate, float scale, float levelDb,
+                           float grainSeconds, float spacingSeconds, uint32_t* outputFrames) {
+    float newRate = static_cast<float>(sampleRate);
+    uint32_t newLength = 0;
+    if (sampleRate == 0 || !granular::grainLengthFor(newRate, grainSeconds, &newLength)) {
+        return false;
+    }
+    uint32_t newSpacing = granular::spacingFor(newRate, spacingSeconds);
+    uint32_t newCount = newLength / newSpacing;
+    uint32_t newCapacity = 8 * newLength; // trunc(2^3 * length), exact
+
+    // Allocate everything first, so a failure leaves the running engine intact.
+    float* newRing = nullptr;
+    float* newWindow = nullptr;
+    Grain* newGrains = nullptr;
+    bool growRing = ring == nullptr || newCapacity > ringAllocated_;
+    bool growWindow = window == nullptr || newLength > windowAllocated_;
+    bool growGrains = grains == nullptr || newCount > grainAllocated_;
+    if (growRing) {
+        newRing = granular::allocateArray<float>(newCapacity);
+    }
+    if (growWindow) {
+        newWindow = granular::allocateArray<float>(newLength);
+    }
+    if (growGrains) {
+        newGrains = granular::allocateArray<Grain>(newCount);
+    }
+    if ((growRing && newRing == nullptr) || (growWindow && newWindow == nullptr) ||
+        (growGrains && newGrains == nullptr)) {
+        delete[] newRing;
+        delete[] newWindow;
+        delete[] newGrains;
+        return false;
+    }
+    if (newRing != nullptr) {
+        delete[] ring;
+        ring = newRing;
+        ringAllocated_ = newCapacity;
+    }
+    if (newWindow != nullptr) {
+        delete[] window;
+        window = newWindow;
+        windowAllocated_ = newLength;
+    }
+    if (newGrains != nullptr) {
+        delete[] grains;
+        grains = newGrains;
+        grainAllocated_ = newCount;
+    }
+
+    rate = newRate;
+    maxFrames = frames;
+    grainLength = newLength;
+    setScale(scale); // uses the new grain length
+    spacing = newSpacing;
+    grainCount = newCount;
+    outLevel = granular::levelFromDb(levelDb);
+    ringCapacity = newCapacity;
+    for (uint32_t i = 0; i < ringCapacity; ++i) {
+        ring[i] = 0.0f;
+    }
+    granular::fillGaussianWindow(window, grainLength);
+
+    // Staggered grains, as if the engine had been running on silence.
+    int64_t stride = truncToInt32(static_cast<double>(spacing) * static_cast<double>(stepPending));
+    int64_t back =
+        factorPending < 1.0f
+            ? truncToInt32(static_cast<double>(grainLength) * static_cast<double>(stepPending))
+            : static_cast<int64_t>(grainLength);
+    for (uint32_t k = 0; k < grainCount; ++k) {
+        Grain& g = grains[k];
+        g.active = 1;
+        g.start = static_cast<int32_t>((k + 1) * stride - back);
+        g.age = static_cast<int32_t>(grainLength - (k + 1) * spacing);
+        g.window = window;
+        g.length = static_cast<int32_t>(grainLength);
+    }
+
+    spawnPhase = 0;
+    writeIndex = 0;
+    bypass = bypassPending;
+    span = spanPending;
+    factor = factorPending;
+    step = stepPending;
+    offset = offsetPending;
+    ready = 1;
+    *outputFrames = pendingOutputFrames(frames);
+    return true;
+}
+
+float StretchChannel::factorForScale(float scale, bool* passThrough) {
+    // Only exactly 0 passes through; a scale that is not a number counts as 0
+    // here and is clamped to 3000 below.
+    *passThrough = scale == 0.0f || std::isnan(scale);
+    float clamped = scale;
+    if (clamped < -2000.0f) {
+        clamped = -2000.0f;
+    } else if (!(clamped <= 3000.0f)) {
+        clamped = 3000.0f;
+    }
+    return static_cast<float>(std::pow(2.0, -static_cast<double>(clamped) * 0.001));
+}
+
+uint32_t StretchChannel::outputFramesForScale(float scale, uint32_t frames) {
+    bool passThrough = false;
+    float f = factorForScale(scale, &passThrough);
+    if (passThrough) {
+        return frames;
+    }
+    return truncToUint32(static_cast<double>(frames) * static_cast<double>(f));
+}
+
+void StretchChannel::setScale(float scale) {
+    bool passThrough = false;
+    factorPending = factorForScale(scale, &passThrough);
+    bypassPending = passThrough ? 1 : 0;
+    stepPending = 1.0f / factorPending;
+    if (factorPending < 1.0f) {
+        spanPending =
+            truncToUint32(static_cast<double>(grainLength) * static_cast<double>(stepPending));
+        offsetPending = 0;
+    } else {
+        spanPending = grainLength;
+        offsetPending = grainLength;
+    }
+}
+
+void StretchChannel::setOutLevel(float levelDb) {
+    outLevel = granular::levelFromDb(levelDb);
+}
+
+// A pass-through block yields its own length. (A scale that is not a number
+// passes through while its pending factor is 1/8, so the factor alone would
+// under-report the output.)
+uint32_t StretchChannel::pendingOutputFrames(uint32_t frames) const {
+    if (bypassPending != 0) {
+        return frames;
+    }
+    return truncToUint32(static_cast<double>(frames) * static_cast<double>(factorPending));
+}
+
+uint32_t StretchChannel::currentOutputFrames(uint32_t frames) const {
+    if (bypass != 0) {
+        return frames;
+    }
+    return truncToUint32(static_cast<double>(frames) * static_cast<double>(factor));
+}
+
+uint32_t StretchChannel::process(const float* in, float* out, uint32_t frames) {
+    if (ready != 1) {
+        return 0;
+    }
+    uint32_t written = 0;
+    while (frames > 0) {
+        uint32_t block = frames < granular::kMaxChunkFrames ? frames : granular::kMaxChunkFrames;
+        written += processBlock(in, out + written, block);
+        in += block;
+        frames -= block;
+    }
+    return written;
+}
+
+void StretchChannel::spawnGrain(uint32_t outIndex) {
+    for (uint32_t k = 0; k < grainCount; ++k) {
+        Grain& g = grains[k];
+        if (g.active == 0) {
+            g.active = 1;
+            g.age = 0;
+            g.start =
+                truncToInt32(static_cast<double>(offset + outIndex) * static_cast<double>(step)) -
+                static_cast<int32_t>(offset);
+            g.length = static_cast<int32_t>(grainLength);
+            g.window = window;
+            return;
+        }
+    }
+}
+
+float StretchChannel::sampleAt(int32_t k, const float* in, uint32_t frames) const {
+    if (k >= 0) {
+        // No grain reads past the input position of the current output frame;
+        // the bound only keeps a rounding accident inside the block.
+        uint32_t index = static_cast<uint32_t>(k);
+        return in[index < frames ? index : frames - 1];
+    }
+    uint32_t m = static_cast<uint32_t>(-static_cast<int64_t>(k));
+    return granular::pastSample(ring, writeIndex, span, m);
+}
+
+uint32_t StretchChannel::processBlock(const float* in, float* out, uint32_t frames) {
+    uint32_t produced;
+    if (bypass != 0) {
+        for (uint32_t j = 0; j < frames; ++j) {
+            if (spawnPhase == 0) {
+                spawnGrain(j);
+            }
+            if (++spawnPhase >= spacing) {
+                spawnPhase = 0;
+            }
+            for (uint32_t k = 0; k < grainCount; ++k) {
+                Grain& g = grains[k];
+                if (g.active != 0 && ++g.age >= g.length) {
+                    g.active = 0;
+                }
+            }
+            out[j] = in[j];
+        }
+        produced = frames;
+    } else {
+        produced = truncToUint32(static_cast<double>(frames) * static_cast<double>(factor));
+        for (uint32_t j = 0; j < produced; ++j) {
+            if (spawnPhase == 0) {
+                spawnGrain(j);
+            }
+            if (++spawnPhase >= spacing) {
+                spawnPhase = 0;
+            }
+            double acc = 0.0;
+            double wsum = 0.0;
+            for (uint32_t k = 0; k < grainCount; ++k) {
+                Grain& g = grains[k];
+                if (g.active == 0) {
+                    continue;
+                }
+                double v = static_cast<double>(sampleAt(g.start + g.age, in, frames));
+                double weight = static_cast<double>(g.window[g.age]);
+                acc += v * weight;
+                wsum += weight;
+                if (++g.age >= g.length) {
+                    g.active = 0;
+                }
+            }
+            out[j] = wsum > 0.0 ? static_cast<float>(acc * (static_cast<double>(outLevel) / wsum))
+                                : 0.0f;
+        }
+    }
+
+    // End of block: positions relative to the next block, pending settings
+    // take over, then the history is kept with the new span.
+    for (uint32_t k = 0; k < grainCount; ++k) {
+        if (grains[k].active != 0) {
+            grains[k].start -= static_cast<int32_t>(frames);
+        }
+    }
+    span = spanPending;
+    bypass = bypassPending;
+    step = stepPending;
+    offset = offsetPending;
+    factor = factorPending;
+    granular::storeHistory(ring, writeIndex, span, in, frames);
+    return produced;
+}
+
+} // namespace dsp

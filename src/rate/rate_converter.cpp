@@ -1,0 +1,250 @@
+#include "rate_converter.h"
+
+#include "core/cubic_weight.h"
+#include "core/numeric.h"
+#include "core/sample_convert.h"
+
+#include <cmath>
+#include <cstring>
+#include <new>
+
+namespace dsp {
+
+namespace {
+
+// trunc((n / from) * to) in double, divide first.
+double scaledCount(uint32_t n, uint32_t from, uint32_t to) {
+    return (static_cast<double>(n) / from) * to;
+}
+
+double acoshByLog(double y) {
+    return std::log(y + std::sqrt(y * y - 1.0));
+}
+
+constexpr double kCountLimit = 4294967296.0;           // counts must fit 32 bits
+constexpr uint32_t kMaxFrames = (UINT32_MAX - 15) / 4; // the pool's largest float buffer
+
+} // namespace
+
+RateConverter::~RateConverter() {
+    freeBuffers();
+}
+
+void RateConverter::freeBuffers() {
+    delete[] scratch;
+    delete[] history;
+    scratch = nullptr;
+    history = nullptr;
+    ready = 0;
+}
+
+uint32_t RateConverter::setup(uint32_t frames, uint32_t newSrcRate, uint32_t newDstRate,
+                              uint32_t newInterpolation, float attenuationDb,
+                              float slopeDbPerOctave, uint8_t newFilterOn, float rippleDb) {
+    interpolation = newInterpolation;
+    filterOn = newFilterOn;
+    srcRate = newSrcRate;
+    dstRate = newDstRate;
+
+    if (ready != 1 || frames > capacity) {
+        freeBuffers();
+        // Blocks the work buffers could not hold either are refused, which
+        // also keeps frames + 3 from wrapping on 32-bit targets.
+        if (frames <= kMaxFrames) {
+            scratch = new (std::nothrow) float[frames];
+            history = new (std::nothrow) float[static_cast<size_t>(frames) + 3];
+        }
+        if (scratch == nullptr || history == nullptr) {
+            freeBuffers();
+            capacity = 0;
+            dstFrames = 0;
+            convertible_ = false;
+            return 0;
+        }
+    }
+    capacity = frames;
+
+    // A zero rate, or an output count beyond 32 bits, leaves nothing that can
+    // be converted; the buffers are kept so a later setup can reuse them.
+    convertible_ =
+        srcRate != 0 && dstRate != 0 && scaledCount(frames, srcRate, dstRate) < kCountLimit;
+    dstFrames = convertible_ ? truncToUint32(scaledCount(frames, srcRate, dstRate)) : 0;
+
+    direction = srcRate < dstRate ? 1 : (srcRate > dstRate ? -1 : 0);
+    designFilter(attenuationDb, slopeDbPerOctave, rippleDb);
+    if (filter.allocated != 1) {
+        freeBuffers();
+        capacity = 0;
+        dstFrames = 0;
+        convertible_ = false;
+        return 0;
+    }
+
+    std::memset(history, 0, (static_cast<size_t>(frames) + 3) * sizeof(float));
+    prevChunk = frames;
+    ready = 1;
+    return dstFrames;
+}
+
+void RateConverter::designFilter(float attenuationDb, float slopeDbPerOctave, float rippleDb) {
+    const uint32_t lo = srcRate < dstRate ? srcRate : dstRate;
+    const uint32_t hi = srcRate < dstRate ? dstRate : srcRate;
+    const double a = attenuationDb;
+    const double octaves = a / static_cast<double>(slopeDbPerOctave);
+    const double ratio = std::pow(2.0, octaves);
+    const double fc = (0.5 * lo) / ratio;
+    const double x = std::sqrt((std::pow(10.0, 0.1 * a) - 1.0) /
+                               (std::pow(10.0, 0.1 * static_cast<double>(rippleDb)) - 1.0));
+    const double estimate = acoshByLog(x) / acoshByLog(ratio) + 1.0;
+
+    // A non-positive attenuation or slope makes the estimate NaN or negative
+    // and gets no filter (order 0 passes the signal through); an estimate
+    // above the cap is held at the cap. A cutoff that is not a positive
+    // frequency below the higher rate's Nyquist limit gets no filter either.
+    int32_t order;
+    if (!(estimate >= 1.0)) {
+        order = 0;
+    } else if (estimate >= kMaxFilterOrder + 1.0) {
+        order = kMaxFilterOrder;
+    } else {
+        order = truncToInt32(estimate);
+    }
+    const float cutoff = static_cast<float>(fc);
+    if (lo == 0 || !(cutoff > 0.0f && cutoff < 0.5f * static_cast<float>(hi))) {
+        order = 0;
+    }
+    filter.setOrder(order, 0);
+    filter.designChebyshev(static_cast<float>(hi), cutoff, rippleDb);
+}
+
+uint32_t RateConverter::outputFramesFor(uint32_t n) const {
+    if (srcRate == 0) {
+        return 0;
+    }
+    return truncToUint32(dstRate * (static_cast<double>(n) / srcRate));
+}
+
+uint32_t RateConverter::convert(const float* in, float* out, uint32_t frames) {
+    if (ready != 1 || !convertible_) {
+        return 0;
+    }
+    // The buffers hold `capacity` frames; a longer block is cut short rather
+    // than read past them.
+    const uint32_t n = frames < capacity ? frames : capacity;
+    const uint32_t total = truncToUint32(scaledCount(n, srcRate, dstRate));
+
+    if (direction == 0) {
+        // The count is n except when (n / rate) * rate rounds below n; the
+        // copy never writes past the frames it reports.
+        copyBuffer(in, out, static_cast<size_t>(total) * sizeof(float));
+        return total;
+    }
+
+    const float* source = in;
+    if (direction < 0 && filterOn != 0) {
+        filter.process(in, scratch, n);
+        source = scratch;
+    }
+
+    const double step = static_cast<double>(srcRate) / dstRate;
+    const uint32_t perChunk = truncToUint32(scaledCount(kChunkFrames, srcRate, dstRate));
+    uint32_t remainingIn = n;
+    uint32_t remainingOut = total;
+    float* target = out;
+    while (remainingIn > 0) {
+        const uint32_t chunkIn = remainingIn < kChunkFrames ? remainingIn : kChunkFrames;
+        // The final chunk takes whatever is still owed, so that exactly
+        // `total` frames are written.
+        uint32_t chunkOut = remainingOut < perChunk ? remainingOut : perChunk;
+        if (chunkIn == remainingIn) {
+            chunkOut = remainingOut;
+        }
+        if (interpolation == 0) {
+            linearChunk(source, chunkIn, target, chunkOut, step);
+        } else {
+            cubicChunk(source, chunkIn, target, chunkOut, step);
+        }
+        source += chunkIn;
+        target += chunkOut;
+        remainingIn -= chunkIn;
+        remainingOut -= chunkOut;
+    }
+
+    if (direction > 0 && filterOn != 0) {
+        filter.process(out, out, total);
+    }
+    return total;
+}
+
+void RateConverter::linearChunk(const float* src, uint32_t chunkIn, float* out, uint32_t chunkOut,
+                                double step) const {
+    if (chunkOut == 0) {
+        return;
+    }
+    if (chunkIn == 1) {
+        for (uint32_t j = 0; j < chunkOut; ++j) {
+            out[j] = src[0];
+        }
+        return;
+    }
+    const int32_t last = static_cast<int32_t>(chunkIn) - 2;
+    const double lastPos = last;
+    double pos = 0.0;
+    for (uint32_t j = 0; j + 1 < chunkOut; ++j) {
+        // The index stops at the last pair; the fraction stays the one of
+        // the unlimited position.
+        const int32_t i = pos < lastPos ? truncToInt32(pos) : last;
+        const double f = pos - std::floor(pos);
+        const double a = src[i];
+        const double b = src[i + 1];
+        out[j] = static_cast<float>(a + f * (b - a));
+        pos = pos + step;
+    }
+    out[chunkOut - 1] = src[chunkIn - 1];
+}
+
+void RateConverter::cubicChunk(const float* src, uint32_t chunkIn, float* out, uint32_t chunkOut,
+                               double step) {
+    // history[k] holds source frame k - 3 of this chunk: the three samples
+    // before it come from the end of the previous chunk (zeros after setup).
+    float* h = history;
+    h[0] = h[prevChunk];
+    h[1] = h[prevChunk + 1];
+    h[2] = h[prevChunk + 2];
+    prevChunk = chunkIn;
+    std::memcpy(h + 3, src, static_cast<size_t>(chunkIn) * sizeof(float));
+
+    if (chunkOut == 0) {
+        return;
+    }
+    const int32_t last = chunkIn > 1 ? static_cast<int32_t>(chunkIn) - 1 : 1;
+    const double lastPos = last;
+    double pos = 1.0;
+    for (uint32_t j = 0; j + 1 < chunkOut; ++j) {
+        const int32_t i = pos < lastPos ? truncToInt32(pos) : last;
+        const double d = pos - std::trunc(pos);
+        const double sum = cubicWeight(std::fabs(d - 1.0)) * h[i + 1] +
+                           cubicWeight(std::fabs(d - 2.0)) * h[i + 2] + cubicWeight(d) * h[i] +
+                           cubicWeight(d + 1.0) * h[i - 1];
+        out[j] = static_cast<float>(sum);
+        pos = pos + step;
+    }
+    out[chunkOut - 1] = h[chunkIn];
+}
+
+uint32_t sourceFramesFor(uint32_t n, uint32_t srcRate, uint32_t dstRate) {
+    if (srcRate == 0 || dstRate == 0) {
+        return 0;
+    }
+    const uint32_t s = truncToUint32(scaledCount(n, dstRate, srcRate));
+    const uint32_t d = truncToUint32(scaledCount(s, srcRate, dstRate));
+    if (d < n) {
+        return s + 1;
+    }
+    if (d > n) {
+        return s - 1;
+    }
+    return s;
+}
+
+} // namespace dsp

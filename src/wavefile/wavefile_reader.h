@@ -1,0 +1,62 @@
+// Reads the samples of a RIFF WAVE file block by block: checks the structure
+// at open, keeps the 18-byte format record and the header record the host
+// reads, and seeks in bytes or in seconds. Every frame counts as
+// 2 x channels bytes (16-bit samples).
+#pragma once
+
+#include "dsp.h"
+#include "wavefile/riff_file.h"
+
+#include <cstdint>
+
+namespace dsp {
+
+class WavefileReader {
+public:
+    WavefileReader() = default;
+    ~WavefileReader();
+    WavefileReader(const WavefileReader&) = delete;
+    WavefileReader& operator=(const WavefileReader&) = delete;
+
+    // Opens `path` and positions the file at the first sample byte, with an
+    // own buffer of `frames` frames. Any failure leaves isOpen 0 and the file
+    // closed.
+    void open(const char* path, uint32_t frames);
+    // Reads frames x 2 x channels bytes into `buffer`, or into the own buffer
+    // (at most its size) when `buffer` is null. Bytes read, 0 when not open,
+    // -1 when the file layer fails.
+    int32_t read(uint8_t* buffer, uint32_t frames);
+    // Mode 0: to `bytes` after the first sample byte; otherwise by `bytes`
+    // from the current position. New position, 0 when not open, -1 when the
+    // target is before the file's start or beyond 2^31 - 1.
+    int32_t seek(int32_t bytes, uint32_t mode);
+    // Moves by trunc(rate x seconds) frames, from the first sample byte
+    // (mode 0) or from the current position.
+    int32_t timeSeek(float seconds, uint32_t mode);
+    // Replaces the own buffer by a zero-filled one of `frames` frames; null
+    // (and nothing changed) when it cannot be allocated.
+    uint8_t* extendBuffer(uint32_t frames);
+    // Closes the file and frees the own buffer.
+    void close();
+
+    RiffFile file;
+    RiffChunk riffChunk;
+    RiffChunk chunk; // "fmt " during open, then "data"
+    uint8_t isOpen = 0;
+    uint32_t bufferBytes = 0;
+    // The records are packed; aligning them keeps the header's pointer and
+    // the format's 32-bit fields naturally aligned for the host.
+    alignas(8) WavefileFormat format{};
+    alignas(8) WavefileHeader header{};
+
+private:
+    bool frameBytes(uint32_t frames, uint32_t& bytes) const;
+    bool openChecked(const char* path, uint32_t frames);
+    int32_t moveTo(int64_t position);
+
+    // Allocated and freed only by the reader; a caller's buffer is never
+    // taken over.
+    uint8_t* ownBuffer_ = nullptr;
+};
+
+} // namespace dsp

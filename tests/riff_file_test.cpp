@@ -1,0 +1,265 @@
+// The buffered RIFF file layer: buffering against an in-memory model of the
+// file, chunk creation with sizes and pad bytes, chunk searches and their
+// limits, and refusal of bad paths and bad access.
+#include "wavefile/riff_file.h"
+
+#include "support/wavefile_test_files.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <random>
+
+namespace {
+
+using dsp::makeFourcc;
+using dsp::RiffChunk;
+using dsp::RiffFile;
+using dsptest::Bytes;
+
+constexpr size_t kBuf = RiffFile::kBufferBytes;
+
+// Runs a random mix of seeks, writes and reads against a byte-vector model of
+// the file. Wide runs use lengths up to two buffers over ~3 buffers of file,
+// so transfers cross, straddle and bypass the buffer; narrow runs use short
+// transfers and nearby seeks, so they land at earlier and later offsets
+// within one buffered window.
+void runAgainstModel(uint32_t seed, int steps, bool wide) {
+    std::string path = dsptest::wavefileTempPath("riff_model.bin");
+    RiffFile file;
+    ASSERT_TRUE(file.open(path.c_str(), RiffFile::Access::kCreate));
+    Bytes model;
+    int64_t position = 0;
+    std::mt19937 rng(seed);
+    auto nextLength = [&] {
+        return wide ? static_cast<size_t>(rng() % (2 * kBuf + 999)) / (rng() % 2 == 0 ? 1 : 997) + 1
+                    : static_cast<size_t>(rng() % 300) + 1;
+    };
+    for (int step = 0; step < steps; ++step) {
+        int kind = static_cast<int>(rng() % 3);
+        if (kind == 0) {
+            int64_t target = 0;
+            if (wide) {
+                target = static_cast<int64_t>(rng() % (3 * kBuf + 500));
+            } else {
+                target = std::max<int64_t>(0, position - static_cast<int64_t>(rng() % 900) + 300);
+            }
+            ASSERT_EQ(file.seek(target, RiffFile::Origin::kBegin), target);
+            position = target;
+        } else if (kind == 1) {
+            size_t n = nextLength();
+            Bytes data = dsptest::patternSamples(n, static_cast<uint32_t>(step));
+            ASSERT_EQ(file.write(data.data(), n), static_cast<int64_t>(n));
+            if (model.size() < static_cast<size_t>(position) + n) {
+                model.resize(static_cast<size_t>(position) + n, 0);
+            }
+            std::copy(data.begin(), data.end(), model.begin() + position);
+            position += static_cast<int64_t>(n);
+        } else {
+            size_t n = nextLength();
+            Bytes got(n + 1, 0xEE);
+            size_t expected = static_cast<size_t>(position) >= model.size()
+                                  ? 0
+                                  : std::min(n, model.size() - static_cast<size_t>(position));
+            ASSERT_EQ(file.read(got.data(), n), static_cast<int64_t>(expected)) << "step " << step;
+            ASSERT_TRUE(std::equal(got.begin(), got.begin() + expected, model.begin() + position))
+                << "step " << step;
+            EXPECT_EQ(got[n], 0xEE);
+            position += static_cast<int64_t>(expected);
+        }
+        ASSERT_EQ(file.tell(), position);
+        ASSERT_EQ(file.size(), static_cast<int64_t>(model.size()));
+        if (!wide && step % 500 == 499) {
+            ASSERT_TRUE(file.flush());
+            ASSERT_EQ(dsptest::readFileBytes(path), model) << "step " << step;
+        }
+    }
+    ASSERT_TRUE(file.close());
+    EXPECT_EQ(dsptest::readFileBytes(path), model);
+    std::remove(path.c_str());
+}
+
+TEST(RiffFile, RandomSeeksReadsAndWritesMatchAPlainModel) {
+    runAgainstModel(7, 600, true);
+    runAgainstModel(8, 4000, false);
+}
+
+TEST(RiffFile, CreatedChunksGetTheirSizesAndPadBytesOnAscend) {
+    std::string path = dsptest::wavefileTempPath("riff_create.bin");
+    RiffFile file;
+    ASSERT_TRUE(file.open(path.c_str(), RiffFile::Access::kCreate));
+    RiffChunk riff;
+    riff.formType = makeFourcc('T', 'E', 'S', 'T');
+    ASSERT_TRUE(file.createChunk(riff, true));
+    EXPECT_EQ(riff.id, dsp::kFourccRiff);
+    EXPECT_EQ(riff.dataOffset, 8u);
+    EXPECT_EQ(file.tell(), 12);
+
+    RiffChunk odd;
+    odd.id = makeFourcc('o', 'd', 'd', ' ');
+    odd.size = 1000; // provisional, corrected on ascend
+    ASSERT_TRUE(file.createChunk(odd, false));
+    const uint8_t three[3] = {1, 2, 3};
+    ASSERT_EQ(file.write(three, 3), 3);
+    ASSERT_TRUE(file.ascend(odd));
+    EXPECT_EQ(odd.size, 3u);
+    EXPECT_EQ(file.tell(), 12 + 8 + 4);
+
+    RiffChunk exact;
+    exact.id = makeFourcc('e', 'v', 'e', 'n');
+    exact.size = 2;
+    ASSERT_TRUE(file.createChunk(exact, false));
+    ASSERT_EQ(file.write(three, 2), 2);
+    ASSERT_TRUE(file.ascend(exact));
+    ASSERT_TRUE(file.ascend(riff));
+    EXPECT_EQ(riff.size, 4u + 12u + 10u);
+    ASSERT_TRUE(file.close());
+
+    Bytes chunks = dsptest::chunkBytes("odd ", {1, 2, 3});
+    Bytes even = dsptest::chunkBytes("even", {1, 2});
+    chunks.insert(chunks.end(), even.begin(), even.end());
+    EXPECT_EQ(dsptest::readFileBytes(path), dsptest::riffBytes("TEST", chunks));
+    std::remove(path.c_str());
+}
+
+class RiffDescend : public ::testing::Test {
+protected:
+    void SetUp() override {
+        path_ = dsptest::wavefileTempPath("riff_descend.bin");
+        // An "XXXX" RIFF form first, then the one searched for with an odd
+        // chunk, a LIST and a target chunk; trailing bytes after the form.
+        Bytes other = dsptest::riffBytes("XXXX", dsptest::chunkBytes("junk", {9, 9}));
+        Bytes chunks = dsptest::chunkBytes("odd ", {1, 2, 3, 4, 5});
+        Bytes list = dsptest::chunkBytes("LIST", [] {
+            Bytes b;
+            dsptest::appendId(b, "INFO");
+            Bytes inner = dsptest::chunkBytes("INAM", {'a', 'b'});
+            b.insert(b.end(), inner.begin(), inner.end());
+            return b;
+        }());
+        Bytes target = dsptest::chunkBytes("want", {7, 7, 7, 7});
+        chunks.insert(chunks.end(), list.begin(), list.end());
+        chunks.insert(chunks.end(), target.begin(), target.end());
+        Bytes form = dsptest::riffBytes("GOOD", chunks);
+        image_ = other;
+        goodStart_ = static_cast<int64_t>(image_.size());
+        image_.insert(image_.end(), form.begin(), form.end());
+        Bytes trailer = dsptest::chunkBytes("tail", {1, 1});
+        image_.insert(image_.end(), trailer.begin(), trailer.end());
+        dsptest::writeFileBytes(path_, image_);
+        ASSERT_TRUE(file_.open(path_.c_str(), RiffFile::Access::kRead));
+    }
+    void TearDown() override {
+        file_.close();
+        std::remove(path_.c_str());
+    }
+    std::string path_;
+    Bytes image_;
+    int64_t goodStart_ = 0;
+    RiffFile file_;
+};
+
+TEST_F(RiffDescend, FindsFormsAndChunksSkippingOthersAndPadBytes) {
+    RiffChunk riff;
+    riff.formType = makeFourcc('G', 'O', 'O', 'D');
+    ASSERT_TRUE(file_.descend(riff, nullptr, RiffFile::Search::kRiff));
+    EXPECT_EQ(riff.dataOffset, static_cast<uint64_t>(goodStart_ + 8));
+    EXPECT_EQ(file_.tell(), goodStart_ + 12);
+
+    RiffChunk list;
+    list.formType = makeFourcc('I', 'N', 'F', 'O');
+    ASSERT_TRUE(file_.descend(list, &riff, RiffFile::Search::kList));
+    RiffChunk name;
+    ASSERT_TRUE(file_.descend(name, &list, RiffFile::Search::kNext));
+    EXPECT_EQ(name.id, makeFourcc('I', 'N', 'A', 'M'));
+    EXPECT_EQ(name.size, 2u);
+    ASSERT_TRUE(file_.ascend(name));
+    ASSERT_TRUE(file_.ascend(list));
+
+    RiffChunk want;
+    want.id = makeFourcc('w', 'a', 'n', 't');
+    ASSERT_TRUE(file_.descend(want, &riff, RiffFile::Search::kChunk));
+    uint8_t body[4] = {};
+    ASSERT_EQ(file_.read(body, 4), 4);
+    EXPECT_EQ(body[0], 7);
+    ASSERT_TRUE(file_.ascend(want));
+    EXPECT_EQ(file_.tell(), static_cast<int64_t>(riff.dataOffset) + riff.size);
+}
+
+TEST_F(RiffDescend, SearchesStayInsideTheParentAndRestoreThePosition) {
+    RiffChunk riff;
+    riff.formType = makeFourcc('G', 'O', 'O', 'D');
+    ASSERT_TRUE(file_.descend(riff, nullptr, RiffFile::Search::kRiff));
+    int64_t inside = file_.tell();
+    RiffChunk tail;
+    tail.id = makeFourcc('t', 'a', 'i', 'l');
+    EXPECT_FALSE(file_.descend(tail, &riff, RiffFile::Search::kChunk));
+    EXPECT_EQ(file_.tell(), inside);
+    // Without a parent the search runs on past the form's end.
+    EXPECT_TRUE(file_.descend(tail, nullptr, RiffFile::Search::kChunk));
+    // A start position outside the parent finds nothing.
+    EXPECT_FALSE(file_.descend(tail, &riff, RiffFile::Search::kNext));
+}
+
+TEST_F(RiffDescend, MissingIdsAndWrongFormTypesAreNotFound) {
+    RiffChunk riff;
+    riff.formType = makeFourcc('W', 'A', 'V', 'E');
+    EXPECT_FALSE(file_.descend(riff, nullptr, RiffFile::Search::kRiff));
+    EXPECT_EQ(file_.tell(), 0);
+    RiffChunk none;
+    none.id = makeFourcc('n', 'o', 'n', 'e');
+    EXPECT_FALSE(file_.descend(none, nullptr, RiffFile::Search::kChunk));
+}
+
+TEST(RiffFile, ChunkSizesPastTheEndAndReadsPastTheEndAreHarmless) {
+    std::string path = dsptest::wavefileTempPath("riff_past_end.bin");
+    Bytes image = dsptest::chunkBytesWithSize("huge", 0xFFFFFFFFu, {1, 2, 3, 4});
+    Bytes next = dsptest::chunkBytes("next", {5, 6});
+    image.insert(image.end(), next.begin(), next.end());
+    dsptest::writeFileBytes(path, image);
+    RiffFile file;
+    ASSERT_TRUE(file.open(path.c_str(), RiffFile::Access::kRead));
+    RiffChunk wanted;
+    wanted.id = makeFourcc('n', 'e', 'x', 't');
+    EXPECT_FALSE(file.descend(wanted, nullptr, RiffFile::Search::kChunk));
+    RiffChunk huge;
+    ASSERT_TRUE(file.descend(huge, nullptr, RiffFile::Search::kNext));
+    EXPECT_EQ(huge.size, 0xFFFFFFFFu);
+    ASSERT_TRUE(file.ascend(huge)); // lands far past the end
+    uint8_t byte = 0;
+    EXPECT_EQ(file.read(&byte, 1), 0);
+    EXPECT_EQ(file.seek(-1, RiffFile::Origin::kBegin), -1);
+    EXPECT_EQ(file.seek(-2, RiffFile::Origin::kEnd), static_cast<int64_t>(image.size()) - 2);
+    uint8_t two[4] = {};
+    EXPECT_EQ(file.read(two, 4), 2);
+    EXPECT_EQ(two[0], 5);
+    file.close();
+    std::remove(path.c_str());
+}
+
+TEST(RiffFile, RefusesBadPathsAndWritesToReadOnlyFiles) {
+    RiffFile file;
+    EXPECT_FALSE(file.open(nullptr, RiffFile::Access::kRead));
+    EXPECT_FALSE(file.open("", RiffFile::Access::kRead));
+    EXPECT_FALSE(
+        file.open(dsptest::wavefileTempPath("riff_missing.bin").c_str(), RiffFile::Access::kRead));
+    EXPECT_FALSE(file.open(DSP_TEST_TMPDIR, RiffFile::Access::kCreate));
+    EXPECT_FALSE(file.isOpen());
+    uint8_t byte = 0;
+    EXPECT_EQ(file.read(&byte, 1), -1);
+    EXPECT_EQ(file.write(&byte, 1), -1);
+    EXPECT_EQ(file.seek(0, RiffFile::Origin::kBegin), -1);
+
+    std::string path = dsptest::wavefileTempPath("riff_readonly.bin");
+    dsptest::writeFileBytes(path, {1, 2, 3, 4});
+    ASSERT_TRUE(file.open(path.c_str(), RiffFile::Access::kRead));
+    EXPECT_EQ(file.write(&byte, 1), -1);
+    RiffChunk chunk;
+    EXPECT_FALSE(file.createChunk(chunk, false));
+    EXPECT_TRUE(file.close());
+    EXPECT_EQ(dsptest::readFileBytes(path), (Bytes{1, 2, 3, 4}));
+    std::remove(path.c_str());
+}
+
+} // namespace

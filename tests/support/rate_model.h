@@ -1,0 +1,156 @@
+// A straightforward model of the chunked rate conversion, written apart from
+// the library code to check it sample for sample: output counts, chunk
+// shares, linear and 4-point cubic interpolation with the three carried
+// samples. No filter; tests add the IIR pass themselves.
+#pragma once
+
+#include <cmath>
+#include <cstdint>
+#include <vector>
+
+namespace dsptest {
+
+// trunc((n / from) * to), divided first, in double.
+inline uint32_t scaledFrames(uint32_t n, uint32_t from, uint32_t to) {
+    return static_cast<uint32_t>(std::trunc((static_cast<double>(n) / from) * to));
+}
+
+// Cubic convolution weight with a = -1, of |t|.
+inline double keysWeight(double t) {
+    t = std::fabs(t);
+    if (t < 1.0) {
+        return 1.0 - 2.0 * t * t + t * t * t;
+    }
+    if (t < 2.0) {
+        return 4.0 - 8.0 * t + 5.0 * t * t - t * t * t;
+    }
+    return 0.0;
+}
+
+class RateModel {
+public:
+    RateModel(uint32_t srcRate, uint32_t dstRate, bool cubic)
+        : srcRate_(srcRate), dstRate_(dstRate), cubic_(cubic) {}
+
+    // Output of one block; the carried cubic samples persist between calls.
+    std::vector<float> convert(const std::vector<float>& in) {
+        const uint32_t n = static_cast<uint32_t>(in.size());
+        const uint32_t total = scaledFrames(n, srcRate_, dstRate_);
+        if (srcRate_ == dstRate_) {
+            return std::vector<float>(in.begin(), in.begin() + total);
+        }
+        std::vector<float> out;
+        const uint32_t share = scaledFrames(4096, srcRate_, dstRate_);
+        uint32_t start = 0;
+        while (start < n) {
+            uint32_t length = n - start < 4096 ? n - start : 4096;
+            bool lastChunk = start + length == n;
+            uint32_t owed = total - static_cast<uint32_t>(out.size());
+            uint32_t count = lastChunk ? owed : (owed < share ? owed : share);
+            std::vector<float> chunk(in.begin() + start, in.begin() + start + length);
+            chunkSizes.push_back(count);
+            if (cubic_) {
+                cubicChunk(chunk, count, out);
+            } else {
+                linearChunk(chunk, count, out);
+            }
+            start += length;
+        }
+        return out;
+    }
+
+    std::vector<uint32_t> chunkSizes; // output frames of every chunk so far
+
+private:
+    double step() const { return static_cast<double>(srcRate_) / dstRate_; }
+
+    void linearChunk(const std::vector<float>& s, uint32_t count, std::vector<float>& out) const {
+        const int64_t length = static_cast<int64_t>(s.size());
+        double pos = 0.0;
+        for (uint32_t j = 0; j < count; ++j) {
+            if (j + 1 == count) {
+                out.push_back(s.back());
+                break;
+            }
+            if (length == 1) {
+                out.push_back(s[0]);
+            } else {
+                int64_t i = static_cast<int64_t>(std::floor(pos));
+                if (i > length - 2) {
+                    i = length - 2;
+                }
+                double frac = pos - std::floor(pos);
+                double a = s[static_cast<size_t>(i)];
+                double b = s[static_cast<size_t>(i) + 1];
+                out.push_back(static_cast<float>(a + frac * (b - a)));
+            }
+            pos += step();
+        }
+    }
+
+    void cubicChunk(const std::vector<float>& s, uint32_t count, std::vector<float>& out) {
+        // h[k] = source frame k - 3 of the chunk.
+        std::vector<float> h(carried_, carried_ + 3);
+        h.insert(h.end(), s.begin(), s.end());
+        for (int k = 0; k < 3; ++k) {
+            carried_[k] = h[h.size() - 3 + static_cast<size_t>(k)];
+        }
+        const int64_t length = static_cast<int64_t>(s.size());
+        double pos = 1.0;
+        for (uint32_t j = 0; j < count; ++j) {
+            if (j + 1 == count) {
+                out.push_back(h[static_cast<size_t>(length)]);
+                break;
+            }
+            int64_t i = static_cast<int64_t>(std::trunc(pos));
+            if (i > length - 1) {
+                i = length - 1;
+            }
+            if (i < 1) {
+                i = 1;
+            }
+            const size_t k = static_cast<size_t>(i);
+            double d = pos - std::trunc(pos);
+            double v = keysWeight(d - 1.0) * h[k + 1] + keysWeight(d - 2.0) * h[k + 2] +
+                       keysWeight(d) * h[k] + keysWeight(d + 1.0) * h[k - 1];
+            out.push_back(static_cast<float>(v));
+            pos += step();
+        }
+    }
+
+    uint32_t srcRate_;
+    uint32_t dstRate_;
+    bool cubic_;
+    float carried_[3] = {0.0f, 0.0f, 0.0f};
+};
+
+// Deterministic noise in [-amplitude, amplitude).
+inline std::vector<float> noiseBlock(size_t n, uint32_t seed, float amplitude = 0.9f) {
+    std::vector<float> v(n);
+    uint32_t x = seed * 2654435761u + 12345u;
+    for (size_t i = 0; i < n; ++i) {
+        x = x * 1664525u + 1013904223u;
+        v[i] = amplitude * (static_cast<float>(x >> 8) / 8388608.0f - 1.0f);
+    }
+    return v;
+}
+
+inline std::vector<float> sineBlock(size_t n, double frequency, double rate, double amplitude,
+                                    size_t offset = 0) {
+    std::vector<float> v(n);
+    const double twoPi = 6.283185307179586;
+    for (size_t i = 0; i < n; ++i) {
+        v[i] = static_cast<float>(amplitude * std::sin(twoPi * frequency * (i + offset) / rate));
+    }
+    return v;
+}
+
+inline double rms(const std::vector<float>& v, size_t from, size_t to) {
+    double sum = 0.0;
+    for (size_t i = from; i < to; ++i) {
+        sum += static_cast<double>(v[i]) * v[i];
+    }
+    return std::sqrt(sum / static_cast<double>(to - from));
+}
+
+} // namespace dsptest
