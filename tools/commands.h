@@ -1,0 +1,75 @@
+// The tool's commands. Each takes the words after its name and returns the
+// exit status; errors are thrown as UsageError or Failure.
+#pragma once
+
+#include "effects.h"
+#include "wav_io.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace cli {
+
+struct Options {
+    bool quiet = false;
+};
+
+// Frames per block in every host loop of the tool.
+constexpr uint32_t kBlockFrames = 4096;
+
+struct ProcessResult {
+    AudioFormat inFormat;
+    AudioFormat outFormat;
+    uint64_t framesIn = 0;
+    uint64_t framesOut = 0;
+    double elapsedSeconds = 0.0;
+    std::vector<std::string> chain;
+};
+
+// Streams IN through a chain of the effects into OUT (the host loop).
+ProcessResult processFile(const std::string& in, const std::string& out,
+                          const std::vector<EffectSpec>& effects, const Options& options);
+
+struct ChannelLevels {
+    double peak = 0.0; // largest |sample| / 32768
+    double rms = 0.0;  // root mean square / 32768
+    int16_t peakSample = 0;
+};
+
+struct FileLevels {
+    AudioFormat format;
+    uint64_t frames = 0;
+    std::vector<ChannelLevels> channels;
+};
+
+FileLevels measureLevels(const std::string& path, const Options& options);
+
+struct SliceOptions {
+    float startGateDb = -30.0f;
+    float endGateDb = -40.0f;
+    float risePercent = 5.0f;
+    float minSeconds = 0.1f;
+};
+
+struct Slice {
+    float startSeconds;
+    float endSeconds;
+};
+
+std::vector<Slice> findSlices(const std::string& path, const SliceOptions& slice,
+                              const Options& options);
+
+int runProcess(const std::vector<std::string>& args, const Options& options);
+int runCrossfade(const std::vector<std::string>& args, const Options& options);
+int runInfo(const std::vector<std::string>& args, const Options& options);
+int runSpectrum(const std::vector<std::string>& args, const Options& options);
+int runEnvelope(const std::vector<std::string>& args, const Options& options);
+int runSlices(const std::vector<std::string>& args, const Options& options);
+int runDemo(const std::vector<std::string>& args, const Options& options);
+
+// Formatting helpers shared by the reports.
+std::string formatDescription(const AudioFormat& format);
+std::string decibels(double ratio);
+
+} // namespace cli

@@ -1,0 +1,58 @@
+// The effects of `dsp IN OUT EFFECT [ARGS] ...`: parsing from the command
+// line and building the processing chain from them, in the given order.
+#pragma once
+
+#include "wav_io.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace cli {
+
+struct EffectSpec {
+    std::string name;
+    std::vector<std::string> args;
+};
+
+// Splits the words after IN and OUT into effects (none: a plain copy through
+// an empty chain); throws UsageError for an unknown effect or malformed arguments (checked against the rules of each
+// effect that do not depend on the format).
+std::vector<EffectSpec> parseEffects(const std::vector<std::string>& words);
+
+bool isEffectName(const std::string& word);
+
+// Help text listing every effect with its defaults.
+std::string effectsHelp();
+
+// A processing chain owning its processors (through the library's chain).
+class Chain {
+public:
+    Chain(uint32_t blockFrames, const AudioFormat& source);
+    ~Chain();
+    Chain(const Chain&) = delete;
+    Chain& operator=(const Chain&) = delete;
+
+    // Creates the effect's processor for the chain's current output format
+    // and appends it. totalFrames is the length of the whole input (for fades).
+    void add(const EffectSpec& effect, uint64_t totalFrames);
+
+    AudioFormat outputFormat() const;
+    // Output bytes room needed for one input block of `frames` frames.
+    uint32_t outputCapacityBytes(uint32_t frames) const;
+    // Processes one block; returns output frames.
+    uint32_t send(const int16_t* src, uint32_t frames, int16_t* dst);
+    // One line per effect, for reports.
+    const std::vector<std::string>& descriptions() const { return descriptions_; }
+
+private:
+    void append(uint32_t (*term)(void*), void* processor, const std::string& what);
+
+    void* chain_ = nullptr;
+    uint32_t blockFrames_;
+    AudioFormat source_;
+    uint32_t order_ = 0;
+    std::vector<std::string> descriptions_;
+};
+
+} // namespace cli

@@ -1,0 +1,174 @@
+// `dsp IN OUT EFFECT...` and `dsp crossfade A B OUT SECONDS`.
+#include "cli_error.h"
+#include "commands.h"
+#include "progress.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace cli {
+
+ProcessResult processFile(const std::string& inPath, const std::string& outPath,
+                          const std::vector<EffectSpec>& effects, const Options& options) {
+    checkDistinct(inPath, outPath);
+    WavInput in(inPath, kBlockFrames);
+    Chain chain(kBlockFrames, in.format());
+    for (const EffectSpec& e : effects) {
+        chain.add(e, in.totalFrames());
+    }
+    ProcessResult result;
+    result.inFormat = in.format();
+    result.outFormat = chain.outputFormat();
+    result.chain = chain.descriptions();
+
+    WavOutput out(outPath, result.outFormat);
+    std::vector<int16_t> src(kBlockFrames * in.format().channels);
+    std::vector<int16_t> dst(chain.outputCapacityBytes(kBlockFrames) / 2);
+    Progress progress("processing", in.totalFrames(), options.quiet);
+    auto start = std::chrono::steady_clock::now();
+    for (;;) {
+        if (interrupted()) {
+            throw Failure("interrupted; '" + outPath + "' was not written");
+        }
+        uint32_t n = in.read(src.data(), kBlockFrames);
+        if (n == 0) {
+            break;
+        }
+        uint32_t m = chain.send(src.data(), n, dst.data());
+        out.write(dst.data(), m);
+        result.framesIn += n;
+        progress.update(result.framesIn);
+    }
+    if (result.framesIn < in.totalFrames()) {
+        throw Failure("'" + inPath + "' ends early: its data chunk promises " +
+                      std::to_string(in.totalFrames()) + " frames, only " +
+                      std::to_string(result.framesIn) + " could be read");
+    }
+    result.framesOut = out.framesWritten();
+    out.commit();
+    result.elapsedSeconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    progress.finish();
+    return result;
+}
+
+int runProcess(const std::vector<std::string>& args, const Options& options) {
+    if (args.size() < 2) {
+        throw UsageError("expected IN.wav OUT.wav [EFFECT [ARGS]...] (see dsp --help)");
+    }
+    std::vector<std::string> words(args.begin() + 2, args.end());
+    std::vector<EffectSpec> effects = parseEffects(words);
+    ProcessResult r = processFile(args[0], args[1], effects, options);
+    if (!options.quiet) {
+        double seconds = static_cast<double>(r.framesOut) / r.outFormat.rate;
+        std::printf("%s: %.3f s, %s (%llu frames)", args[1].c_str(), seconds,
+                    formatDescription(r.outFormat).c_str(),
+                    static_cast<unsigned long long>(r.framesOut));
+        if (r.elapsedSeconds > 0.0) {
+            double audio = static_cast<double>(r.framesIn) / r.inFormat.rate;
+            std::printf(", %.0fx real time", audio / r.elapsedSeconds);
+        }
+        std::printf("\n");
+    }
+    return 0;
+}
+
+namespace {
+
+double parseSeconds(const std::string& word, const char* what) {
+    char* end = nullptr;
+    double v = std::strtod(word.c_str(), &end);
+    if (word.empty() || *end != '\0' || !std::isfinite(v) || v < 0.0) {
+        throw UsageError(std::string(what) + " must be a number of seconds >= 0, not '" + word +
+                         "'");
+    }
+    return v;
+}
+
+// Fills frames [from, from + n) of a stream that holds `in` from frame
+// `offset` on (silence elsewhere), reading `in` sequentially.
+void fillFrom(WavInput& in, uint64_t offset, uint64_t from, uint32_t n, int16_t* dst) {
+    const uint32_t ch = in.format().channels;
+    std::memset(dst, 0, static_cast<size_t>(n) * ch * 2);
+    uint64_t begin = std::max(from, offset);
+    uint64_t end = std::min(from + n, offset + in.totalFrames());
+    uint64_t at = begin;
+    while (at < end) {
+        uint32_t want = static_cast<uint32_t>(std::min<uint64_t>(end - at, kBlockFrames));
+        uint32_t got = in.read(dst + (at - from) * ch, want);
+        if (got == 0) {
+            throw Failure("'" + in.path() + "' ends early");
+        }
+        at += got;
+    }
+}
+
+} // namespace
+
+int runCrossfade(const std::vector<std::string>& args, const Options& options) {
+    if (args.size() != 4) {
+        throw UsageError("usage: dsp crossfade A.wav B.wav OUT.wav SECONDS");
+    }
+    double overlapSeconds = parseSeconds(args[3], "SECONDS");
+    checkDistinct(args[0], args[2]);
+    checkDistinct(args[1], args[2]);
+    WavInput a(args[0], kBlockFrames);
+    WavInput b(args[1], kBlockFrames);
+    const AudioFormat f = a.format();
+    if (f.rate != b.format().rate || f.channels != b.format().channels) {
+        throw Failure("'" + args[0] + "' is " + formatDescription(f) + " but '" + args[1] +
+                      "' is " + formatDescription(b.format()) + "; resample one of them first");
+    }
+    uint64_t overlap = static_cast<uint64_t>(std::llround(overlapSeconds * f.rate));
+    if (overlap > a.totalFrames() || overlap > b.totalFrames()) {
+        throw UsageError("SECONDS (" + args[3] + ") is longer than the shorter input");
+    }
+    const uint64_t bStart = a.totalFrames() - overlap;
+    const uint64_t total = bStart + b.totalFrames();
+
+    // Cross-fader at +1 (A alone); it moves to -1 (B alone) across the overlap.
+    void* fader = initFader(kBlockFrames, f.channels, f.rate, 1.0f, 0.0f, 0.0f);
+    if (fader == nullptr) {
+        throw Failure("out of memory creating the cross-fader");
+    }
+    struct FaderGuard {
+        void* h;
+        ~FaderGuard() { termFader(h); }
+    } guard{fader};
+    if (overlap > 0) {
+        double first = 1.5 / f.rate;
+        double start = std::max(static_cast<double>(bStart) / f.rate, first);
+        double end = std::max(static_cast<double>(a.totalFrames()) / f.rate, start + first);
+        setCrossFaderAction(fader, static_cast<float>(start), static_cast<float>(end), -1.0f);
+    }
+
+    WavOutput out(args[2], f);
+    std::vector<int16_t> bufA(kBlockFrames * f.channels), bufB(bufA.size()), mixed(bufA.size());
+    Progress progress("cross-fading", total, options.quiet);
+    for (uint64_t t = 0; t < total;) {
+        if (interrupted()) {
+            throw Failure("interrupted; '" + args[2] + "' was not written");
+        }
+        uint32_t n = static_cast<uint32_t>(std::min<uint64_t>(total - t, kBlockFrames));
+        fillFrom(a, 0, t, n, bufA.data());
+        fillFrom(b, bStart, t, n, bufB.data());
+        doCrossFade(fader, bufA.data(), bufB.data(), mixed.data(), n * 2 * f.channels);
+        out.write(mixed.data(), n);
+        t += n;
+        progress.update(t);
+    }
+    out.commit();
+    progress.finish();
+    if (!options.quiet) {
+        std::printf("%s: %.3f s, %s (%.3f s overlap)\n", args[2].c_str(),
+                    static_cast<double>(total) / f.rate, formatDescription(f).c_str(),
+                    static_cast<double>(overlap) / f.rate);
+    }
+    return 0;
+}
+
+} // namespace cli
