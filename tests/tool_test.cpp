@@ -39,7 +39,7 @@ std::string tempPath(const std::string& name) {
     return (fs::path(tempDir()) / name).string();
 }
 
-struct Run {
+struct ToolRun {
     int status;
     std::string out;
     std::string err;
@@ -52,13 +52,13 @@ std::string slurp(const std::string& path) {
     return s.str();
 }
 
-Run runTool(const std::string& arguments) {
+ToolRun runTool(const std::string& arguments) {
     std::string outFile = tempPath("stdout.txt");
     std::string errFile = tempPath("stderr.txt");
     std::string command = std::string(DSP_TOOL_PATH) + " " + arguments + " >" + outFile + " 2>" +
                           errFile + " </dev/null";
     int raw = std::system(command.c_str());
-    Run r;
+    ToolRun r;
     r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
     r.out = slurp(outFile);
     r.err = slurp(errFile);
@@ -206,7 +206,7 @@ protected:
     void expectSameAsLibrary(const std::string& effect,
                              const std::function<void(void* chain)>& build, uint32_t expectedRate,
                              uint32_t expectedChannels) {
-        Run r = runTool("--quiet " + input_ + " " + output_ + " " + effect);
+        ToolRun r = runTool("--quiet " + input_ + " " + output_ + " " + effect);
         ASSERT_EQ(r.status, 0) << effect << ": " << r.err;
         Wave w = readWave(output_);
         EXPECT_EQ(w.formatTag, 1);
@@ -311,7 +311,8 @@ TEST_F(ToolTest, GainAndFadeMatchTheLibrary) {
 }
 
 TEST_F(ToolTest, NoEffectIsAPlainCopy) {
-    expectSameAsLibrary("", [](void*) {}, 44100, 2);
+    expectSameAsLibrary(
+        "", [](void*) {}, 44100, 2);
     EXPECT_TRUE(readWave(output_).samples == signal_);
 }
 
@@ -330,7 +331,7 @@ TEST_F(ToolTest, SeveralEffectsRunInTheGivenOrder) {
 TEST_F(ToolTest, MonoInputAndExtensiblePcmAreAccepted) {
     std::vector<int16_t> mono = testSignal(22050, 1, 0.7);
     writeFile(input_, waveBytes(22050, 1, mono, 0xFFFE));
-    Run r = runTool("--quiet " + input_ + " " + output_ + " gain 0");
+    ToolRun r = runTool("--quiet " + input_ + " " + output_ + " gain 0");
     ASSERT_EQ(r.status, 0) << r.err;
     Wave w = readWave(output_);
     EXPECT_EQ(w.channels, 1);
@@ -345,7 +346,7 @@ TEST_F(ToolTest, CrossfadeMatchesTheLibrary) {
         s = static_cast<int16_t>(-s / 2);
     }
     writeFile(b, waveBytes(44100, 2, other));
-    Run r = runTool("--quiet crossfade " + input_ + " " + b + " " + output_ + " 0.25");
+    ToolRun r = runTool("--quiet crossfade " + input_ + " " + b + " " + output_ + " 0.25");
     ASSERT_EQ(r.status, 0) << r.err;
     Wave w = readWave(output_);
 
@@ -379,7 +380,7 @@ TEST_F(ToolTest, InfoReportsFormatLengthAndLevels) {
     s[100] = -16384; // left peak at -6 dBFS
     s[201] = 32767;
     writeFile(input_, waveBytes(44100, 2, s));
-    Run r = runTool("info " + input_);
+    ToolRun r = runTool("info " + input_);
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_NE(r.out.find("44100 Hz, stereo"), std::string::npos) << r.out;
     EXPECT_NE(r.out.find("1.000 s (44100 frames)"), std::string::npos) << r.out;
@@ -388,7 +389,7 @@ TEST_F(ToolTest, InfoReportsFormatLengthAndLevels) {
 }
 
 TEST_F(ToolTest, SpectrumCsvIsTheAnalyzerOutputRelativeToFullScale) {
-    Run r = runTool("spectrum " + input_ + " --size 1024 --at 0.1 --csv");
+    ToolRun r = runTool("spectrum " + input_ + " --size 1024 --at 0.1 --csv");
     ASSERT_EQ(r.status, 0) << r.err;
     void* fft = initFft(1024, 2, 2, 120);
     std::vector<float> db(1024);
@@ -410,7 +411,7 @@ TEST_F(ToolTest, SpectrumCsvIsTheAnalyzerOutputRelativeToFullScale) {
 }
 
 TEST_F(ToolTest, EnvelopeAndSlicesRun) {
-    Run r = runTool("envelope " + input_ + " --csv --step 0.5");
+    ToolRun r = runTool("envelope " + input_ + " --csv --step 0.5");
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.out.rfind("time_s,left,right\n", 0), 0u) << r.out;
     EXPECT_NE(r.out.find("\n0.5000,"), std::string::npos) << r.out;
@@ -434,7 +435,7 @@ TEST_F(ToolTest, EnvelopeAndSlicesRun) {
 
 TEST_F(ToolTest, DemoRunsAndReports) {
     std::string out = tempPath("demo.wav");
-    Run r = runTool("demo " + out);
+    ToolRun r = runTool("demo " + out);
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_NE(r.out.find("resample 44100 -> 48000 Hz cubic"), std::string::npos) << r.out;
     EXPECT_NE(r.out.find("chorus"), std::string::npos);
@@ -491,7 +492,7 @@ TEST_F(ToolTest, ErrorsGiveOneLineAndTheRightStatus) {
         {"", 2, "nothing to do"},
     };
     for (const ErrorCase& c : cases) {
-        Run r = runTool(c.arguments);
+        ToolRun r = runTool(c.arguments);
         EXPECT_EQ(r.status, c.status) << c.arguments << "\n" << r.err;
         EXPECT_NE(r.err.find(c.message), std::string::npos) << c.arguments << "\n" << r.err;
         EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << c.arguments << "\n" << r.err;
@@ -502,7 +503,7 @@ TEST_F(ToolTest, ErrorsGiveOneLineAndTheRightStatus) {
 
 TEST_F(ToolTest, AFailedRunLeavesAnExistingOutputUntouched) {
     writeFile(output_, "precious");
-    Run r = runTool(input_ + " " + output_ + " lowpass 4 30000");
+    ToolRun r = runTool(input_ + " " + output_ + " lowpass 4 30000");
     EXPECT_EQ(r.status, 2);
     EXPECT_EQ(slurp(output_), "precious");
     // A truncated input fails after the output was started: still untouched.
@@ -521,7 +522,7 @@ TEST_F(ToolTest, AFailedRunLeavesAnExistingOutputUntouched) {
 }
 
 TEST_F(ToolTest, HelpListsEveryEffectWithItsDefaults) {
-    Run r = runTool("--help");
+    ToolRun r = runTool("--help");
     EXPECT_EQ(r.status, 0);
     for (const char* word :
          {"lowpass ORDER HZ", "highpass", "resample RATE", "hqups", "chorus", "pitch CENTS",
