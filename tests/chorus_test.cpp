@@ -285,3 +285,43 @@ TEST(ChorusExports, InitFailsCleanlyWhenAllocationFails) {
 }
 
 } // namespace
+
+namespace {
+
+// Stereo runs both channels together; each must equal a mono processor fed
+// that channel alone, also after one channel's settings were changed.
+TEST(ChorusStereo, EachChannelEqualsAMonoProcessor) {
+    const uint32_t frames = 3000;
+    std::vector<int16_t> stereo(2 * frames), left(frames), right(frames);
+    uint32_t noise = 7;
+    for (uint32_t i = 0; i < frames; ++i) {
+        noise = noise * 1664525u + 1013904223u;
+        left[i] = static_cast<int16_t>((noise >> 16) - 32768);
+        right[i] = static_cast<int16_t>(9000.0 * std::sin(0.01 * i));
+        stereo[2 * i] = left[i];
+        stereo[2 * i + 1] = right[i];
+    }
+    void* s = initChorus(1024, 2, 44100, 4, 10.0f, 3.0f, 0.05f, 40.0f, 70.0f);
+    void* l = initChorus(1024, 1, 44100, 4, 10.0f, 3.0f, 0.05f, 40.0f, 70.0f);
+    void* r = initChorus(1024, 1, 44100, 4, 10.0f, 3.0f, 0.05f, 40.0f, 70.0f);
+    std::vector<int16_t> outS(2 * frames), outL(frames), outR(frames);
+    for (uint32_t at = 0; at < frames; at += 1000) {
+        if (at == 2000) {
+            for (void* h : {s, l, r}) {
+                setChorusMix(h, 2, 90.0f);
+            }
+        }
+        doChorus(s, stereo.data() + 2 * at, outS.data() + 2 * at, 4000);
+        doChorus(l, left.data() + at, outL.data() + at, 2000);
+        doChorus(r, right.data() + at, outR.data() + at, 2000);
+    }
+    for (uint32_t i = 0; i < frames; ++i) {
+        ASSERT_EQ(outS[2 * i], outL[i]) << i;
+        ASSERT_EQ(outS[2 * i + 1], outR[i]) << i;
+    }
+    for (void* h : {s, l, r}) {
+        termChorus(h);
+    }
+}
+
+} // namespace

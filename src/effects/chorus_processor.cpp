@@ -1,5 +1,7 @@
 #include "chorus_processor.h"
 
+#include "core/sample_convert.h"
+
 #include <new>
 
 namespace dsp {
@@ -60,15 +62,30 @@ uint32_t ChorusProcessor::processChannel(uint32_t channel, const float* in, floa
 
 uint32_t ChorusProcessor::processChained(const float* inL, const float* inR, float* outL,
                                          float* outR, uint32_t frames) {
-    voiceSets[0].process(inL, outL, frames);
     if (inChannels == 2) {
-        voiceSets[1].process(inR, outR, frames);
+        ChorusVoices::processPair(voiceSets[0], inL, outL, voiceSets[1], inR, outR, frames);
+    } else {
+        voiceSets[0].process(inL, outL, frames);
     }
     return frames;
 }
 
+// The standard interleaved step, with both channels run together.
 uint32_t ChorusProcessor::processInterleaved(const int16_t* src, int16_t* dst, uint32_t bytes) {
-    return interleavedTemplate(src, dst, bytes);
+    if (ready != 1 || inFrames == 0) {
+        return bytes;
+    }
+    const uint32_t frameBytes = 2 * inChannels;
+    for (uint32_t frames = bytes / frameBytes; frames > 0;) {
+        const uint32_t piece = frames < inFrames ? frames : inFrames;
+        convertToFloat(src, piece * frameBytes, work[0], work[1], inChannels);
+        processChained(work[0], work[1], work[2], work[3], piece);
+        convertToInt16(work[2], work[3], piece, dst, inChannels);
+        src += piece * inChannels;
+        dst += piece * inChannels;
+        frames -= piece;
+    }
+    return bytes;
 }
 
 void ChorusProcessor::setOrgMix(float percent) {

@@ -14,9 +14,17 @@ public:
 
     // Frees the histories and the per-voice arrays.
     void release() override;
-    // One zeroed history of `capacity` samples per voice.
+    static constexpr uint32_t kMaxVoices = 65536;
+
+    // One zeroed history of `capacity` samples, shared by the voices (they
+    // all store the same input at the same positions).
     bool init(uint32_t sampleRate, float delayMs, uint32_t newCapacity) override;
     uint32_t process(const float* in, float* out, uint32_t frames) override;
+    // Both channels of a stereo stream: the same results as process() on each.
+    static void processPair(ChorusVoices& left, const float* inL, float* outL, ChorusVoices& right,
+                            const float* inR, float* outR, uint32_t frames);
+    // True when both voice sets would compute the same delays sample for sample.
+    bool sameModulation(const ChorusVoices& other) const;
 
     // Full setup: histories cleared, LFO restarted, every voice at mixPercent.
     // False when the histories or per-voice arrays cannot be allocated.
