@@ -264,7 +264,10 @@ void doSlot(Slot& s, dspfuzz::ByteReader& in) {
         check(doPitchShift(s.handle, src.data(), dst.data(), bytes) == 1);
         break;
     case Family::Stretch: {
-        dst.resize(roomFor(p, getStretchDstSize(s.handle, bytes)) / 2);
+        // The estimate follows a new scale at once while the next block still
+        // runs at the old one; the factor never exceeds 4 (two octaves).
+        const uint32_t estimate = getStretchDstSize(s.handle, bytes);
+        dst.resize(roomFor(p, estimate > 4 * bytes ? estimate : 4 * bytes) / 2 + 128);
         check(doStretch(s.handle, src.data(), dst.data(), bytes) <= dst.size() * 2);
         break;
     }
