@@ -185,7 +185,7 @@ TEST(PlainConversion, LayoutsAndReturnValues) {
     EXPECT_EQ(mono[3], 7);
     // Partial frames are ignored on input.
     int16_t src[5] = {100, 200, 300, 400, 500};
-    float l[2], r[2];
+    float l[4], r[2];
     EXPECT_EQ(dsp::convertToFloat(src, 10, l, r, 2), 2u);
     EXPECT_EQ(dsp::convertToFloat(src, 9, l, nullptr, 1), 4u);
 }

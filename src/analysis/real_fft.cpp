@@ -30,7 +30,8 @@ namespace {
 // Radix-4 split stage of a kind-1 block at one position k of its first
 // quarter (quarters `q` floats apart): quarter 0 gets x0 + x2, quarter 1
 // x0 - x2, quarter 2 (x1 + i x3) w^k and quarter 3 (x1 - i x3) w^3k.
-inline void splitButterfly(float* a, uint32_t q, float wr, float wi, float w3r, float w3i) {
+[[maybe_unused]] inline void splitButterfly(float* a, uint32_t q, float wr, float wi, float w3r,
+                                            float w3i) {
     float* p0 = a;
     float* p1 = a + q;
     float* p2 = p1 + q;
@@ -58,7 +59,7 @@ inline void splitButterfly(float* a, uint32_t q, float wr, float wi, float w3r, 
 }
 
 // The same stage without twiddles (k = 0).
-inline void splitButterflyPlain(float* a, uint32_t q) {
+[[maybe_unused]] inline void splitButterflyPlain(float* a, uint32_t q) {
     float* p0 = a;
     float* p1 = a + q;
     float* p2 = p1 + q;

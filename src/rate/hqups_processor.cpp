@@ -2,6 +2,7 @@
 
 #include "core/sample_convert.h"
 
+#include <cstring>
 #include <new>
 
 namespace dsp {
@@ -78,7 +79,17 @@ bool HqupsProcessor::ensureOutputBuffers(uint32_t floats, bool replace) {
         }
     }
     outputCapacity = floats;
+    clearOutputBuffers(floats);
     return true;
+}
+
+// The bandwidth analysis reads a whole configured block from work[4] (or the
+// stereo mix in the right output), also when a block is shorter: fresh pool
+// memory is zeroed so that tail is defined and the output reproducible.
+void HqupsProcessor::clearOutputBuffers(uint32_t floats) {
+    for (int i = 2; i < kWorkBuffers; ++i) {
+        std::memset(work[i], 0, static_cast<size_t>(floats) * sizeof(float));
+    }
 }
 
 bool HqupsProcessor::buildForSource(uint32_t srcFrames, uint32_t channelsIn, uint32_t channelsOut,
@@ -151,6 +162,7 @@ void HqupsProcessor::configure(uint32_t frames, uint32_t channels, uint32_t rate
     }
     if (!keepsBuffers) {
         outputCapacity = frames;
+        clearOutputBuffers(frames);
     }
     inRate = rate;
     outRate = kOutputRate;

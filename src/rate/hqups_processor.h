@@ -80,6 +80,7 @@ private:
     // Makes work[2] to work[5] hold at least `floats` floats; `replace`
     // takes new ones of exactly that size whatever they hold.
     bool ensureOutputBuffers(uint32_t floats, bool replace);
+    void clearOutputBuffers(uint32_t floats);
     void storeSettings(const HqupsSettings& settings);
     bool buildForSource(uint32_t srcFrames, uint32_t inChannels, uint32_t outChannels,
                         uint32_t srcRate, uint32_t minOutputFrames, uint32_t& dstFrames);
