@@ -6,9 +6,10 @@
 #   mingw-w64           the Windows cross-builds (i686 and x86_64 dsp.dll)
 #   wine64              runs the 64-bit Windows test suite
 #   sox, python3        outside WAVE readers and writers for the round-trip tests
+#   clang, libclang-rt-14-dev  libFuzzer targets and ThreadSanitizer runs
 set -euo pipefail
 packages=(g++ cmake make libgtest-dev libbenchmark-dev
-    g++-multilib googletest mingw-w64 wine64 sox python3 "$@")
+    g++-multilib googletest mingw-w64 wine64 sox python3 clang libclang-rt-14-dev "$@")
 missing=()
 for p in "${packages[@]}"; do
     dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")
