@@ -359,6 +359,72 @@ TEST_P(VectorPathTest, ToFloatReturnsTheSameFrameCountAsPlain) {
     }
 }
 
+// The kernels over every 16-bit sample, in both channels and in every lane.
+TEST_P(VectorPathTest, ToFloatKernelsMatchTheModelForEverySample) {
+    constexpr uint32_t kAll = 65536;
+    std::vector<int16_t> mono(kAll), stereo(2 * kAll);
+    for (uint32_t i = 0; i < kAll; ++i) {
+        mono[i] = static_cast<int16_t>(i);
+        stereo[2 * i] = static_cast<int16_t>(i);
+        stereo[2 * i + 1] = static_cast<int16_t>(i * 40503u + 7u); // another order
+    }
+    AlignedFloats left(kAll), right(kAll);
+    dsp::convertToFloat(mono.data(), kAll * 2, left.data(), nullptr, 1);
+    for (uint32_t i = 0; i < kAll; ++i) {
+        ASSERT_EQ(left[i], modelKernelToFloat(mono[i])) << "mono " << mono[i];
+    }
+    dsp::convertToFloat(stereo.data(), kAll * 4, left.data(), right.data(), 2);
+    for (uint32_t i = 0; i < kAll; ++i) {
+        ASSERT_EQ(left[i], modelKernelToFloat(stereo[2 * i])) << "left " << stereo[2 * i];
+        ASSERT_EQ(right[i], modelKernelToFloat(stereo[2 * i + 1])) << "right " << stereo[2 * i + 1];
+    }
+    dsp::convertToFloat(stereo.data(), kAll * 4, left.data(), nullptr, 2);
+    for (uint32_t i = 0; i < kAll; ++i) {
+        ASSERT_EQ(left[i], modelKernelMix(stereo[2 * i], stereo[2 * i + 1])) << "frame " << i;
+    }
+}
+
+// A sweep over the whole float range (every 4099th bit pattern: all signs,
+// exponents, NaNs and infinities) plus the values next to each rounding tie.
+TEST_P(VectorPathTest, ToInt16KernelsMatchTheModelOverTheFloatRange) {
+    const PathCase& pc = GetParam();
+    std::vector<float> values;
+    for (uint64_t bits = 0; bits < (uint64_t(1) << 32); bits += 4099) {
+        values.push_back(bitsToFloat(static_cast<uint32_t>(bits)));
+    }
+    for (int k = -32769; k <= 32768; k += 7) {
+        float tie = static_cast<float>((k + 0.5) / 32767.0);
+        values.push_back(tie);
+        values.push_back(std::nextafter(tie, 2.0f));
+        values.push_back(std::nextafter(tie, -2.0f));
+    }
+    values.resize(values.size() - values.size() % 8);
+    const uint32_t n = static_cast<uint32_t>(values.size());
+    AlignedFloats left(n), right(n);
+    for (uint32_t i = 0; i < n; ++i) {
+        left[i] = values[i];
+        right[i] = values[n - 1 - i];
+    }
+    auto model = [&](float x) { return pc.amd3dnow ? model3dnowToInt16(x) : modelSseToInt16(x); };
+    std::vector<int16_t> out(2 * n);
+    dsp::convertToInt16(left.data(), nullptr, n, out.data(), 1);
+    for (uint32_t i = 0; i < n; ++i) {
+        ASSERT_EQ(out[i], model(left[i])) << "mono " << left[i];
+    }
+    dsp::convertToInt16(left.data(), right.data(), n, out.data(), 2);
+    for (uint32_t i = 0; i < n; ++i) {
+        ASSERT_EQ(out[2 * i], model(left[i])) << "left " << left[i];
+        ASSERT_EQ(out[2 * i + 1], model(right[i])) << "right " << right[i];
+    }
+    if (pc.amd3dnow) { // only 3DNow! has a duplicating kernel
+        dsp::convertToInt16(left.data(), nullptr, n, out.data(), 2);
+        for (uint32_t i = 0; i < n; ++i) {
+            ASSERT_EQ(out[2 * i], model(left[i])) << "duplicate " << left[i];
+            ASSERT_EQ(out[2 * i + 1], out[2 * i]);
+        }
+    }
+}
+
 INSTANTIATE_TEST_SUITE_P(Paths, VectorPathTest,
                          ::testing::Values(PathCase{"3dnow", true, false, 4, 2, 4},
                                            PathCase{"sse", false, true, 8, 4, 8},
