@@ -74,19 +74,26 @@ WavInput::WavInput(const std::string& path, uint32_t blockFrames)
     if (reader_ == nullptr) {
         throw Failure("out of memory opening '" + path + "'");
     }
+    // The destructor does not run when the constructor throws: close the
+    // reader before refusing the file.
+    auto refuse = [this](const std::string& message) {
+        termWavefileIn(reader_);
+        reader_ = nullptr;
+        throw Failure(message);
+    };
     // A reader that failed to open reports position 0; an open one stands at
     // the first sample byte, which is never at 0.
     if (seekWavefileIn(reader_, 0, 1) <= 0) {
-        throw Failure("'" + path + "' is not a RIFF WAVE file (or its chunks are damaged)");
+        refuse("'" + path + "' is not a RIFF WAVE file (or its chunks are damaged)");
     }
     const WavefileFormat* f = getFormatWavefileIn(reader_);
     bool pcm =
         f->formatTag == kFormatPcm || (f->formatTag == kFormatExtensible && extensibleIsPcm(path));
     if (!pcm || f->bitsPerSample != 16 || (f->channels != 1 && f->channels != 2) ||
         f->blockAlign != 2 * f->channels || f->samplesPerSecond == 0) {
-        throw Failure("'" + path + "' is not 16-bit PCM mono or stereo (format " +
-                      std::to_string(f->formatTag) + ", " + std::to_string(f->bitsPerSample) +
-                      " bits, " + std::to_string(f->channels) + " channels)");
+        refuse("'" + path + "' is not 16-bit PCM mono or stereo (format " +
+               std::to_string(f->formatTag) + ", " + std::to_string(f->bitsPerSample) + " bits, " +
+               std::to_string(f->channels) + " channels)");
     }
     format_.rate = f->samplesPerSecond;
     format_.channels = f->channels;
