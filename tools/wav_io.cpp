@@ -74,30 +74,34 @@ WavInput::WavInput(const std::string& path, uint32_t blockFrames)
     if (reader_ == nullptr) {
         throw Failure("out of memory opening '" + path + "'");
     }
-    // The destructor does not run when the constructor throws: close the
-    // reader before refusing the file.
-    auto refuse = [this](const std::string& message) {
+    // The destructor does not run when the constructor throws: close here.
+    try {
+        checkFormat();
+    } catch (...) {
         termWavefileIn(reader_);
         reader_ = nullptr;
-        throw Failure(message);
-    };
+        throw;
+    }
+    totalFrames_ = getHeaderWavefileIn(reader_)->dataBytes / (2u * format_.channels);
+}
+
+void WavInput::checkFormat() {
     // A reader that failed to open reports position 0; an open one stands at
     // the first sample byte, which is never at 0.
     if (seekWavefileIn(reader_, 0, 1) <= 0) {
-        refuse("'" + path + "' is not a RIFF WAVE file (or its chunks are damaged)");
+        throw Failure("'" + path_ + "' is not a RIFF WAVE file (or its chunks are damaged)");
     }
     const WavefileFormat* f = getFormatWavefileIn(reader_);
     bool pcm =
-        f->formatTag == kFormatPcm || (f->formatTag == kFormatExtensible && extensibleIsPcm(path));
+        f->formatTag == kFormatPcm || (f->formatTag == kFormatExtensible && extensibleIsPcm(path_));
     if (!pcm || f->bitsPerSample != 16 || (f->channels != 1 && f->channels != 2) ||
         f->blockAlign != 2 * f->channels || f->samplesPerSecond == 0) {
-        refuse("'" + path + "' is not 16-bit PCM mono or stereo (format " +
-               std::to_string(f->formatTag) + ", " + std::to_string(f->bitsPerSample) + " bits, " +
-               std::to_string(f->channels) + " channels)");
+        throw Failure("'" + path_ + "' is not 16-bit PCM mono or stereo (format " +
+                      std::to_string(f->formatTag) + ", " + std::to_string(f->bitsPerSample) +
+                      " bits, " + std::to_string(f->channels) + " channels)");
     }
     format_.rate = f->samplesPerSecond;
     format_.channels = f->channels;
-    totalFrames_ = getHeaderWavefileIn(reader_)->dataBytes / (2u * format_.channels);
 }
 
 WavInput::~WavInput() {

@@ -38,6 +38,9 @@ public:
     uint64_t position() const { return position_; }
 
 private:
+    // Throws Failure unless the open file is 16-bit PCM mono or stereo.
+    void checkFormat();
+
     std::string path_;
     void* reader_ = nullptr;
     AudioFormat format_;
