@@ -12,8 +12,20 @@
 
 namespace {
 
-enum class Family { Iir, Fader, Chorus, Resampler, Hqups, Pitch, Stretch, Fft, FftAnalyze, Env };
-constexpr uint32_t kFamilies = 10;
+enum class Family {
+    Iir,
+    Fader,
+    Chorus,
+    Resampler,
+    Hqups,
+    Pitch,
+    Stretch,
+    Fft,
+    FftAnalyze,
+    Env,
+    WaveSlice
+};
+constexpr uint32_t kFamilies = 11;
 constexpr uint32_t kSlots = 6;
 constexpr uint32_t kChains = 2;
 // Rates up to 48000 Hz so that Hqups, which brings its source up to 48000 Hz,
@@ -116,6 +128,10 @@ Slot initSlot(dspfuzz::ByteReader& in) {
     case Family::Env:
         s.handle = initEnvAnalyze(pickFrames(in), channels, r);
         break;
+    case Family::WaveSlice:
+        s.handle = initWaveSlice(pickFrames(in), channels, r, in.real(-60.0f, 6.0f),
+                                 in.real(-90.0f, 0.0f), in.real(0.0f, 100.0f), in.real(0.0f, 2.0f));
+        break;
     }
     return s;
 }
@@ -197,6 +213,16 @@ void setSlot(Slot& s, dspfuzz::ByteReader& in) {
             setStretchOutLevel(s.handle, in.real(-40.0f, 12.0f));
         }
         break;
+    case Family::WaveSlice: {
+        // Closes any open slice and hands out a record of the list (or null
+        // when there is none); every record must be a whole, ordered slice.
+        const SliceRecord* record = getWaveSlice(s.handle, in.range(0, 64));
+        if (record != nullptr) {
+            check(record->startSeconds >= 0.0f && record->startSeconds <= record->endSeconds);
+            check(record->next == nullptr || record->next->prev == record);
+        }
+        break;
+    }
     default:
         break;
     }
@@ -283,6 +309,9 @@ void doSlot(Slot& s, dspfuzz::ByteReader& in) {
         out.resize(analyzerFloats);
         doEnvAnalyze(s.handle, src.data(), in.flag() ? out.data() : nullptr, bytes);
         break;
+    case Family::WaveSlice:
+        check(doWaveSlice(s.handle, src.data(), bytes) == 1);
+        break;
     }
 }
 
@@ -319,13 +348,12 @@ void termSlot(Slot& s) {
     case Family::Env:
         result = termEnvAnalyze(s.handle);
         break;
+    case Family::WaveSlice:
+        result = termWaveSlice(s.handle);
+        break;
     }
     check(result == 1);
     s.handle = nullptr;
-}
-
-bool chainable(Family f) {
-    return f != Family::Fft && f != Family::FftAnalyze && f != Family::Env;
 }
 
 void chainOp(Chain& c, Slot* slots, dspfuzz::ByteReader& in) {
@@ -337,9 +365,9 @@ void chainOp(Chain& c, Slot* slots, dspfuzz::ByteReader& in) {
         return;
     }
     switch (in.range(0, 4)) {
-    case 0: { // hand a slot's processor over to the chain
+    case 0: { // hand a slot's processor over to the chain (analyzers yield nothing there)
         Slot& s = slots[in.range(0, kSlots - 1)];
-        if (s.handle != nullptr && chainable(s.family)) {
+        if (s.handle != nullptr) {
             // The chain owns it once taken; a refused one stays with its slot.
             const uint32_t count = dspAdd(c.handle, s.handle, in.range(0, 7));
             if (count == c.count + 1) {

@@ -101,7 +101,7 @@ void roundtripSeeds(const std::string& dir, Rng& rng) {
 
 void sequenceSeeds(const std::string& dir, Rng& rng) {
     int index = 0;
-    for (uint32_t family = 0; family < 10; ++family) {
+    for (uint32_t family = 0; family < 11; ++family) {
         for (int variant = 0; variant < 3; ++variant) {
             Bytes b;
             b.push_back(0);    // init

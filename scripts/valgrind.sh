@@ -1,13 +1,13 @@
 #!/usr/bin/env bash
 # Runs a representative part of the test suite under valgrind memcheck: every
-# processor family through its exports, the chain, the pool (including the
-# allocation-failure walk), the WAVE reader and writer. Any error or leak
-# fails the run.
+# processor family through its exports (the wave slicer included), the chain,
+# the pool, the allocation-failure walks (pool and heap), the WAVE reader and
+# writer. Any error or leak fails the run.
 #   scripts/valgrind.sh [BUILD_DIR [GTEST_FILTER]]
 set -euo pipefail
 cd "$(dirname "$0")/.."
 BUILD_DIR=${1:-build-valgrind}
-FILTER=${2:-'AllocationFailure.*:ChainTest.*:FastmemPool.*:DspProcessor.*:IirFilterTest.*:FaderExports.*:FaderProcessor.*:ChorusExports.*:ChorusSetup.*:Resampler.*:Hqups.*:PitchShift.*:Stretch.*:Analyzer.*:DoFft.*:DoEnvAnalyze.*:WavefileMalformed.*:WavefileReaderTest.*:WavefileWriterTest.*:WavefileWriterErrors.*:Concurrency.FastmemExportsFromManyThreads'}
+FILTER=${2:-'AllocationFailure.*:ChainTest.*:FastmemPool.*:DspProcessor.*:IirFilterTest.*:FaderExports.*:FaderProcessor.*:ChorusExports.*:ChorusSetup.*:Resampler.*:Hqups.*:PitchShift.*:Stretch.*:Analyzer.*:DoFft.*:DoFftAnalyze.*:DoEnvAnalyze.*:WaveSlice.*:WavefileMalformed.*:WavefileReaderTest.*:WavefileWriterTest.*:WavefileWriterErrors.*:Concurrency.FastmemExportsFromManyThreads'}
 JOBS=${JOBS:-2}
 
 # Debug information for readable reports; no sanitizers (valgrind replaces them).

@@ -4,12 +4,15 @@
 // under the sanitizer and valgrind runs).
 #include "dsp.h"
 #include "support/allocation_failure.h"
+#include "support/allocation_failure_new.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstdint>
+#include <cstdio>
 #include <functional>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -17,6 +20,8 @@ namespace {
 
 using dsptest::FailingPoolAllocator;
 using Mode = FailingPoolAllocator::Mode;
+using dsptest::FailingHeap;
+using HeapMode = FailingHeap::Mode;
 
 struct Family {
     std::string name;
@@ -83,6 +88,16 @@ std::vector<Family> families() {
          [](void* h) { return runAnalyzer(doFftAnalyze, h, 256, 1); }},
         {"EnvAnalyze", [] { return initEnvAnalyze(256, 2, 44100); }, termEnvAnalyze,
          [](void* h) { return runAnalyzer(doEnvAnalyze, h, 256, 2); }},
+        {"WaveSlice", [] { return initWaveSlice(256, 2, 44100, -30.0f, -50.0f, 5.0f, 0.001f); },
+         termWaveSlice,
+         [](void* h) {
+             std::vector<int16_t> in = testBlock(512);
+             if (doWaveSlice(h, in.data(), 1024) != 1) {
+                 return false;
+             }
+             getWaveSlice(h, 0);
+             return true;
+         }},
     };
 }
 
@@ -225,6 +240,193 @@ TEST(AllocationFailure, FastmemAllocFailureLeavesNoTrace) {
     EXPECT_EQ(fastmemFree(second), 1u);
     EXPECT_EQ(fastmemGetAllocatedSize(), sizeBefore);
     EXPECT_EQ(dsp::fastmemPool().blockCount(), countBefore);
+}
+
+// The same walk over the general heap: every nothrow new an init makes (the
+// object, its filters, histories and tables, the pool's block records) fails
+// in turn. A leak of a heap object shows under the sanitizer and valgrind
+// runs; the pool's accounting is checked here.
+bool heapFailureTakesEffect() {
+    FailingHeap::arm(1, HeapMode::OnlyAt);
+    void* probe = ::operator new(16, std::nothrow);
+    FailingHeap::disarm();
+    ::operator delete(probe);
+    return probe == nullptr;
+}
+
+TEST(AllocationFailure, EveryInitFailsCleanlyAtEveryHeapAllocation) {
+    if (!heapFailureTakesEffect()) {
+        GTEST_SKIP() << "the nothrow operator new cannot be replaced on this platform";
+    }
+    dsptest::FailingHeapDisarm disarm;
+    for (const Family& family : families()) {
+        const uint32_t sizeBefore = fastmemGetAllocatedSize();
+        const uint32_t countBefore = dsp::fastmemPool().blockCount();
+        FailingHeap::arm(0, HeapMode::OnlyAt);
+        void* reference = family.init();
+        const uint64_t allocations = FailingHeap::disarm();
+        ASSERT_NE(reference, nullptr) << family.name;
+        EXPECT_TRUE(family.use(reference)) << family.name;
+        EXPECT_EQ(family.term(reference), 1u) << family.name;
+        // The object itself and the records of its six work buffers at least.
+        EXPECT_GE(allocations, 7u) << family.name;
+        for (HeapMode mode : {HeapMode::OnlyAt, HeapMode::FromThenOn}) {
+            for (uint64_t k = 1; k <= allocations; ++k) {
+                FailingHeap::arm(k, mode);
+                void* h = family.init();
+                FailingHeap::disarm();
+                EXPECT_EQ(h, nullptr) << family.name << " with heap allocation " << k << " failing";
+                if (h != nullptr) {
+                    family.term(h);
+                }
+                EXPECT_EQ(fastmemGetAllocatedSize(), sizeBefore) << family.name << " k=" << k;
+                EXPECT_EQ(dsp::fastmemPool().blockCount(), countBefore)
+                    << family.name << " k=" << k;
+            }
+        }
+    }
+}
+
+// A chain built while the heap fails somewhere: dspCreate may return 0 and
+// dspAdd may refuse a processor (its node cannot be allocated), which then
+// stays with the caller. Whatever was built must run, and destroying it and
+// the refused processors gives all memory back.
+TEST(AllocationFailure, ChainBuildingSurvivesHeapFailure) {
+    if (!heapFailureTakesEffect()) {
+        GTEST_SKIP() << "the nothrow operator new cannot be replaced on this platform";
+    }
+    dsptest::FailingHeapDisarm disarm;
+    const uint32_t sizeBefore = fastmemGetAllocatedSize();
+    const uint32_t countBefore = dsp::fastmemPool().blockCount();
+    std::vector<int16_t> in = testBlock(1024), out(8192);
+    struct Candidate {
+        void* handle;
+        uint32_t (*term)(void*);
+    };
+    auto build = [](std::vector<Candidate>& refused) {
+        void* chain = dspCreate(512, 2, 32000);
+        const Candidate candidates[] = {
+            {initResampler(256, 2, 2, 44100, 48000, 1, 60.0f, 60.0f, 1), termResampler},
+            {initChorus(256, 2, 44100, 2, 20.0f, 2.0f, 1.0f, 50.0f, 50.0f), termChorus},
+            {initIirFilter(256, 2, 44100, 2, 2000.0f, 1), termIirFilter},
+            {initWaveSlice(256, 2, 48000, -30.0f, -50.0f, 5.0f, 0.01f), termWaveSlice},
+        };
+        uint32_t order = 1;
+        for (const Candidate& c : candidates) {
+            if (c.handle == nullptr) {
+                continue;
+            }
+            if (chain == nullptr) {
+                refused.push_back(c);
+                continue;
+            }
+            const uint32_t count = order - 1; // nodes so far
+            if (dspAdd(chain, c.handle, order) == count) {
+                refused.push_back(c);
+            } else {
+                ++order;
+            }
+        }
+        return chain;
+    };
+
+    FailingHeap::arm(0, HeapMode::OnlyAt);
+    std::vector<Candidate> none;
+    void* reference = build(none);
+    const uint64_t allocations = FailingHeap::disarm();
+    ASSERT_NE(reference, nullptr);
+    ASSERT_TRUE(none.empty());
+    dspDestroy(reference);
+    ASSERT_GT(allocations, 4u * 7u);
+
+    uint32_t refusals = 0;
+    for (HeapMode mode : {HeapMode::OnlyAt, HeapMode::FromThenOn}) {
+        for (uint64_t k = 1; k <= allocations; ++k) {
+            std::vector<Candidate> refused;
+            FailingHeap::arm(k, mode);
+            void* chain = build(refused);
+            FailingHeap::disarm();
+            refusals += static_cast<uint32_t>(refused.size());
+            if (chain != nullptr) {
+                // A node whose reconfiguration lost its buffers refuses to run
+                // until the chain is adjusted.
+                if (dspSend(chain, in.data(), out.data(), 2048) == 0) {
+                    dspAdjust(chain, 512, 2, 32000);
+                    dspSend(chain, in.data(), out.data(), 2048);
+                }
+                dspDestroy(chain);
+            }
+            for (const Candidate& c : refused) {
+                EXPECT_EQ(c.term(c.handle), 1u) << "k=" << k;
+            }
+            EXPECT_EQ(fastmemGetAllocatedSize(), sizeBefore) << "k=" << k;
+            EXPECT_EQ(dsp::fastmemPool().blockCount(), countBefore) << "k=" << k;
+        }
+    }
+    EXPECT_GT(refusals, 0u);
+}
+
+// The WAVE writer and reader with each of their heap allocations failing: the
+// handle is 0 or its calls report the failure (0), never a crash or a
+// half-written count.
+TEST(AllocationFailure, WavefilesSurviveHeapFailure) {
+    if (!heapFailureTakesEffect()) {
+        GTEST_SKIP() << "the nothrow operator new cannot be replaced on this platform";
+    }
+    dsptest::FailingHeapDisarm disarm;
+    const std::string path = std::string(DSP_TEST_TMPDIR) + "/allocation_failure_heap.wav";
+    const WavefileFormat format{1, 2, 22050, 22050 * 4, 4, 16, 0};
+    std::vector<int16_t> samples = testBlock(2000);
+    const int32_t bytes = 4000;
+
+    auto writeFile = [&]() -> uint32_t {
+        void* writer = initWavefileOut(path.c_str(), &format);
+        if (writer == nullptr) {
+            return 0;
+        }
+        const int32_t written = writeWavefileOut(writer, samples.data(), bytes);
+        const uint32_t closed = termWavefileOut(writer);
+        EXPECT_TRUE((written == bytes && closed == static_cast<uint32_t>(bytes)) ||
+                    (written <= 0 && closed == 0))
+            << written << " " << closed;
+        return closed;
+    };
+    FailingHeap::arm(0, HeapMode::OnlyAt);
+    EXPECT_EQ(writeFile(), static_cast<uint32_t>(bytes));
+    const uint64_t writerAllocations = FailingHeap::disarm();
+    ASSERT_GE(writerAllocations, 2u);
+    for (HeapMode mode : {HeapMode::OnlyAt, HeapMode::FromThenOn}) {
+        for (uint64_t k = 1; k <= writerAllocations; ++k) {
+            FailingHeap::arm(k, mode);
+            writeFile();
+            FailingHeap::disarm();
+        }
+    }
+
+    ASSERT_EQ(writeFile(), static_cast<uint32_t>(bytes));
+    std::vector<int16_t> back(2000);
+    auto readFile = [&]() {
+        void* reader = initWavefileIn(path.c_str(), 1000);
+        if (reader == nullptr) {
+            return;
+        }
+        std::fill(back.begin(), back.end(), 0);
+        const int32_t got = readWavefileIn(reader, reinterpret_cast<uint8_t*>(back.data()), 1000);
+        EXPECT_TRUE(got == 0 || (got == bytes && back == samples)) << got;
+        termWavefileIn(reader);
+    };
+    FailingHeap::arm(0, HeapMode::OnlyAt);
+    readFile();
+    const uint64_t readerAllocations = FailingHeap::disarm();
+    ASSERT_GE(readerAllocations, 2u);
+    for (HeapMode mode : {HeapMode::OnlyAt, HeapMode::FromThenOn}) {
+        for (uint64_t k = 1; k <= readerAllocations; ++k) {
+            FailingHeap::arm(k, mode);
+            readFile();
+            FailingHeap::disarm();
+        }
+    }
+    std::remove(path.c_str());
 }
 
 } // namespace

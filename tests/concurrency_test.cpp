@@ -55,9 +55,11 @@ uint64_t workload(uint32_t variant) {
     void* stretch = initStretch(kFrames, 2, 44100, 150.0f, 0.0f, 0.05f, 0.01f);
     void* fft = initFft(kFrames, 2, 2, 100);
     void* env = initEnvAnalyze(kFrames, 2, 44100);
+    void* sliding = initFftAnalyze(kFrames, 2, 512, 1024);
+    void* slicer = initWaveSlice(kFrames, 2, 48000, -30.0f, -50.0f, 5.0f, 0.001f);
     if (iir == nullptr || chorus == nullptr || fader == nullptr || resampler == nullptr ||
         hqups == nullptr || pitch == nullptr || stretch == nullptr || fft == nullptr ||
-        env == nullptr) {
+        env == nullptr || sliding == nullptr || slicer == nullptr) {
         return 0;
     }
     setFaderAction(fader, 0, 0.0f, 0.01f, -20.0f);
@@ -85,6 +87,17 @@ uint64_t workload(uint32_t variant) {
         digest.add(spectra.data(), 2 * 128 * sizeof(float));
         digest.add(doEnvAnalyze(env, in.data(), spectra.data(), bytes));
         digest.add(spectra.data(), 2 * sizeof(float));
+        digest.add(doFftAnalyze(sliding, in.data(), spectra.data(), bytes));
+        digest.add(spectra.data(), 2 * 256 * sizeof(float));
+        digest.add(doWaveSlice(slicer, in.data(), bytes));
+    }
+    for (uint32_t index = 0; index < 4; ++index) {
+        const SliceRecord* slice = getWaveSlice(slicer, index);
+        digest.add(slice != nullptr ? 1u : 0u);
+        if (slice != nullptr) {
+            digest.add(&slice->startSeconds, sizeof slice->startSeconds);
+            digest.add(&slice->endSeconds, sizeof slice->endSeconds);
+        }
     }
     termIirFilter(iir);
     termChorus(chorus);
@@ -95,6 +108,8 @@ uint64_t workload(uint32_t variant) {
     termStretch(stretch);
     termFft(fft);
     termEnvAnalyze(env);
+    termFftAnalyze(sliding);
+    termWaveSlice(slicer);
 
     // A chain whose source block differs from its processors' (so dspAdd
     // reconfigures them) and is adjusted halfway.
