@@ -165,6 +165,97 @@ TEST(ChebyshevDesigner, HighPassMirrorsTheLowPass) {
     }
 }
 
+// The coefficients written out from the design rules, step by step in
+// double, for both designers, both kinds, odd and even orders.
+struct Coefficients {
+    std::vector<double> a1, a2, b0, b1, b2;
+};
+
+Coefficients modelDesign(bool chebyshev, int32_t n, uint32_t kind, float fs, float f,
+                         float rippleDb) {
+    const double pi = 3.141592653589793;
+    const double ks = kind == 1 ? -1.0 : 1.0;
+    const double fp =
+        ks <= 0.0 ? 0.5 * static_cast<double>(fs) - static_cast<double>(f) : static_cast<double>(f);
+    const double t = std::tan((pi / static_cast<double>(fs)) * fp);
+    const int32_t sections = n % 2 == 0 ? n / 2 : (n + 1) / 2;
+    Coefficients c;
+    c.a1.assign(sections, 0.0);
+    c.a2.assign(sections, 0.0);
+    c.b0.assign(sections, 1.0);
+    c.b1.assign(sections, 0.0);
+    c.b2.assign(sections, 0.0);
+    const double r = rippleDb;
+    const double eps = std::sqrt(std::pow(10.0, 0.1 * r) - 1.0);
+    const double alpha = std::log(1.0 / eps + std::sqrt(1.0 / (eps * eps) + 1.0)) / n;
+    const double g = std::pow(std::pow(10.0, -r * 0.05), 2.0 / n);
+    int32_t k = n % 2 == 0 ? 1 : 2;
+    for (int32_t i = 0; i < n / 2; ++i, k += 2) {
+        const double theta = k * (pi / 2) / n;
+        double u = t;
+        double m = 2.0 * t * std::cos(theta);
+        if (chebyshev) {
+            const double sigma = std::sinh(alpha) * std::cos(theta);
+            const double omega = std::cosh(alpha) * std::sin(theta);
+            const double radius = std::sqrt(omega * omega + sigma * sigma);
+            u = radius * t;
+            m = 2.0 * u * std::cos(theta) * std::sinh(alpha) / radius;
+        }
+        const double d = 1.0 / (1.0 + m + u * u);
+        c.a1[i] = -2.0 * ks * (u * u - 1.0) * d;
+        c.a2[i] = -(1.0 - m + u * u) * d;
+        c.b0[i] = u * u * d;
+        c.b1[i] = 2.0 * ks * u * u * d;
+        c.b2[i] = u * u * d;
+        if (chebyshev && n % 2 == 0) {
+            c.b0[i] *= g;
+            c.b1[i] *= g;
+            c.b2[i] *= g;
+        }
+    }
+    if (n % 2 != 0) {
+        const double p = chebyshev ? std::sinh(alpha) * t : t;
+        const double d = 1.0 / (1.0 + p);
+        c.a1[n / 2] = -ks * (p - 1.0) * d;
+        c.b0[n / 2] = p * d;
+        c.b1[n / 2] = ks * p * d;
+    }
+    return c;
+}
+
+void expectCoefficients(const dsp::IirDesigner& f, const Coefficients& c, const char* what) {
+    ASSERT_EQ(f.sections, static_cast<int32_t>(c.a1.size())) << what;
+    for (int32_t i = 0; i < f.sections; ++i) {
+        EXPECT_EQ(f.a1[i], c.a1[i]) << what << " order " << f.order << " section " << i;
+        EXPECT_EQ(f.a2[i], c.a2[i]) << what << " order " << f.order << " section " << i;
+        EXPECT_EQ(f.b0[i], c.b0[i]) << what << " order " << f.order << " section " << i;
+        EXPECT_EQ(f.b1[i], c.b1[i]) << what << " order " << f.order << " section " << i;
+        EXPECT_EQ(f.b2[i], c.b2[i]) << what << " order " << f.order << " section " << i;
+    }
+}
+
+TEST(IirDesigner, CoefficientsFollowTheDesignArithmeticExactly) {
+    struct Setting {
+        float rate, cutoff, ripple;
+    } settings[] = {{44100.0f, 1000.0f, 1.0f}, {48000.0f, 7321.5f, 0.1f}, {22050.0f, 10.3f, 3.0f}};
+    for (const Setting& s : settings) {
+        for (int32_t order = 1; order <= 9; ++order) {
+            for (uint32_t kind : {kLowPass, kHighPass}) {
+                dsp::ButterworthDesigner b;
+                ASSERT_TRUE(b.setOrder(order, kind));
+                b.design(s.rate, s.cutoff);
+                expectCoefficients(b, modelDesign(false, order, kind, s.rate, s.cutoff, 1.0f),
+                                   "Butterworth");
+                dsp::ChebyshevDesigner c;
+                ASSERT_TRUE(c.setOrder(order, kind));
+                c.designChebyshev(s.rate, s.cutoff, s.ripple);
+                expectCoefficients(c, modelDesign(true, order, kind, s.rate, s.cutoff, s.ripple),
+                                   "Chebyshev");
+            }
+        }
+    }
+}
+
 TEST(IirDesigner, SetOrderGivesPassThroughSectionsAndCountsThem) {
     const int32_t expected[] = {0, 1, 1, 2, 2, 3, 3, 4};
     for (int32_t order = 0; order < 8; ++order) {

@@ -6,7 +6,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cmath>
 #include <cstdio>
+#include <limits>
 #include <vector>
 
 namespace {
@@ -71,25 +74,59 @@ TEST(WavefileMalformed, FormatChunkPastTheEndFails) {
     EXPECT_FALSE(opens(waveWith(kFmt)));
 }
 
-TEST(WavefileMalformed, ShortFormatsAndZeroChannelsFail) {
+// A "fmt " body shorter than the record is read as far as it goes and the
+// rest of the record is 0; the open succeeds whatever the body holds, also
+// with no channels (then every read delivers 0 bytes and seconds is 0).
+TEST(WavefileMalformed, ShortFormatsOpenWithTheMissingBytesAsZero) {
+    std::string path = dsptest::wavefileTempPath("malformed_short_fmt.wav");
     Bytes body = dsptest::pcmFormatBody(2, 44100);
-    for (size_t size : {0u, 2u, 8u, 13u}) {
+    for (size_t size : {0u, 2u, 3u, 8u, 13u, 14u}) {
         Bytes fmt = dsptest::chunkBytes("fmt ", Bytes(body.begin(), body.begin() + size));
-        EXPECT_FALSE(opens(waveWith(join({fmt, kData})))) << size;
+        dsptest::writeFileBytes(path, waveWith(join({fmt, kData})));
+        void* h = initWavefileIn(path.c_str(), 16);
+        const int32_t firstSample = 12 + 8 + static_cast<int32_t>(size + (size & 1)) + 8;
+        EXPECT_EQ(seekWavefileIn(h, 0, 1), firstSample) << size;
+        Bytes expected(18, 0);
+        std::copy(body.begin(), body.begin() + size, expected.begin());
+        const WavefileFormat* f = getFormatWavefileIn(h);
+        EXPECT_EQ(f->formatTag, dsptest::loadLe16(expected, 0)) << size;
+        EXPECT_EQ(f->channels, dsptest::loadLe16(expected, 2)) << size;
+        EXPECT_EQ(f->samplesPerSecond, dsptest::loadLe32(expected, 4)) << size;
+        EXPECT_EQ(f->avgBytesPerSecond, dsptest::loadLe32(expected, 8)) << size;
+        EXPECT_EQ(f->blockAlign, dsptest::loadLe16(expected, 12)) << size;
+        EXPECT_EQ(f->bitsPerSample, 0) << size;
+        EXPECT_EQ(f->extraSize, 0) << size;
+        EXPECT_EQ(getHeaderWavefileIn(h)->dataBytes, 16u) << size;
+        uint8_t buffer[64] = {};
+        int32_t expectedBytes = f->channels == 0 ? 0 : 4;
+        EXPECT_EQ(readWavefileIn(h, buffer, 1), expectedBytes) << size;
+        EXPECT_EQ(readWavefileIn(h, nullptr, 1), expectedBytes) << size;
+        termWavefileIn(h);
     }
-    Bytes fourteen = dsptest::chunkBytes("fmt ", Bytes(body.begin(), body.begin() + 14));
-    EXPECT_TRUE(opens(waveWith(join({fourteen, kData}))));
     Bytes noChannels = dsptest::chunkBytes("fmt ", dsptest::pcmFormatBody(0, 44100));
-    EXPECT_FALSE(opens(waveWith(join({noChannels, kData}))));
+    dsptest::writeFileBytes(path, waveWith(join({noChannels, kData})));
+    void* h = initWavefileIn(path.c_str(), 16);
+    EXPECT_EQ(seekWavefileIn(h, 0, 1), 44);
+    EXPECT_EQ(getHeaderWavefileIn(h)->dataBytes, 16u);
+    EXPECT_EQ(dsptest::wavefileSeconds(h), 0.0f);
+    EXPECT_EQ(timeSeekWavefileIn(h, 1.0f, 0), 44);
+    termWavefileIn(h);
+    std::remove(path.c_str());
 }
 
-TEST(WavefileMalformed, ZeroRateOpensWithZeroSeconds) {
+// The duration divides in floating point, so a rate of 0 gives an infinite
+// duration (and 0 frames over 0 Hz no number at all).
+TEST(WavefileMalformed, ZeroRateGivesAnUnboundedDuration) {
     std::string path = dsptest::wavefileTempPath("malformed_rate0.wav");
     Bytes fmt = dsptest::chunkBytes("fmt ", dsptest::pcmFormatBody(1, 0));
     dsptest::writeFileBytes(path, waveWith(join({fmt, kData})));
     void* h = initWavefileIn(path.c_str(), 16);
-    EXPECT_EQ(dsptest::wavefileSeconds(h), 0.0f);
+    EXPECT_EQ(dsptest::wavefileSeconds(h), std::numeric_limits<float>::infinity());
     EXPECT_EQ(timeSeekWavefileIn(h, 3.0f, 0), 44);
+    termWavefileIn(h);
+    dsptest::writeFileBytes(path, waveWith(join({fmt, dsptest::chunkBytes("data", {7})})));
+    h = initWavefileIn(path.c_str(), 16);
+    EXPECT_TRUE(std::isnan(dsptest::wavefileSeconds(h)));
     termWavefileIn(h);
     std::remove(path.c_str());
 }

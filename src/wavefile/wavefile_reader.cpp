@@ -14,8 +14,6 @@ namespace {
 constexpr uint32_t kFourccWave = makeFourcc('W', 'A', 'V', 'E');
 constexpr uint32_t kFourccFmt = makeFourcc('f', 'm', 't', ' ');
 constexpr uint32_t kFourccData = makeFourcc('d', 'a', 't', 'a');
-// A "fmt " body must reach at least the block-align field.
-constexpr uint32_t kMinFormatBytes = 14;
 
 // Zero-filled block of `bytes` (at least one byte, so that null always means
 // failure).
@@ -58,11 +56,11 @@ bool WavefileReader::openChecked(const char* path, uint32_t frames) {
         return false;
     }
     chunk.id = kFourccFmt;
-    if (!file.descend(chunk, &riffChunk, RiffFile::Search::kChunk) ||
-        chunk.size < kMinFormatBytes) {
+    if (!file.descend(chunk, &riffChunk, RiffFile::Search::kChunk)) {
         return false;
     }
-    // The whole body must be in the file; only its first 18 bytes are kept.
+    // The whole body must be in the file; only its first 18 bytes are kept,
+    // and a shorter body leaves the rest of the record 0.
     int64_t fileBytes = file.size();
     if (fileBytes < 0 || chunk.dataOffset + chunk.size > static_cast<uint64_t>(fileBytes)) {
         return false;
@@ -78,7 +76,7 @@ bool WavefileReader::openChecked(const char* path, uint32_t frames) {
     }
     format = decodeWaveFormat(body);
     uint32_t bytes = 0;
-    if (format.channels == 0 || !frameBytes(frames, bytes)) {
+    if (!frameBytes(frames, bytes)) {
         return false;
     }
     ownBuffer_ = allocateZeroed(bytes);
@@ -91,11 +89,16 @@ bool WavefileReader::openChecked(const char* path, uint32_t frames) {
     header.bytesRead = 0;
     header.reserved16 = 0;
     header.reserved20 = 0;
-    uint32_t dataFrames = header.dataBytes / (2u * format.channels);
-    header.seconds = format.samplesPerSecond == 0
-                         ? 0.0f
-                         : static_cast<float>(static_cast<double>(dataFrames) /
-                                              static_cast<double>(format.samplesPerSecond));
+    // Frames by integer division, then seconds by floating-point division
+    // (a rate of 0 gives infinity). Without channels there are no frames to
+    // count: the duration is reported as 0.
+    if (format.channels == 0) {
+        header.seconds = 0.0f;
+    } else {
+        uint32_t dataFrames = header.dataBytes / (2u * format.channels);
+        header.seconds = static_cast<float>(static_cast<double>(dataFrames) /
+                                            static_cast<double>(format.samplesPerSecond));
+    }
     return true;
 }
 
