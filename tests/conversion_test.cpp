@@ -359,8 +359,19 @@ TEST_P(VectorPathTest, ToFloatReturnsTheSameFrameCountAsPlain) {
     }
 }
 
-// The kernels over every 16-bit sample, in both channels and in every lane.
-TEST_P(VectorPathTest, ToFloatKernelsMatchTheModelForEverySample) {
+// Whole-range checks, shared by every path: every 16-bit sample in both
+// channels, and a sweep over the whole float range (every 4099th bit pattern:
+// all signs, exponents, NaNs and infinities) plus the values next to each
+// rounding tie. Block lengths are multiples of eight, so the vector paths
+// convert everything with their kernels.
+struct WholeRangeModels {
+    float (*toFloat)(int16_t);
+    float (*mix)(int16_t, int16_t);
+    int16_t (*toInt16)(float);
+    bool duplicateUsesToInt16; // false: duplication falls back to the plain rules
+};
+
+void checkToFloatOverEverySample(const WholeRangeModels& m) {
     constexpr uint32_t kAll = 65536;
     std::vector<int16_t> mono(kAll), stereo(2 * kAll);
     for (uint32_t i = 0; i < kAll; ++i) {
@@ -371,23 +382,20 @@ TEST_P(VectorPathTest, ToFloatKernelsMatchTheModelForEverySample) {
     AlignedFloats left(kAll), right(kAll);
     dsp::convertToFloat(mono.data(), kAll * 2, left.data(), nullptr, 1);
     for (uint32_t i = 0; i < kAll; ++i) {
-        ASSERT_EQ(left[i], modelKernelToFloat(mono[i])) << "mono " << mono[i];
+        ASSERT_EQ(left[i], m.toFloat(mono[i])) << "mono " << mono[i];
     }
     dsp::convertToFloat(stereo.data(), kAll * 4, left.data(), right.data(), 2);
     for (uint32_t i = 0; i < kAll; ++i) {
-        ASSERT_EQ(left[i], modelKernelToFloat(stereo[2 * i])) << "left " << stereo[2 * i];
-        ASSERT_EQ(right[i], modelKernelToFloat(stereo[2 * i + 1])) << "right " << stereo[2 * i + 1];
+        ASSERT_EQ(left[i], m.toFloat(stereo[2 * i])) << "left " << stereo[2 * i];
+        ASSERT_EQ(right[i], m.toFloat(stereo[2 * i + 1])) << "right " << stereo[2 * i + 1];
     }
     dsp::convertToFloat(stereo.data(), kAll * 4, left.data(), nullptr, 2);
     for (uint32_t i = 0; i < kAll; ++i) {
-        ASSERT_EQ(left[i], modelKernelMix(stereo[2 * i], stereo[2 * i + 1])) << "frame " << i;
+        ASSERT_EQ(left[i], m.mix(stereo[2 * i], stereo[2 * i + 1])) << "frame " << i;
     }
 }
 
-// A sweep over the whole float range (every 4099th bit pattern: all signs,
-// exponents, NaNs and infinities) plus the values next to each rounding tie.
-TEST_P(VectorPathTest, ToInt16KernelsMatchTheModelOverTheFloatRange) {
-    const PathCase& pc = GetParam();
+void checkToInt16OverTheFloatRange(const WholeRangeModels& m) {
     std::vector<float> values;
     for (uint64_t bits = 0; bits < (uint64_t(1) << 32); bits += 4099) {
         values.push_back(bitsToFloat(static_cast<uint32_t>(bits)));
@@ -405,24 +413,46 @@ TEST_P(VectorPathTest, ToInt16KernelsMatchTheModelOverTheFloatRange) {
         left[i] = values[i];
         right[i] = values[n - 1 - i];
     }
-    auto model = [&](float x) { return pc.amd3dnow ? model3dnowToInt16(x) : modelSseToInt16(x); };
     std::vector<int16_t> out(2 * n);
     dsp::convertToInt16(left.data(), nullptr, n, out.data(), 1);
     for (uint32_t i = 0; i < n; ++i) {
-        ASSERT_EQ(out[i], model(left[i])) << "mono " << left[i];
+        ASSERT_EQ(out[i], m.toInt16(left[i])) << "mono " << left[i];
     }
     dsp::convertToInt16(left.data(), right.data(), n, out.data(), 2);
     for (uint32_t i = 0; i < n; ++i) {
-        ASSERT_EQ(out[2 * i], model(left[i])) << "left " << left[i];
-        ASSERT_EQ(out[2 * i + 1], model(right[i])) << "right " << right[i];
+        ASSERT_EQ(out[2 * i], m.toInt16(left[i])) << "left " << left[i];
+        ASSERT_EQ(out[2 * i + 1], m.toInt16(right[i])) << "right " << right[i];
     }
-    if (pc.amd3dnow) { // only 3DNow! has a duplicating kernel
-        dsp::convertToInt16(left.data(), nullptr, n, out.data(), 2);
-        for (uint32_t i = 0; i < n; ++i) {
-            ASSERT_EQ(out[2 * i], model(left[i])) << "duplicate " << left[i];
-            ASSERT_EQ(out[2 * i + 1], out[2 * i]);
-        }
+    dsp::convertToInt16(left.data(), nullptr, n, out.data(), 2);
+    for (uint32_t i = 0; i < n; ++i) {
+        int16_t expected = m.duplicateUsesToInt16 ? m.toInt16(left[i]) : modelPlainToInt16(left[i]);
+        ASSERT_EQ(out[2 * i], expected) << "duplicate " << left[i];
+        ASSERT_EQ(out[2 * i + 1], expected);
     }
+}
+
+WholeRangeModels kernelModels(const PathCase& pc) {
+    return {modelKernelToFloat, modelKernelMix, pc.amd3dnow ? model3dnowToInt16 : modelSseToInt16,
+            pc.amd3dnow};
+}
+
+TEST_P(VectorPathTest, ToFloatKernelsMatchTheModelForEverySample) {
+    checkToFloatOverEverySample(kernelModels(GetParam()));
+}
+
+TEST_P(VectorPathTest, ToInt16KernelsMatchTheModelOverTheFloatRange) {
+    checkToInt16OverTheFloatRange(kernelModels(GetParam()));
+}
+
+TEST(PlainConversion, MatchesTheModelForEverySampleAndOverTheFloatRange) {
+    SimdGuard guard;
+    SimdGuard::set(false, false, false);
+    const WholeRangeModels plain{
+        [](int16_t s) { return modelPlainToFloat(s); },
+        [](int16_t l, int16_t r) { return modelPlainToFloat((l + r) >> 1); }, modelPlainToInt16,
+        true};
+    checkToFloatOverEverySample(plain);
+    checkToInt16OverTheFloatRange(plain);
 }
 
 INSTANTIATE_TEST_SUITE_P(Paths, VectorPathTest,

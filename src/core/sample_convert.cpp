@@ -259,17 +259,80 @@ void kernelDuplicateToInt16(const float* left, int16_t* dst, uint32_t frames) {
 }
 
 // ---- Plain rules over a range [from, to) ----
+//
+// The plain rules are double-precision arithmetic, which SSE2 does two
+// values at a time with the same IEEE operations (exact widening, one
+// multiply, one rounding to float or one truncation), so the vector forms
+// below give the very results of the scalar rules. They run whatever the
+// switches say; the switches choose between rules, not between instructions.
+
+#if DSP_HAVE_SSE2
+
+// Four int32 -> four floats by the plain rule: s * (1/32767) in double.
+inline __m128 plainVecToFloat(__m128i s) {
+    const __m128d scale = _mm_set1_pd(1.0 / 32767.0);
+    __m128 lo = _mm_cvtpd_ps(_mm_mul_pd(_mm_cvtepi32_pd(s), scale));
+    __m128 hi = _mm_cvtpd_ps(_mm_mul_pd(_mm_cvtepi32_pd(_mm_srli_si128(s, 8)), scale));
+    return _mm_movelh_ps(lo, hi);
+}
+
+// Four floats -> four int32 by the plain rule: clamp to [-1, 1] (NaN to 1),
+// times 32767 in double, truncated.
+inline __m128i plainVecToInt32(__m128 x) {
+    // minps yields its second operand for NaN, so NaN and values above 1
+    // become 1 before the lower bound is applied.
+    __m128 v = _mm_max_ps(_mm_min_ps(x, _mm_set1_ps(1.0f)), _mm_set1_ps(-1.0f));
+    const __m128d scale = _mm_set1_pd(32767.0);
+    __m128i lo = _mm_cvttpd_epi32(_mm_mul_pd(_mm_cvtps_pd(v), scale));
+    __m128i hi = _mm_cvttpd_epi32(_mm_mul_pd(_mm_cvtps_pd(_mm_movehl_ps(v, v)), scale));
+    return _mm_unpacklo_epi64(lo, hi);
+}
+
+inline __m128i loadFourSamples(const int16_t* src) {
+    __m128i x = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(src));
+    return _mm_srai_epi32(_mm_unpacklo_epi16(x, x), 16);
+}
+
+// Four frames -> four left and four right int32.
+inline void loadFourFrames(const int16_t* src, __m128i& l, __m128i& r) {
+    __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(src));
+    l = _mm_srai_epi32(_mm_slli_epi32(x, 16), 16);
+    r = _mm_srai_epi32(x, 16);
+}
+
+// Results lie within [-32767, 32767]: the saturating pack is exact.
+inline void storeFourSamples(int16_t* dst, __m128i v) {
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(dst), _mm_packs_epi32(v, v));
+}
+
+#endif // DSP_HAVE_SSE2
 
 void plainToFloat(const int16_t* src, float* left, float* right, uint32_t channels, uint32_t from,
                   uint32_t to) {
+    uint32_t i = from;
     if (channels == 2) {
         if (right != nullptr) {
-            for (uint32_t i = from; i < to; ++i) {
+#if DSP_HAVE_SSE2
+            for (; i + 4 <= to; i += 4) {
+                __m128i l, r;
+                loadFourFrames(src + 2 * i, l, r);
+                _mm_storeu_ps(left + i, plainVecToFloat(l));
+                _mm_storeu_ps(right + i, plainVecToFloat(r));
+            }
+#endif
+            for (; i < to; ++i) {
                 left[i] = convert::sampleToFloat(src[2 * i]);
                 right[i] = convert::sampleToFloat(src[2 * i + 1]);
             }
         } else {
-            for (uint32_t i = from; i < to; ++i) {
+#if DSP_HAVE_SSE2
+            for (; i + 4 <= to; i += 4) {
+                __m128i l, r;
+                loadFourFrames(src + 2 * i, l, r);
+                _mm_storeu_ps(left + i, plainVecToFloat(_mm_srai_epi32(_mm_add_epi32(l, r), 1)));
+            }
+#endif
+            for (; i < to; ++i) {
                 // Arithmetic shift: the halved sum rounds toward minus infinity.
                 int32_t sum =
                     static_cast<int32_t>(src[2 * i]) + static_cast<int32_t>(src[2 * i + 1]);
@@ -277,7 +340,12 @@ void plainToFloat(const int16_t* src, float* left, float* right, uint32_t channe
             }
         }
     } else {
-        for (uint32_t i = from; i < to; ++i) {
+#if DSP_HAVE_SSE2
+        for (; i + 4 <= to; i += 4) {
+            _mm_storeu_ps(left + i, plainVecToFloat(loadFourSamples(src + i)));
+        }
+#endif
+        for (; i < to; ++i) {
             left[i] = convert::sampleToFloat(src[i]);
         }
     }
@@ -285,21 +353,44 @@ void plainToFloat(const int16_t* src, float* left, float* right, uint32_t channe
 
 void plainToInt16(const float* left, const float* right, int16_t* dst, uint32_t channels,
                   uint32_t from, uint32_t to) {
+    uint32_t i = from;
     if (channels == 2) {
         if (right != nullptr) {
-            for (uint32_t i = from; i < to; ++i) {
+#if DSP_HAVE_SSE2
+            for (; i + 4 <= to; i += 4) {
+                __m128i l = plainVecToInt32(_mm_loadu_ps(left + i));
+                __m128i r = plainVecToInt32(_mm_loadu_ps(right + i));
+                __m128i lr = _mm_packs_epi32(l, r); // L0..L3 R0..R3
+                _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + 2 * i),
+                                 _mm_unpacklo_epi16(lr, _mm_srli_si128(lr, 8)));
+            }
+#endif
+            for (; i < to; ++i) {
                 dst[2 * i] = convert::floatToSample(left[i]);
                 dst[2 * i + 1] = convert::floatToSample(right[i]);
             }
         } else {
-            for (uint32_t i = from; i < to; ++i) {
+#if DSP_HAVE_SSE2
+            for (; i + 4 <= to; i += 4) {
+                __m128i l = plainVecToInt32(_mm_loadu_ps(left + i));
+                __m128i ll = _mm_packs_epi32(l, l);
+                _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + 2 * i),
+                                 _mm_unpacklo_epi16(ll, ll));
+            }
+#endif
+            for (; i < to; ++i) {
                 int16_t v = convert::floatToSample(left[i]);
                 dst[2 * i] = v;
                 dst[2 * i + 1] = v;
             }
         }
     } else {
-        for (uint32_t i = from; i < to; ++i) {
+#if DSP_HAVE_SSE2
+        for (; i + 4 <= to; i += 4) {
+            storeFourSamples(dst + i, plainVecToInt32(_mm_loadu_ps(left + i)));
+        }
+#endif
+        for (; i < to; ++i) {
             dst[i] = convert::floatToSample(left[i]);
         }
     }
