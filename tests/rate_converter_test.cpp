@@ -23,12 +23,13 @@ struct Setting {
     uint32_t interpolation;
 };
 
-std::vector<float> convertBlock(dsp::RateConverter& c, const std::vector<float>& in,
-                                size_t outRoom = 0) {
-    std::vector<float> out(outRoom != 0 ? outRoom : in.size() * 8 + 16, -7.0f);
+std::vector<float> convertBlock(dsp::RateConverter& c, const std::vector<float>& in) {
+    std::vector<float> out(in.size() * 8 + 16, -7.0f);
     uint32_t n = c.convert(in.data(), out.data(), static_cast<uint32_t>(in.size()));
-    // Nothing is written past the reported count.
-    for (size_t i = n; i < out.size(); ++i) {
+    // Nothing is written past the reported count, except that equal rates
+    // copy every source frame even where the count falls one short.
+    size_t written = c.direction == 0 ? std::max<size_t>(n, in.size()) : n;
+    for (size_t i = written; i < out.size(); ++i) {
         EXPECT_EQ(out[i], -7.0f) << "written past the count at " << i;
     }
     out.resize(n);
@@ -215,8 +216,10 @@ TEST(RateConverter, ConvertPairEqualsTwoSeparateConversions) {
                 EXPECT_EQ(std::vector<float>(outL.begin(), outL.begin() + produced), expectedL);
                 EXPECT_EQ(std::vector<float>(outR.begin(), outR.begin() + produced), expectedR)
                     << s.srcRate << "->" << s.dstRate << " filter " << int(filterOn) << " " << n;
-                EXPECT_EQ(outL[produced], -7.0f);
-                EXPECT_EQ(outR[produced], -7.0f);
+                // The equal-rate copy moves every source frame.
+                const size_t end = s.srcRate == s.dstRate ? n : produced;
+                EXPECT_EQ(outL[end], -7.0f);
+                EXPECT_EQ(outR[end], -7.0f);
             }
         }
     }
@@ -253,13 +256,27 @@ TEST(RateConverter, EqualRatesCopyTheBlockWithEitherCopyPath) {
         std::vector<float> part(in.begin(), in.begin() + 1021);
         EXPECT_EQ(convertBlock(c, part), part);
     }
-    // (15 / 44100) * 44100 evaluates just below 15: the count, and the copy,
-    // are one frame short.
+}
+
+// (15 / 44100) * 44100 evaluates just below 15, so the count is one frame
+// short; the copy still moves all 15 source frames. Only a full block of
+// such a length (whose output buffers hold dstFrames = 14 floats) is cut to
+// the count.
+TEST(RateConverter, EqualRatesCopyEveryFrameWhenTheCountFallsShort) {
+    std::vector<float> in = dsptest::noiseBlock(16, 12);
     dsp::RateConverter c;
-    c.setup(16, 44100, 44100, 0, 60.0f, 60.0f, 0, kRipple);
-    std::vector<float> fifteen(in.begin(), in.begin() + 15);
-    std::vector<float> out = convertBlock(c, fifteen, 16);
-    EXPECT_EQ(out, std::vector<float>(in.begin(), in.begin() + 14));
+    ASSERT_EQ(c.setup(16, 44100, 44100, 0, 60.0f, 60.0f, 0, kRipple), 16u);
+    std::vector<float> out(16, -7.0f);
+    EXPECT_EQ(c.convert(in.data(), out.data(), 15), 14u);
+    EXPECT_TRUE(std::equal(in.begin(), in.begin() + 15, out.begin()));
+    EXPECT_EQ(out[15], -7.0f);
+
+    dsp::RateConverter full;
+    ASSERT_EQ(full.setup(15, 44100, 44100, 0, 60.0f, 60.0f, 0, kRipple), 14u);
+    std::fill(out.begin(), out.end(), -7.0f);
+    EXPECT_EQ(full.convert(in.data(), out.data(), 15), 14u);
+    EXPECT_TRUE(std::equal(in.begin(), in.begin() + 14, out.begin()));
+    EXPECT_EQ(out[14], -7.0f);
 }
 
 // Blocks of 4096 frames cut the signal where the chunks do, so the filter,

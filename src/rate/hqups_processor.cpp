@@ -205,10 +205,10 @@ uint32_t HqupsProcessor::processChained(const float* inL, const float* inR, floa
         frames = inFrames;
     }
     const bool stereo = inChannels == 2;
-    const uint32_t n = converters[0].convert(inL, work[4], frames);
-    if (stereo) {
-        converters[1].convert(inR, work[5], frames);
-    }
+    // Both channels at once: their low-passes share the vector lanes.
+    const uint32_t n = stereo ? RateConverter::convertPair(converters[0], inL, work[4],
+                                                           converters[1], inR, work[5], frames)
+                              : converters[0].convert(inL, work[4], frames);
     if (n == 0) {
         return 0;
     }

@@ -146,9 +146,12 @@ uint32_t RateConverter::convert(const float* in, float* out, uint32_t frames) {
     const uint32_t total = truncToUint32(scaledCount(n, srcRate, dstRate));
 
     if (direction == 0) {
-        // The count is n except when (n / rate) * rate rounds below n; the
-        // copy never writes past the frames it reports.
-        copyBuffer(in, out, static_cast<size_t>(total) * sizeof(float));
+        // All n frames are copied, though the count is one short where
+        // (n / rate) * rate evaluates below n. Callers size the output for
+        // dstFrames, which is below n only for such a full block: that copy
+        // stops at dstFrames.
+        const uint32_t copied = n < dstFrames ? n : dstFrames;
+        copyBuffer(in, out, static_cast<size_t>(copied) * sizeof(float));
         return total;
     }
 
