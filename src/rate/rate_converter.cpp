@@ -236,8 +236,8 @@ uint32_t RateConverter::convertPair(RateConverter& left, const float* inL, float
         sourceL = left.scratch;
         sourceR = right.scratch;
     }
-    if (left.interpolation == 0 && right.interpolation == 0) {
-        left.interpolateLinearPair(sourceL, outL, sourceR, outR, n, total);
+    if ((left.interpolation == 0) == (right.interpolation == 0)) {
+        left.interpolatePair(right, sourceL, outL, sourceR, outR, n, total);
     } else {
         left.interpolate(sourceL, outL, n, total);
         right.interpolate(sourceR, outR, n, total);
@@ -248,8 +248,8 @@ uint32_t RateConverter::convertPair(RateConverter& left, const float* inL, float
     return total;
 }
 
-void RateConverter::interpolateLinearPair(const float* sourceL, float* outL, const float* sourceR,
-                                          float* outR, uint32_t n, uint32_t total) const {
+void RateConverter::interpolatePair(RateConverter& right, const float* sourceL, float* outL,
+                                    const float* sourceR, float* outR, uint32_t n, uint32_t total) {
     // The chunking of interpolate, shared by both channels.
     const double step = static_cast<double>(srcRate) / dstRate;
     const uint32_t perChunk = truncToUint32(scaledCount(kChunkFrames, srcRate, dstRate));
@@ -261,7 +261,11 @@ void RateConverter::interpolateLinearPair(const float* sourceL, float* outL, con
         if (chunkIn == remainingIn) {
             chunkOut = remainingOut;
         }
-        linearChunkPair(sourceL, outL, sourceR, outR, chunkIn, chunkOut, step);
+        if (interpolation == 0) {
+            linearChunkPair(sourceL, outL, sourceR, outR, chunkIn, chunkOut, step);
+        } else {
+            cubicChunkPair(right, sourceL, outL, sourceR, outR, chunkIn, chunkOut, step);
+        }
         sourceL += chunkIn;
         sourceR += chunkIn;
         outL += chunkOut;
@@ -348,8 +352,7 @@ void RateConverter::linearChunk(const float* src, uint32_t chunkIn, float* out, 
     out[chunkOut - 1] = src[chunkIn - 1];
 }
 
-void RateConverter::cubicChunk(const float* src, uint32_t chunkIn, float* out, uint32_t chunkOut,
-                               double step) {
+float* RateConverter::takeCubicChunk(const float* src, uint32_t chunkIn) {
     // history[k] holds source frame k - 3 of this chunk: the three samples
     // before it come from the end of the previous chunk (zeros after setup).
     float* h = history;
@@ -358,7 +361,52 @@ void RateConverter::cubicChunk(const float* src, uint32_t chunkIn, float* out, u
     h[2] = h[prevChunk + 2];
     prevChunk = chunkIn;
     std::memcpy(h + 3, src, static_cast<size_t>(chunkIn) * sizeof(float));
+    return h;
+}
 
+void RateConverter::cubicChunkPair(RateConverter& right, const float* srcL, float* outL,
+                                   const float* srcR, float* outR, uint32_t chunkIn,
+                                   uint32_t chunkOut, double step) {
+    // cubicChunk for two channels: the positions, and so the four weights,
+    // are the same for both.
+    const float* hL = takeCubicChunk(srcL, chunkIn);
+    const float* hR = right.takeCubicChunk(srcR, chunkIn);
+    if (chunkOut == 0) {
+        return;
+    }
+    const int32_t last = chunkIn > 1 ? static_cast<int32_t>(chunkIn) - 1 : 1;
+    const double lastPos = last;
+    double pos = 1.0;
+    uint32_t j = 0;
+    for (; j + 1 < chunkOut && pos < lastPos; ++j) {
+        const int32_t i = static_cast<int32_t>(pos);
+        const double d = pos - static_cast<double>(i);
+        const double w1 = cubicInner(std::fabs(d - 1.0));
+        const double w2 = cubicOuter(std::fabs(d - 2.0));
+        const double w0 = cubicInner(d);
+        const double w3 = cubicOuter(d + 1.0);
+        outL[j] = static_cast<float>(w1 * hL[i + 1] + w2 * hL[i + 2] + w0 * hL[i] + w3 * hL[i - 1]);
+        outR[j] = static_cast<float>(w1 * hR[i + 1] + w2 * hR[i + 2] + w0 * hR[i] + w3 * hR[i - 1]);
+        pos = pos + step;
+    }
+    for (; j + 1 < chunkOut; ++j) {
+        const int32_t i = pos < lastPos ? truncToInt32(pos) : last;
+        const double d = pos - std::trunc(pos);
+        const double w1 = cubicWeight(std::fabs(d - 1.0));
+        const double w2 = cubicWeight(std::fabs(d - 2.0));
+        const double w0 = cubicWeight(d);
+        const double w3 = cubicWeight(d + 1.0);
+        outL[j] = static_cast<float>(w1 * hL[i + 1] + w2 * hL[i + 2] + w0 * hL[i] + w3 * hL[i - 1]);
+        outR[j] = static_cast<float>(w1 * hR[i + 1] + w2 * hR[i + 2] + w0 * hR[i] + w3 * hR[i - 1]);
+        pos = pos + step;
+    }
+    outL[chunkOut - 1] = hL[chunkIn];
+    outR[chunkOut - 1] = hR[chunkIn];
+}
+
+void RateConverter::cubicChunk(const float* src, uint32_t chunkIn, float* out, uint32_t chunkOut,
+                               double step) {
+    const float* h = takeCubicChunk(src, chunkIn);
     if (chunkOut == 0) {
         return;
     }

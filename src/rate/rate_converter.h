@@ -77,12 +77,17 @@ private:
     void designFilter(float attenuationDb, float slopeDbPerOctave, float rippleDb);
     static void linearChunk(const float* src, uint32_t chunkIn, float* out, uint32_t chunkOut,
                             double step);
-    // interpolate with linear interpolation, for two channels at once.
-    void interpolateLinearPair(const float* sourceL, float* outL, const float* sourceR, float* outR,
-                               uint32_t n, uint32_t total) const;
+    // interpolate for two channels at once (this one left, `right` right),
+    // both linear or both cubic: the positions and weights serve both.
+    void interpolatePair(RateConverter& right, const float* sourceL, float* outL,
+                         const float* sourceR, float* outR, uint32_t n, uint32_t total);
     static void linearChunkPair(const float* srcL, float* outL, const float* srcR, float* outR,
                                 uint32_t chunkIn, uint32_t chunkOut, double step);
     void cubicChunk(const float* src, uint32_t chunkIn, float* out, uint32_t chunkOut, double step);
+    // Appends a chunk to the cubic history; returns the history.
+    float* takeCubicChunk(const float* src, uint32_t chunkIn);
+    void cubicChunkPair(RateConverter& right, const float* srcL, float* outL, const float* srcR,
+                        float* outR, uint32_t chunkIn, uint32_t chunkOut, double step);
 
     bool convertible_ = false;
 };
