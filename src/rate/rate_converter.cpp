@@ -275,6 +275,80 @@ void RateConverter::interpolatePair(RateConverter& right, const float* sourceL, 
     }
 }
 
+namespace {
+
+// The walk of the linear interpolation over one chunk: for every output
+// frame j but the last, the left source index i and the fraction f.
+template <typename Emit>
+void walkLinear(uint32_t chunkIn, uint32_t chunkOut, double step, Emit emit) {
+    const int32_t last = static_cast<int32_t>(chunkIn) - 2;
+    const double lastPos = last;
+    double pos = 0.0;
+    uint32_t j = 0;
+    // While the position is below the last pair it lies in [0, 2^31): its
+    // truncation is a plain conversion and equals floor(pos).
+    for (; j + 1 < chunkOut && pos < lastPos; ++j) {
+        const int32_t i = static_cast<int32_t>(pos);
+        emit(j, i, pos - static_cast<double>(i));
+        pos = pos + step;
+    }
+    for (; j + 1 < chunkOut; ++j) {
+        // The index stops at the last pair; the fraction stays the one of
+        // the unlimited position.
+        const int32_t i = pos < lastPos ? truncToInt32(pos) : last;
+        emit(j, i, pos - std::floor(pos));
+        pos = pos + step;
+    }
+}
+
+inline float linearAt(const float* src, int32_t i, double f) {
+    const double a = src[i];
+    const double b = src[i + 1];
+    return static_cast<float>(a + f * (b - a));
+}
+
+// The four weights of one cubic output: w[k] belongs to history[i - 1 + k].
+struct CubicWeights {
+    double w[4];
+};
+
+// The walk of the cubic interpolation over one chunk of the history: for
+// every output frame j but the last, the index i and the weights.
+template <typename Emit>
+void walkCubic(uint32_t chunkIn, uint32_t chunkOut, double step, Emit emit) {
+    const int32_t last = chunkIn > 1 ? static_cast<int32_t>(chunkIn) - 1 : 1;
+    const double lastPos = last;
+    double pos = 1.0;
+    uint32_t j = 0;
+    // Below the last index the position lies in [1, 2^31): a plain
+    // conversion truncates it, and the distances fall in the kernel's
+    // inner and outer pieces as written.
+    for (; j + 1 < chunkOut && pos < lastPos; ++j) {
+        const int32_t i = static_cast<int32_t>(pos);
+        const double d = pos - static_cast<double>(i);
+        emit(j, i,
+             CubicWeights{{cubicOuter(d + 1.0), cubicInner(d), cubicInner(std::fabs(d - 1.0)),
+                           cubicOuter(std::fabs(d - 2.0))}});
+        pos = pos + step;
+    }
+    for (; j + 1 < chunkOut; ++j) {
+        const int32_t i = pos < lastPos ? truncToInt32(pos) : last;
+        const double d = pos - std::trunc(pos);
+        emit(j, i,
+             CubicWeights{{cubicWeight(d + 1.0), cubicWeight(d), cubicWeight(std::fabs(d - 1.0)),
+                           cubicWeight(std::fabs(d - 2.0))}});
+        pos = pos + step;
+    }
+}
+
+// The sum in its fixed order: i + 1, i + 2, i, i - 1.
+inline float cubicAt(const float* h, int32_t i, const CubicWeights& c) {
+    return static_cast<float>(c.w[2] * h[i + 1] + c.w[3] * h[i + 2] + c.w[1] * h[i] +
+                              c.w[0] * h[i - 1]);
+}
+
+} // namespace
+
 void RateConverter::linearChunkPair(const float* srcL, float* outL, const float* srcR, float* outR,
                                     uint32_t chunkIn, uint32_t chunkOut, double step) {
     if (chunkIn == 1 || chunkOut == 0) {
@@ -282,34 +356,11 @@ void RateConverter::linearChunkPair(const float* srcL, float* outL, const float*
         linearChunk(srcR, chunkIn, outR, chunkOut, step);
         return;
     }
-    // linearChunk for two channels: the positions are the same for both, so
-    // one sum of steps serves them.
-    const int32_t last = static_cast<int32_t>(chunkIn) - 2;
-    const double lastPos = last;
-    double pos = 0.0;
-    uint32_t j = 0;
-    for (; j + 1 < chunkOut && pos < lastPos; ++j) {
-        const int32_t i = static_cast<int32_t>(pos);
-        const double f = pos - static_cast<double>(i);
-        const double aL = srcL[i];
-        const double bL = srcL[i + 1];
-        const double aR = srcR[i];
-        const double bR = srcR[i + 1];
-        outL[j] = static_cast<float>(aL + f * (bL - aL));
-        outR[j] = static_cast<float>(aR + f * (bR - aR));
-        pos = pos + step;
-    }
-    for (; j + 1 < chunkOut; ++j) {
-        const int32_t i = pos < lastPos ? truncToInt32(pos) : last;
-        const double f = pos - std::floor(pos);
-        const double aL = srcL[i];
-        const double bL = srcL[i + 1];
-        const double aR = srcR[i];
-        const double bR = srcR[i + 1];
-        outL[j] = static_cast<float>(aL + f * (bL - aL));
-        outR[j] = static_cast<float>(aR + f * (bR - aR));
-        pos = pos + step;
-    }
+    // The positions are the same for both channels: one walk serves them.
+    walkLinear(chunkIn, chunkOut, step, [&](uint32_t j, int32_t i, double f) {
+        outL[j] = linearAt(srcL, i, f);
+        outR[j] = linearAt(srcR, i, f);
+    });
     outL[chunkOut - 1] = srcL[chunkIn - 1];
     outR[chunkOut - 1] = srcR[chunkIn - 1];
 }
@@ -325,30 +376,8 @@ void RateConverter::linearChunk(const float* src, uint32_t chunkIn, float* out, 
         }
         return;
     }
-    const int32_t last = static_cast<int32_t>(chunkIn) - 2;
-    const double lastPos = last;
-    double pos = 0.0;
-    uint32_t j = 0;
-    // While the position is below the last pair it lies in [0, 2^31): its
-    // truncation is a plain conversion and equals floor(pos).
-    for (; j + 1 < chunkOut && pos < lastPos; ++j) {
-        const int32_t i = static_cast<int32_t>(pos);
-        const double f = pos - static_cast<double>(i);
-        const double a = src[i];
-        const double b = src[i + 1];
-        out[j] = static_cast<float>(a + f * (b - a));
-        pos = pos + step;
-    }
-    for (; j + 1 < chunkOut; ++j) {
-        // The index stops at the last pair; the fraction stays the one of
-        // the unlimited position.
-        const int32_t i = pos < lastPos ? truncToInt32(pos) : last;
-        const double f = pos - std::floor(pos);
-        const double a = src[i];
-        const double b = src[i + 1];
-        out[j] = static_cast<float>(a + f * (b - a));
-        pos = pos + step;
-    }
+    walkLinear(chunkIn, chunkOut, step,
+               [&](uint32_t j, int32_t i, double f) { out[j] = linearAt(src, i, f); });
     out[chunkOut - 1] = src[chunkIn - 1];
 }
 
@@ -367,39 +396,16 @@ float* RateConverter::takeCubicChunk(const float* src, uint32_t chunkIn) {
 void RateConverter::cubicChunkPair(RateConverter& right, const float* srcL, float* outL,
                                    const float* srcR, float* outR, uint32_t chunkIn,
                                    uint32_t chunkOut, double step) {
-    // cubicChunk for two channels: the positions, and so the four weights,
-    // are the same for both.
     const float* hL = takeCubicChunk(srcL, chunkIn);
     const float* hR = right.takeCubicChunk(srcR, chunkIn);
     if (chunkOut == 0) {
         return;
     }
-    const int32_t last = chunkIn > 1 ? static_cast<int32_t>(chunkIn) - 1 : 1;
-    const double lastPos = last;
-    double pos = 1.0;
-    uint32_t j = 0;
-    for (; j + 1 < chunkOut && pos < lastPos; ++j) {
-        const int32_t i = static_cast<int32_t>(pos);
-        const double d = pos - static_cast<double>(i);
-        const double w1 = cubicInner(std::fabs(d - 1.0));
-        const double w2 = cubicOuter(std::fabs(d - 2.0));
-        const double w0 = cubicInner(d);
-        const double w3 = cubicOuter(d + 1.0);
-        outL[j] = static_cast<float>(w1 * hL[i + 1] + w2 * hL[i + 2] + w0 * hL[i] + w3 * hL[i - 1]);
-        outR[j] = static_cast<float>(w1 * hR[i + 1] + w2 * hR[i + 2] + w0 * hR[i] + w3 * hR[i - 1]);
-        pos = pos + step;
-    }
-    for (; j + 1 < chunkOut; ++j) {
-        const int32_t i = pos < lastPos ? truncToInt32(pos) : last;
-        const double d = pos - std::trunc(pos);
-        const double w1 = cubicWeight(std::fabs(d - 1.0));
-        const double w2 = cubicWeight(std::fabs(d - 2.0));
-        const double w0 = cubicWeight(d);
-        const double w3 = cubicWeight(d + 1.0);
-        outL[j] = static_cast<float>(w1 * hL[i + 1] + w2 * hL[i + 2] + w0 * hL[i] + w3 * hL[i - 1]);
-        outR[j] = static_cast<float>(w1 * hR[i + 1] + w2 * hR[i + 2] + w0 * hR[i] + w3 * hR[i - 1]);
-        pos = pos + step;
-    }
+    // The positions, and so the weights, are the same for both channels.
+    walkCubic(chunkIn, chunkOut, step, [&](uint32_t j, int32_t i, const CubicWeights& c) {
+        outL[j] = cubicAt(hL, i, c);
+        outR[j] = cubicAt(hR, i, c);
+    });
     outL[chunkOut - 1] = hL[chunkIn];
     outR[chunkOut - 1] = hR[chunkIn];
 }
@@ -410,30 +416,8 @@ void RateConverter::cubicChunk(const float* src, uint32_t chunkIn, float* out, u
     if (chunkOut == 0) {
         return;
     }
-    const int32_t last = chunkIn > 1 ? static_cast<int32_t>(chunkIn) - 1 : 1;
-    const double lastPos = last;
-    double pos = 1.0;
-    uint32_t j = 0;
-    // Below the last index the position lies in [1, 2^31): a plain
-    // conversion truncates it.
-    for (; j + 1 < chunkOut && pos < lastPos; ++j) {
-        const int32_t i = static_cast<int32_t>(pos);
-        const double d = pos - static_cast<double>(i);
-        const double sum = cubicInner(std::fabs(d - 1.0)) * h[i + 1] +
-                           cubicOuter(std::fabs(d - 2.0)) * h[i + 2] + cubicInner(d) * h[i] +
-                           cubicOuter(d + 1.0) * h[i - 1];
-        out[j] = static_cast<float>(sum);
-        pos = pos + step;
-    }
-    for (; j + 1 < chunkOut; ++j) {
-        const int32_t i = pos < lastPos ? truncToInt32(pos) : last;
-        const double d = pos - std::trunc(pos);
-        const double sum = cubicWeight(std::fabs(d - 1.0)) * h[i + 1] +
-                           cubicWeight(std::fabs(d - 2.0)) * h[i + 2] + cubicWeight(d) * h[i] +
-                           cubicWeight(d + 1.0) * h[i - 1];
-        out[j] = static_cast<float>(sum);
-        pos = pos + step;
-    }
+    walkCubic(chunkIn, chunkOut, step,
+              [&](uint32_t j, int32_t i, const CubicWeights& c) { out[j] = cubicAt(h, i, c); });
     out[chunkOut - 1] = h[chunkIn];
 }
 
