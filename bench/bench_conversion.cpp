@@ -21,24 +21,29 @@ namespace {
 
 constexpr uint32_t kFrames = 4096;
 
-struct Buffers {
-    std::vector<int16_t> interleaved = std::vector<int16_t>(2 * kFrames);
-    float* left;
-    float* right;
-    Buffers() {
-        left = static_cast<float*>(aligned_alloc(16, kFrames * sizeof(float)));
-        right = static_cast<float*>(aligned_alloc(16, kFrames * sizeof(float)));
-        for (uint32_t i = 0; i < 2 * kFrames; ++i) {
-            interleaved[i] = static_cast<int16_t>((i * 7919) % 65536 - 32768);
-        }
+// The float work buffers of one block, 16-byte aligned as the pool gives them.
+struct WorkBuffers {
+    float* left = static_cast<float*>(aligned_alloc(16, kFrames * sizeof(float)));
+    float* right = static_cast<float*>(aligned_alloc(16, kFrames * sizeof(float)));
+    WorkBuffers() {
         for (uint32_t i = 0; i < kFrames; ++i) {
             left[i] = static_cast<float>(i % 200) / 100.0f - 1.0f;
             right[i] = -left[i];
         }
     }
-    ~Buffers() {
+    ~WorkBuffers() {
         free(left);
         free(right);
+    }
+};
+
+// One interleaved block and its work buffers.
+struct Buffers : WorkBuffers {
+    std::vector<int16_t> interleaved = std::vector<int16_t>(2 * kFrames);
+    Buffers() {
+        for (uint32_t i = 0; i < 2 * kFrames; ++i) {
+            interleaved[i] = static_cast<int16_t>((i * 7919) % 65536 - 32768);
+        }
     }
 };
 
@@ -110,22 +115,6 @@ void BM_MemcpyStereoBlock(benchmark::State& state) {
 }
 
 // ---- Streaming over 60 s ----
-
-// The float work buffers of one block, 16-byte aligned as the pool gives them.
-struct WorkBuffers {
-    float* left = static_cast<float*>(aligned_alloc(16, kFrames * sizeof(float)));
-    float* right = static_cast<float*>(aligned_alloc(16, kFrames * sizeof(float)));
-    WorkBuffers() {
-        for (uint32_t i = 0; i < kFrames; ++i) {
-            left[i] = static_cast<float>(i % 200) / 100.0f - 1.0f;
-            right[i] = -left[i];
-        }
-    }
-    ~WorkBuffers() {
-        free(left);
-        free(right);
-    }
-};
 
 constexpr size_t kStreamSamples = static_cast<size_t>(peerbench::kFrames) * 2;
 
