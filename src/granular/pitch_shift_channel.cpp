@@ -170,7 +170,7 @@ void PitchShiftChannel::process(const float* in, float* out, uint32_t frames) {
     }
     while (frames > 0) {
         uint32_t block = frames < granular::kMaxChunkFrames ? frames : granular::kMaxChunkFrames;
-        processBlock(in, out, block);
+        processBlock(in, out, block, frames);
         in += block;
         out += block;
         frames -= block;
@@ -232,17 +232,6 @@ void PitchShiftChannel::spawnGrain(int32_t start) {
     }
 }
 
-float PitchShiftChannel::sampleAt(int32_t k, const float* in, uint32_t frames) const {
-    if (k >= 0) {
-        // A read point never passes the current sample; the bound only keeps
-        // a rounding accident at the block end inside the block.
-        uint32_t index = static_cast<uint32_t>(k);
-        return in[index < frames ? index : frames - 1];
-    }
-    uint32_t m = static_cast<uint32_t>(-static_cast<int64_t>(k));
-    return granular::pastSample(ring, writeIndex, span, m);
-}
-
 void PitchShiftChannel::fillLine(const float* in, uint32_t frames) {
     // x[-m] = ring[(writeIndex + m - 1) mod span] lands at line_[span - m]:
     // walking m down from span, the ring index walks down by one and wraps.
@@ -275,8 +264,8 @@ void PitchShiftChannel::ageGrains(uint32_t len) {
     }
 }
 
-void PitchShiftChannel::runPiece(const float* in, float* out, uint32_t frames, uint32_t n0,
-                                 uint32_t len) {
+void PitchShiftChannel::runPiece(const float* in, float* out, uint32_t frames, uint32_t available,
+                                 uint32_t n0, uint32_t len) {
     double acc[kPieceFrames];
     double wsum[kPieceFrames];
     for (uint32_t j = 0; j < len; ++j) {
@@ -384,15 +373,18 @@ void PitchShiftChannel::runPiece(const float* in, float* out, uint32_t frames, u
                     v = weighted(p - static_cast<double>(ip), x[-3], x[-2], x[-1], x[0]);
                 }
             } else {
-                // Taps beyond the history or past the block end (and
+                // Taps beyond the history or past the chunk end (and
                 // positions outside the int32 range) take the general path.
                 double t = p - static_cast<double>(ip);
-                v = cubicWeight(std::fabs(1.0 + t)) *
-                        static_cast<double>(sampleAt(ip - 3, in, frames)) +
-                    cubicWeight(std::fabs(t)) * static_cast<double>(sampleAt(ip - 2, in, frames)) +
-                    cubicWeight(std::fabs(t - 1.0)) *
-                        static_cast<double>(sampleAt(ip - 1, in, frames)) +
-                    cubicWeight(std::fabs(t - 2.0)) * static_cast<double>(sampleAt(ip, in, frames));
+                auto x = [&](int64_t k) {
+                    return static_cast<double>(
+                        granular::sampleAt(k, in, available, ring, writeIndex, span));
+                };
+                const int64_t i = ip;
+                v = cubicWeight(std::fabs(1.0 + t)) * x(i - 3) +
+                    cubicWeight(std::fabs(t)) * x(i - 2) +
+                    cubicWeight(std::fabs(t - 1.0)) * x(i - 1) +
+                    cubicWeight(std::fabs(t - 2.0)) * x(i);
             }
             double weight = static_cast<double>(window[age]);
             acc[j] += v * weight;
@@ -445,7 +437,8 @@ void PitchShiftChannel::prepareWeights() {
     weightRatio_ = ratio;
 }
 
-void PitchShiftChannel::processBlock(const float* in, float* out, uint32_t frames) {
+void PitchShiftChannel::processBlock(const float* in, float* out, uint32_t frames,
+                                     uint32_t available) {
     const bool passThrough = bypass != 0;
     if (!passThrough) {
         if (line_ != nullptr && static_cast<uint64_t>(span) + frames <= lineCapacity_) {
@@ -481,7 +474,7 @@ void PitchShiftChannel::processBlock(const float* in, float* out, uint32_t frame
             ageGrains(len);
             std::memmove(out + n0, in + n0, static_cast<size_t>(len) * sizeof(float));
         } else {
-            runPiece(in, out, frames, n0, len);
+            runPiece(in, out, frames, available, n0, len);
         }
         n0 += len;
     }

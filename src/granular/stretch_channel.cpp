@@ -169,7 +169,7 @@ uint32_t StretchChannel::process(const float* in, float* out, uint32_t frames) {
     uint32_t written = 0;
     while (frames > 0) {
         uint32_t block = frames < granular::kMaxChunkFrames ? frames : granular::kMaxChunkFrames;
-        written += processBlock(in, out + written, block);
+        written += processBlock(in, out + written, block, frames);
         in += block;
         frames -= block;
     }
@@ -192,18 +192,8 @@ void StretchChannel::spawnGrain(uint32_t outIndex) {
     }
 }
 
-float StretchChannel::sampleAt(int32_t k, const float* in, uint32_t frames) const {
-    if (k >= 0) {
-        // No grain reads past the input position of the current output frame;
-        // the bound only keeps a rounding accident inside the block.
-        uint32_t index = static_cast<uint32_t>(k);
-        return in[index < frames ? index : frames - 1];
-    }
-    uint32_t m = static_cast<uint32_t>(-static_cast<int64_t>(k));
-    return granular::pastSample(ring, writeIndex, span, m);
-}
-
-uint32_t StretchChannel::processBlock(const float* in, float* out, uint32_t frames) {
+uint32_t StretchChannel::processBlock(const float* in, float* out, uint32_t frames,
+                                      uint32_t available) {
     uint32_t produced;
     if (bypass != 0) {
         for (uint32_t j = 0; j < frames; ++j) {
@@ -238,7 +228,9 @@ uint32_t StretchChannel::processBlock(const float* in, float* out, uint32_t fram
                 if (g.active == 0) {
                     continue;
                 }
-                double v = static_cast<double>(sampleAt(g.start + g.age, in, frames));
+                const int64_t p = static_cast<int64_t>(g.start) + g.age;
+                double v = static_cast<double>(
+                    granular::sampleAt(p, in, available, ring, writeIndex, span));
                 double weight = static_cast<double>(g.window[g.age]);
                 acc += v * weight;
                 wsum += weight;
