@@ -82,4 +82,19 @@ TEST(GranularReview, StretchReadsAheadIntoTheNextChunkOfTheSameCall) {
     termStretch(p);
 }
 
+// getStretchDstSize scales any count by the pending factor: an odd byte
+// count of a stereo stream gives a size that is no whole number of frames,
+// while doStretch of that many bytes converts whole frames only.
+TEST(GranularReview, StretchDstSizeOfAnOddByteCountIsAnEstimate) {
+    void* h = initStretch(1000, 2, kRate, 1000.0f, 0.0f, 0.05f, 0.01f); // factor 0.5
+    ASSERT_NE(h, nullptr);
+    EXPECT_EQ(getStretchDstSize(h, 4003), 2001u); // trunc(4003 x 0.5)
+    EXPECT_EQ(getStretchDstSize(h, 1), 0u);
+    std::vector<int16_t> src(2002, 100), dst(2000, 0);
+    EXPECT_EQ(doStretch(h, src.data(), dst.data(), 4003), 2000u); // 1000 frames -> 500
+    setStretchScale(h, -1500.0f);                                 // factor 2^1.5
+    EXPECT_EQ(getStretchDstSize(h, 4003), 11322u);                // trunc(4003 x 2.8284271...)
+    EXPECT_EQ(termStretch(h), 1u);
+}
+
 } // namespace
