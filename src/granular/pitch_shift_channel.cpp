@@ -31,106 +31,58 @@ PitchShiftChannel::~PitchShiftChannel() {
 
 bool PitchShiftChannel::setup(uint32_t sampleRate, float cents, float levelDb, float grainSeconds,
                               float spacingSeconds) {
-    float newRate = static_cast<float>(sampleRate);
-    uint32_t newLength = 0;
-    if (sampleRate == 0 || !granular::grainLengthFor(newRate, grainSeconds, &newLength)) {
+    granular::GrainGeometry geometry;
+    if (!granular::grainGeometryFor(sampleRate, grainSeconds, spacingSeconds, &geometry)) {
         return false;
     }
-    uint32_t newSpacing = granular::spacingFor(newRate, spacingSeconds);
-    uint32_t newCount = newLength / newSpacing;
-
-    // Allocate everything first, so a failure leaves the running engine intact.
-    uint32_t ringSize = 2 * newLength + 3;
-    float* newRing = nullptr;
-    float* newWindow = nullptr;
-    Grain* newGrains = nullptr;
-    double* newLine = nullptr;
+    const uint32_t newLength = geometry.length;
+    const uint32_t ringSize = 2 * newLength + 3;
     // The span never exceeds the ring size, and a chunk holds at most
     // kMaxChunkFrames samples.
-    uint32_t lineSize = ringSize + granular::kMaxChunkFrames;
-    bool fastPaths = newLength <= kMaxFastPathLength;
-    bool growLine = fastPaths && (line_ == nullptr || lineSize > lineCapacity_);
-    bool growWeights = fastPaths && (weights_ == nullptr || newLength > weightCapacity_);
-    double* newWeights = nullptr;
-    bool growRing = ring == nullptr || ringSize > ringCapacity_;
-    bool growWindow = window == nullptr || newLength > windowCapacity_;
-    bool growGrains = grains == nullptr || newCount > grainCapacity_;
-    if (growRing) {
-        newRing = granular::allocateArray<float>(ringSize);
-    }
-    if (growWindow) {
-        newWindow = granular::allocateArray<float>(newLength);
-    }
-    if (growGrains) {
-        newGrains = granular::allocateArray<Grain>(newCount);
-    }
-    if (growLine) {
-        newLine = granular::allocateArray<double>(lineSize);
-    }
-    if (growWeights) {
-        newWeights = granular::allocateArray<double>(static_cast<size_t>(newLength) * 8);
-    }
-    if ((growRing && newRing == nullptr) || (growWindow && newWindow == nullptr) ||
-        (growGrains && newGrains == nullptr) || (growLine && newLine == nullptr) ||
-        (growWeights && newWeights == nullptr)) {
-        delete[] newRing;
-        delete[] newWindow;
-        delete[] newGrains;
-        delete[] newLine;
-        delete[] newWeights;
+    const uint32_t lineSize = ringSize + granular::kMaxChunkFrames;
+    const bool fastPaths = newLength <= kMaxFastPathLength;
+
+    // Allocate everything first, so a failure leaves the running engine intact.
+    granular::ArrayGrowth<float> newRing, newWindow;
+    granular::ArrayGrowth<Grain> newGrains;
+    granular::ArrayGrowth<double> newLine, newWeights;
+    if (!newRing.prepare(ring == nullptr || ringSize > ringCapacity_, ringSize) ||
+        !newWindow.prepare(window == nullptr || newLength > windowCapacity_, newLength) ||
+        !newGrains.prepare(grains == nullptr || geometry.count > grainCapacity_, geometry.count) ||
+        !newLine.prepare(fastPaths && (line_ == nullptr || lineSize > lineCapacity_), lineSize) ||
+        !newWeights.prepare(fastPaths && (weights_ == nullptr || newLength > weightCapacity_),
+                            static_cast<size_t>(newLength) * 8)) {
         return false;
     }
-    if (newWeights != nullptr) {
-        delete[] weights_;
-        weights_ = newWeights;
+    if (newWeights.install(weights_)) {
         weightCapacity_ = newLength;
     }
     weightAges_ = 0; // refilled for the new length and ratio
-    if (newLine != nullptr) {
-        delete[] line_;
-        line_ = newLine;
+    if (newLine.install(line_)) {
         lineCapacity_ = lineSize;
     }
-    if (newRing != nullptr) {
-        delete[] ring;
-        ring = newRing;
+    if (newRing.install(ring)) {
         ringCapacity_ = ringSize;
     }
-    if (newWindow != nullptr) {
-        delete[] window;
-        window = newWindow;
+    if (newWindow.install(window)) {
         windowCapacity_ = newLength;
     }
-    if (newGrains != nullptr) {
-        delete[] grains;
-        grains = newGrains;
-        grainCapacity_ = newCount;
+    if (newGrains.install(grains)) {
+        grainCapacity_ = geometry.count;
     }
 
-    rate = newRate;
+    rate = geometry.rate;
     grainLength = newLength;
     setPitch(cents); // uses the new grain length
-    spacing = newSpacing;
-    grainCount = newCount;
+    spacing = geometry.spacing;
+    grainCount = geometry.count;
     outLevel = granular::levelFromDb(levelDb);
 
-    for (uint32_t i = 0; i < ringSize; ++i) {
-        ring[i] = 0.0f;
-    }
-    granular::fillGaussianWindow(window, grainLength);
-
-    // Staggered grains, as if the engine had been running on silence.
-    int32_t back =
-        pitchCents < 0.0f ? static_cast<int32_t>(grainLength) : static_cast<int32_t>(spanPending);
-    for (uint32_t k = 0; k < grainCount; ++k) {
-        int32_t elapsed = static_cast<int32_t>((k + 1) * spacing);
-        Grain& g = grains[k];
-        g.active = 1;
-        g.start = elapsed - back;
-        g.age = static_cast<int32_t>(grainLength) - elapsed;
-        g.window = window;
-        g.length = static_cast<int32_t>(grainLength);
-    }
+    // Reach back: the grain length for pitch down (each record reads from
+    // the sample it began on), the pending span otherwise.
+    const int64_t back =
+        pitchCents < 0.0f ? static_cast<int64_t>(grainLength) : static_cast<int64_t>(spanPending);
+    granular::resetGrains(ring, ringSize, window, grains, geometry, spacing, back);
 
     writeIndex = 0;
     spawnPhase = 0;
