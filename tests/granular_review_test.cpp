@@ -1,12 +1,14 @@
 // Cases of the granular engines that the per-area suites left open: reads
 // that run ahead across the 32768-frame inner chunks of one long call.
 #include "dsp.h"
+#include "granular/grain_setup.h"
 #include "granular/pitch_shift_processor.h"
 #include "granular/stretch_processor.h"
 #include "support/granular_model.h"
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <vector>
 
 namespace {
@@ -95,6 +97,30 @@ TEST(GranularReview, StretchDstSizeOfAnOddByteCountIsAnEstimate) {
     setStretchScale(h, -1500.0f);                                 // factor 2^1.5
     EXPECT_EQ(getStretchDstSize(h, 4003), 11322u);                // trunc(4003 x 2.8284271...)
     EXPECT_EQ(termStretch(h), 1u);
+}
+
+// A setup prepares every larger array before it installs any: a failed
+// preparation leaves the held array alone, and only a prepared array replaces
+// the held one.
+TEST(GranularReview, ArrayGrowthReplacesTheHeldArrayOnlyWhenPrepared) {
+    float* held = new float[2]{1.0f, 2.0f};
+    {
+        dsp::granular::ArrayGrowth<float> none;
+        EXPECT_TRUE(none.prepare(false, 8));
+        EXPECT_FALSE(none.install(held));
+        dsp::granular::ArrayGrowth<float> huge;
+        EXPECT_FALSE(huge.prepare(true, SIZE_MAX));
+        EXPECT_FALSE(huge.install(held));
+        EXPECT_EQ(held[1], 2.0f);
+    }
+    dsp::granular::ArrayGrowth<float> larger;
+    ASSERT_TRUE(larger.prepare(true, 8));
+    float* before = held;
+    EXPECT_TRUE(larger.install(held));
+    EXPECT_NE(held, before);
+    EXPECT_FALSE(larger.install(held)); // installed once
+    held[7] = 3.0f;                     // room for all eight
+    delete[] held;
 }
 
 } // namespace
