@@ -12,6 +12,19 @@ inline float pastSample(const float* ring, uint32_t writeIndex, uint32_t span, u
     return ring[(static_cast<uint64_t>(writeIndex) + m - 1) % span];
 }
 
+// x[k] of the current chunk: the history for k < 0, in[k] for k >= 0. A
+// chunk is followed by the rest of the caller's block, so in[k] past the
+// chunk is a later input sample; only a read past the block's `available`
+// samples (possible right after a change of setting, when a grain started
+// under the old one reads ahead) has no sample and takes the last one.
+inline float sampleAt(int64_t k, const float* in, uint32_t available, const float* ring,
+                      uint32_t writeIndex, uint32_t span) {
+    if (k >= 0) {
+        return in[k < available ? k : available - 1];
+    }
+    return pastSample(ring, writeIndex, span, static_cast<uint32_t>(-k));
+}
+
 // Appends the block `in` of `frames` samples with the modulus `span`. When the
 // block is at least as long as the history, only its last `span` samples are
 // kept and writeIndex stays where it is.

@@ -31,106 +31,58 @@ PitchShiftChannel::~PitchShiftChannel() {
 
 bool PitchShiftChannel::setup(uint32_t sampleRate, float cents, float levelDb, float grainSeconds,
                               float spacingSeconds) {
-    float newRate = static_cast<float>(sampleRate);
-    uint32_t newLength = 0;
-    if (sampleRate == 0 || !granular::grainLengthFor(newRate, grainSeconds, &newLength)) {
+    granular::GrainGeometry geometry;
+    if (!granular::grainGeometryFor(sampleRate, grainSeconds, spacingSeconds, &geometry)) {
         return false;
     }
-    uint32_t newSpacing = granular::spacingFor(newRate, spacingSeconds);
-    uint32_t newCount = newLength / newSpacing;
-
-    // Allocate everything first, so a failure leaves the running engine intact.
-    uint32_t ringSize = 2 * newLength + 3;
-    float* newRing = nullptr;
-    float* newWindow = nullptr;
-    Grain* newGrains = nullptr;
-    double* newLine = nullptr;
+    const uint32_t newLength = geometry.length;
+    const uint32_t ringSize = 2 * newLength + 3;
     // The span never exceeds the ring size, and a chunk holds at most
     // kMaxChunkFrames samples.
-    uint32_t lineSize = ringSize + granular::kMaxChunkFrames;
-    bool fastPaths = newLength <= kMaxFastPathLength;
-    bool growLine = fastPaths && (line_ == nullptr || lineSize > lineCapacity_);
-    bool growWeights = fastPaths && (weights_ == nullptr || newLength > weightCapacity_);
-    double* newWeights = nullptr;
-    bool growRing = ring == nullptr || ringSize > ringCapacity_;
-    bool growWindow = window == nullptr || newLength > windowCapacity_;
-    bool growGrains = grains == nullptr || newCount > grainCapacity_;
-    if (growRing) {
-        newRing = granular::allocateArray<float>(ringSize);
-    }
-    if (growWindow) {
-        newWindow = granular::allocateArray<float>(newLength);
-    }
-    if (growGrains) {
-        newGrains = granular::allocateArray<Grain>(newCount);
-    }
-    if (growLine) {
-        newLine = granular::allocateArray<double>(lineSize);
-    }
-    if (growWeights) {
-        newWeights = granular::allocateArray<double>(static_cast<size_t>(newLength) * 8);
-    }
-    if ((growRing && newRing == nullptr) || (growWindow && newWindow == nullptr) ||
-        (growGrains && newGrains == nullptr) || (growLine && newLine == nullptr) ||
-        (growWeights && newWeights == nullptr)) {
-        delete[] newRing;
-        delete[] newWindow;
-        delete[] newGrains;
-        delete[] newLine;
-        delete[] newWeights;
+    const uint32_t lineSize = ringSize + granular::kMaxChunkFrames;
+    const bool fastPaths = newLength <= kMaxFastPathLength;
+
+    // Allocate everything first, so a failure leaves the running engine intact.
+    granular::ArrayGrowth<float> newRing, newWindow;
+    granular::ArrayGrowth<Grain> newGrains;
+    granular::ArrayGrowth<double> newLine, newWeights;
+    if (!newRing.prepare(ring == nullptr || ringSize > ringCapacity_, ringSize) ||
+        !newWindow.prepare(window == nullptr || newLength > windowCapacity_, newLength) ||
+        !newGrains.prepare(grains == nullptr || geometry.count > grainCapacity_, geometry.count) ||
+        !newLine.prepare(fastPaths && (line_ == nullptr || lineSize > lineCapacity_), lineSize) ||
+        !newWeights.prepare(fastPaths && (weights_ == nullptr || newLength > weightCapacity_),
+                            static_cast<size_t>(newLength) * 8)) {
         return false;
     }
-    if (newWeights != nullptr) {
-        delete[] weights_;
-        weights_ = newWeights;
+    if (newWeights.install(weights_)) {
         weightCapacity_ = newLength;
     }
     weightAges_ = 0; // refilled for the new length and ratio
-    if (newLine != nullptr) {
-        delete[] line_;
-        line_ = newLine;
+    if (newLine.install(line_)) {
         lineCapacity_ = lineSize;
     }
-    if (newRing != nullptr) {
-        delete[] ring;
-        ring = newRing;
+    if (newRing.install(ring)) {
         ringCapacity_ = ringSize;
     }
-    if (newWindow != nullptr) {
-        delete[] window;
-        window = newWindow;
+    if (newWindow.install(window)) {
         windowCapacity_ = newLength;
     }
-    if (newGrains != nullptr) {
-        delete[] grains;
-        grains = newGrains;
-        grainCapacity_ = newCount;
+    if (newGrains.install(grains)) {
+        grainCapacity_ = geometry.count;
     }
 
-    rate = newRate;
+    rate = geometry.rate;
     grainLength = newLength;
     setPitch(cents); // uses the new grain length
-    spacing = newSpacing;
-    grainCount = newCount;
+    spacing = geometry.spacing;
+    grainCount = geometry.count;
     outLevel = granular::levelFromDb(levelDb);
 
-    for (uint32_t i = 0; i < ringSize; ++i) {
-        ring[i] = 0.0f;
-    }
-    granular::fillGaussianWindow(window, grainLength);
-
-    // Staggered grains, as if the engine had been running on silence.
-    int32_t back =
-        pitchCents < 0.0f ? static_cast<int32_t>(grainLength) : static_cast<int32_t>(spanPending);
-    for (uint32_t k = 0; k < grainCount; ++k) {
-        int32_t elapsed = static_cast<int32_t>((k + 1) * spacing);
-        Grain& g = grains[k];
-        g.active = 1;
-        g.start = elapsed - back;
-        g.age = static_cast<int32_t>(grainLength) - elapsed;
-        g.window = window;
-        g.length = static_cast<int32_t>(grainLength);
-    }
+    // Reach back: the grain length for pitch down (each record reads from
+    // the sample it began on), the pending span otherwise.
+    const int64_t back =
+        pitchCents < 0.0f ? static_cast<int64_t>(grainLength) : static_cast<int64_t>(spanPending);
+    granular::resetGrains(ring, ringSize, window, grains, geometry, spacing, back);
 
     writeIndex = 0;
     spawnPhase = 0;
@@ -170,7 +122,7 @@ void PitchShiftChannel::process(const float* in, float* out, uint32_t frames) {
     }
     while (frames > 0) {
         uint32_t block = frames < granular::kMaxChunkFrames ? frames : granular::kMaxChunkFrames;
-        processBlock(in, out, block);
+        processBlock(in, out, block, frames);
         in += block;
         out += block;
         frames -= block;
@@ -232,17 +184,6 @@ void PitchShiftChannel::spawnGrain(int32_t start) {
     }
 }
 
-float PitchShiftChannel::sampleAt(int32_t k, const float* in, uint32_t frames) const {
-    if (k >= 0) {
-        // A read point never passes the current sample; the bound only keeps
-        // a rounding accident at the block end inside the block.
-        uint32_t index = static_cast<uint32_t>(k);
-        return in[index < frames ? index : frames - 1];
-    }
-    uint32_t m = static_cast<uint32_t>(-static_cast<int64_t>(k));
-    return granular::pastSample(ring, writeIndex, span, m);
-}
-
 void PitchShiftChannel::fillLine(const float* in, uint32_t frames) {
     // x[-m] = ring[(writeIndex + m - 1) mod span] lands at line_[span - m]:
     // walking m down from span, the ring index walks down by one and wraps.
@@ -275,8 +216,8 @@ void PitchShiftChannel::ageGrains(uint32_t len) {
     }
 }
 
-void PitchShiftChannel::runPiece(const float* in, float* out, uint32_t frames, uint32_t n0,
-                                 uint32_t len) {
+void PitchShiftChannel::runPiece(const float* in, float* out, uint32_t frames, uint32_t available,
+                                 uint32_t n0, uint32_t len) {
     double acc[kPieceFrames];
     double wsum[kPieceFrames];
     for (uint32_t j = 0; j < len; ++j) {
@@ -384,15 +325,18 @@ void PitchShiftChannel::runPiece(const float* in, float* out, uint32_t frames, u
                     v = weighted(p - static_cast<double>(ip), x[-3], x[-2], x[-1], x[0]);
                 }
             } else {
-                // Taps beyond the history or past the block end (and
+                // Taps beyond the history or past the chunk end (and
                 // positions outside the int32 range) take the general path.
                 double t = p - static_cast<double>(ip);
-                v = cubicWeight(std::fabs(1.0 + t)) *
-                        static_cast<double>(sampleAt(ip - 3, in, frames)) +
-                    cubicWeight(std::fabs(t)) * static_cast<double>(sampleAt(ip - 2, in, frames)) +
-                    cubicWeight(std::fabs(t - 1.0)) *
-                        static_cast<double>(sampleAt(ip - 1, in, frames)) +
-                    cubicWeight(std::fabs(t - 2.0)) * static_cast<double>(sampleAt(ip, in, frames));
+                auto x = [&](int64_t k) {
+                    return static_cast<double>(
+                        granular::sampleAt(k, in, available, ring, writeIndex, span));
+                };
+                const int64_t i = ip;
+                v = cubicWeight(std::fabs(1.0 + t)) * x(i - 3) +
+                    cubicWeight(std::fabs(t)) * x(i - 2) +
+                    cubicWeight(std::fabs(t - 1.0)) * x(i - 1) +
+                    cubicWeight(std::fabs(t - 2.0)) * x(i);
             }
             double weight = static_cast<double>(window[age]);
             acc[j] += v * weight;
@@ -445,7 +389,8 @@ void PitchShiftChannel::prepareWeights() {
     weightRatio_ = ratio;
 }
 
-void PitchShiftChannel::processBlock(const float* in, float* out, uint32_t frames) {
+void PitchShiftChannel::processBlock(const float* in, float* out, uint32_t frames,
+                                     uint32_t available) {
     const bool passThrough = bypass != 0;
     if (!passThrough) {
         if (line_ != nullptr && static_cast<uint64_t>(span) + frames <= lineCapacity_) {
@@ -481,7 +426,7 @@ void PitchShiftChannel::processBlock(const float* in, float* out, uint32_t frame
             ageGrains(len);
             std::memmove(out + n0, in + n0, static_cast<size_t>(len) * sizeof(float));
         } else {
-            runPiece(in, out, frames, n0, len);
+            runPiece(in, out, frames, available, n0, len);
         }
         n0 += len;
     }

@@ -55,15 +55,16 @@ private:
     // Samples a grain-major piece covers at most.
     static constexpr uint32_t kPieceFrames = 256;
 
-    void processBlock(const float* in, float* out, uint32_t frames);
-    // Samples n0 .. n0 + len - 1 of the block, a stretch in which no grain
+    // One chunk of `frames` samples; `available` samples of the caller's
+    // block start at in (the chunk and the ones after it).
+    void processBlock(const float* in, float* out, uint32_t frames, uint32_t available);
+    // Samples n0 .. n0 + len - 1 of the chunk, a stretch in which no grain
     // starts after n0: every sounding record in turn adds its terms.
-    void runPiece(const float* in, float* out, uint32_t frames, uint32_t n0, uint32_t len);
+    void runPiece(const float* in, float* out, uint32_t frames, uint32_t available, uint32_t n0,
+                  uint32_t len);
     // The same stretch in pass-through: every sounding record ages len steps.
     void ageGrains(uint32_t len);
     void spawnGrain(int32_t start);
-    // x[k] of the current block: in[k] for k >= 0, the history for k < 0.
-    float sampleAt(int32_t k, const float* in, uint32_t frames) const;
     void storeHistory(const float* in, uint32_t frames);
     // Copies the history and the block into line_ so that x[k] is
     // line_[span + k] for -span <= k < frames: the grain reader then needs

@@ -16,81 +16,48 @@ StretchChannel::~StretchChannel() {
 
 bool StretchChannel::setup(uint32_t frames, uint32_t sampleRate, float scale, float levelDb,
                            float grainSeconds, float spacingSeconds, uint32_t* outputFrames) {
-    float newRate = static_cast<float>(sampleRate);
-    uint32_t newLength = 0;
-    if (sampleRate == 0 || !granular::grainLengthFor(newRate, grainSeconds, &newLength)) {
+    granular::GrainGeometry geometry;
+    if (!granular::grainGeometryFor(sampleRate, grainSeconds, spacingSeconds, &geometry)) {
         return false;
     }
-    uint32_t newSpacing = granular::spacingFor(newRate, spacingSeconds);
-    uint32_t newCount = newLength / newSpacing;
-    uint32_t newCapacity = 8 * newLength; // trunc(2^3 * length), exact
+    const uint32_t newLength = geometry.length;
+    const uint32_t newCapacity = 8 * newLength; // trunc(2^3 * length), exact
 
     // Allocate everything first, so a failure leaves the running engine intact.
-    float* newRing = nullptr;
-    float* newWindow = nullptr;
-    Grain* newGrains = nullptr;
-    bool growRing = ring == nullptr || newCapacity > ringAllocated_;
-    bool growWindow = window == nullptr || newLength > windowAllocated_;
-    bool growGrains = grains == nullptr || newCount > grainAllocated_;
-    if (growRing) {
-        newRing = granular::allocateArray<float>(newCapacity);
-    }
-    if (growWindow) {
-        newWindow = granular::allocateArray<float>(newLength);
-    }
-    if (growGrains) {
-        newGrains = granular::allocateArray<Grain>(newCount);
-    }
-    if ((growRing && newRing == nullptr) || (growWindow && newWindow == nullptr) ||
-        (growGrains && newGrains == nullptr)) {
-        delete[] newRing;
-        delete[] newWindow;
-        delete[] newGrains;
+    granular::ArrayGrowth<float> newRing, newWindow;
+    granular::ArrayGrowth<Grain> newGrains;
+    if (!newRing.prepare(ring == nullptr || newCapacity > ringAllocated_, newCapacity) ||
+        !newWindow.prepare(window == nullptr || newLength > windowAllocated_, newLength) ||
+        !newGrains.prepare(grains == nullptr || geometry.count > grainAllocated_, geometry.count)) {
         return false;
     }
-    if (newRing != nullptr) {
-        delete[] ring;
-        ring = newRing;
+    if (newRing.install(ring)) {
         ringAllocated_ = newCapacity;
     }
-    if (newWindow != nullptr) {
-        delete[] window;
-        window = newWindow;
+    if (newWindow.install(window)) {
         windowAllocated_ = newLength;
     }
-    if (newGrains != nullptr) {
-        delete[] grains;
-        grains = newGrains;
-        grainAllocated_ = newCount;
+    if (newGrains.install(grains)) {
+        grainAllocated_ = geometry.count;
     }
 
-    rate = newRate;
+    rate = geometry.rate;
     maxFrames = frames;
     grainLength = newLength;
     setScale(scale); // uses the new grain length
-    spacing = newSpacing;
-    grainCount = newCount;
+    spacing = geometry.spacing;
+    grainCount = geometry.count;
     outLevel = granular::levelFromDb(levelDb);
     ringCapacity = newCapacity;
-    for (uint32_t i = 0; i < ringCapacity; ++i) {
-        ring[i] = 0.0f;
-    }
-    granular::fillGaussianWindow(window, grainLength);
 
-    // Staggered grains, as if the engine had been running on silence.
-    int64_t stride = truncToInt32(static_cast<double>(spacing) * static_cast<double>(stepPending));
-    int64_t back =
-        factorPending < 1.0f
-            ? truncToInt32(static_cast<double>(grainLength) * static_cast<double>(stepPending))
-            : static_cast<int64_t>(grainLength);
-    for (uint32_t k = 0; k < grainCount; ++k) {
-        Grain& g = grains[k];
-        g.active = 1;
-        g.start = static_cast<int32_t>((k + 1) * stride - back);
-        g.age = static_cast<int32_t>(grainLength - (k + 1) * spacing);
-        g.window = window;
-        g.length = static_cast<int32_t>(grainLength);
-    }
+    // Records began spacing output samples apart, which is trunc(spacing x
+    // step) input samples; the reach back is the pending span.
+    const double stepValue = static_cast<double>(stepPending);
+    const int64_t stride = truncToInt32(static_cast<double>(spacing) * stepValue);
+    const int64_t back = factorPending < 1.0f
+                             ? truncToInt32(static_cast<double>(grainLength) * stepValue)
+                             : static_cast<int64_t>(grainLength);
+    granular::resetGrains(ring, ringCapacity, window, grains, geometry, stride, back);
 
     spawnPhase = 0;
     writeIndex = 0;
@@ -169,7 +136,7 @@ uint32_t StretchChannel::process(const float* in, float* out, uint32_t frames) {
     uint32_t written = 0;
     while (frames > 0) {
         uint32_t block = frames < granular::kMaxChunkFrames ? frames : granular::kMaxChunkFrames;
-        written += processBlock(in, out + written, block);
+        written += processBlock(in, out + written, block, frames);
         in += block;
         frames -= block;
     }
@@ -192,18 +159,8 @@ void StretchChannel::spawnGrain(uint32_t outIndex) {
     }
 }
 
-float StretchChannel::sampleAt(int32_t k, const float* in, uint32_t frames) const {
-    if (k >= 0) {
-        // No grain reads past the input position of the current output frame;
-        // the bound only keeps a rounding accident inside the block.
-        uint32_t index = static_cast<uint32_t>(k);
-        return in[index < frames ? index : frames - 1];
-    }
-    uint32_t m = static_cast<uint32_t>(-static_cast<int64_t>(k));
-    return granular::pastSample(ring, writeIndex, span, m);
-}
-
-uint32_t StretchChannel::processBlock(const float* in, float* out, uint32_t frames) {
+uint32_t StretchChannel::processBlock(const float* in, float* out, uint32_t frames,
+                                      uint32_t available) {
     uint32_t produced;
     if (bypass != 0) {
         for (uint32_t j = 0; j < frames; ++j) {
@@ -238,7 +195,9 @@ uint32_t StretchChannel::processBlock(const float* in, float* out, uint32_t fram
                 if (g.active == 0) {
                     continue;
                 }
-                double v = static_cast<double>(sampleAt(g.start + g.age, in, frames));
+                const int64_t p = static_cast<int64_t>(g.start) + g.age;
+                double v = static_cast<double>(
+                    granular::sampleAt(p, in, available, ring, writeIndex, span));
                 double weight = static_cast<double>(g.window[g.age]);
                 acc += v * weight;
                 wsum += weight;

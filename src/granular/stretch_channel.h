@@ -67,9 +67,10 @@ private:
     // 2^(-scale/1000) of the clamped scale, as float; *passThrough is set for
     // exactly 0 and for a scale that is not a number.
     static float factorForScale(float scale, bool* passThrough);
-    uint32_t processBlock(const float* in, float* out, uint32_t frames);
+    // One chunk of `frames` input frames; `available` frames of the caller's
+    // block start at in (the chunk and the ones after it).
+    uint32_t processBlock(const float* in, float* out, uint32_t frames, uint32_t available);
     void spawnGrain(uint32_t outIndex);
-    float sampleAt(int32_t k, const float* in, uint32_t frames) const;
 
     // Allocated sizes, so a smaller setup reuses the arrays.
     uint32_t ringAllocated_ = 0;

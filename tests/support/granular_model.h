@@ -86,7 +86,7 @@ public:
         std::vector<float> out;
         for (size_t done = 0; done < in.size();) {
             size_t n = std::min<size_t>(in.size() - done, 32768);
-            block(in.data() + done, static_cast<uint32_t>(n), out);
+            block(in.data() + done, static_cast<uint32_t>(n), in.size() - done, out);
             done += n;
         }
         return out;
@@ -100,13 +100,16 @@ private:
         uint32_t span;
     };
 
-    // A read past the block (possible only right after a change of pitch)
-    // takes the block's last sample.
-    float x(const float* in, uint32_t n, int64_t k) const {
-        return k >= 0 ? in[std::min<int64_t>(k, n - 1)] : ring_.past(now_.span, k);
+    // x[k] is in[k] also past the chunk, where the call's later samples
+    // lie; a read past the whole call (possible only right after a change
+    // of pitch) takes the call's last sample.
+    float x(const float* in, size_t available, int64_t k) const {
+        return k >= 0 ? in[std::min<int64_t>(k, static_cast<int64_t>(available) - 1)]
+                      : ring_.past(now_.span, k);
     }
 
-    void block(const float* in, uint32_t n, std::vector<float>& out) {
+    // One chunk of n samples; `available` samples of the call start at in.
+    void block(const float* in, uint32_t n, size_t available, std::vector<float>& out) {
         for (uint32_t i = 0; i < n; ++i) {
             if (phase_ == 0) {
                 for (ModelGrain& g : grains_) {
@@ -127,10 +130,10 @@ private:
                     double p = static_cast<double>(g.age) * now_.ratio + g.start;
                     int64_t ip = static_cast<int64_t>(p);
                     double t = p - static_cast<double>(ip);
-                    double v = dsp::cubicWeight(std::fabs(1.0 + t)) * x(in, n, ip - 3) +
-                               dsp::cubicWeight(std::fabs(t)) * x(in, n, ip - 2) +
-                               dsp::cubicWeight(std::fabs(t - 1.0)) * x(in, n, ip - 1) +
-                               dsp::cubicWeight(std::fabs(t - 2.0)) * x(in, n, ip);
+                    double v = dsp::cubicWeight(std::fabs(1.0 + t)) * x(in, available, ip - 3) +
+                               dsp::cubicWeight(std::fabs(t)) * x(in, available, ip - 2) +
+                               dsp::cubicWeight(std::fabs(t - 1.0)) * x(in, available, ip - 1) +
+                               dsp::cubicWeight(std::fabs(t - 2.0)) * x(in, available, ip);
                     acc += v * window_[g.age];
                     wsum += window_[g.age];
                 }
@@ -204,7 +207,7 @@ public:
     void run(const std::vector<float>& in, std::vector<float>& out) {
         for (size_t done = 0; done < in.size();) {
             size_t n = std::min<size_t>(in.size() - done, 32768);
-            block(in.data() + done, static_cast<uint32_t>(n), out);
+            block(in.data() + done, static_cast<uint32_t>(n), in.size() - done, out);
             done += n;
         }
     }
@@ -218,7 +221,8 @@ private:
         uint32_t span;
     };
 
-    void block(const float* in, uint32_t n, std::vector<float>& out) {
+    // One chunk of n frames; `available` frames of the call start at in.
+    void block(const float* in, uint32_t n, size_t available, std::vector<float>& out) {
         uint32_t m = now_.bypass ? n : static_cast<uint32_t>(static_cast<double>(n) * now_.factor);
         for (uint32_t j = 0; j < m; ++j) {
             if (phase_ == 0) {
@@ -241,9 +245,12 @@ private:
                 }
                 if (!now_.bypass) {
                     int64_t p = static_cast<int64_t>(g.start) + g.age;
-                    // A read past the block (possible only right after a
-                    // change of scale) takes the block's last sample.
-                    double v = p >= 0 ? in[std::min<int64_t>(p, n - 1)] : ring_.past(now_.span, p);
+                    // Past the chunk lie the call's later frames; a read
+                    // past the whole call (possible only right after a
+                    // change of scale) takes the call's last frame.
+                    double v = p >= 0
+                                   ? in[std::min<int64_t>(p, static_cast<int64_t>(available) - 1)]
+                                   : ring_.past(now_.span, p);
                     acc += v * window_[g.age];
                     wsum += window_[g.age];
                 }
