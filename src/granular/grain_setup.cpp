@@ -2,7 +2,6 @@
 
 #include "core/numeric.h"
 
-#include <cfloat>
 #include <cmath>
 
 namespace dsp {
@@ -25,14 +24,7 @@ uint32_t spacingFor(float rate, float spacingSeconds) {
 }
 
 float levelFromDb(float levelDb) {
-    if (std::isnan(levelDb)) {
-        return 1.0f;
-    }
-    double level = std::pow(10.0, 0.05 * static_cast<double>(levelDb));
-    if (level > static_cast<double>(FLT_MAX)) {
-        return FLT_MAX;
-    }
-    return static_cast<float>(level);
+    return static_cast<float>(std::pow(10.0, 0.05 * static_cast<double>(levelDb)));
 }
 
 bool grainGeometryFor(uint32_t sampleRate, float grainSeconds, float spacingSeconds,

@@ -27,9 +27,8 @@ bool grainLengthFor(float rate, float grainSeconds, uint32_t* length);
 // zero; a negative one wraps to a huge spacing, which simply spawns no grains.
 uint32_t spacingFor(float rate, float spacingSeconds);
 
-// 10^(0.05 * dB) as float. A level that is not a number counts as 0 dB, and a
-// level beyond the float range is held at the largest float, so that silence
-// times the level stays 0 instead of becoming NaN.
+// 10^(0.05 * dB) as float, not limited: a level beyond the float range is
+// infinite and a NaN level stays NaN.
 float levelFromDb(float levelDb);
 
 // window[i] = exp(-0.25 * (13 i / length - 6.5)^2) for i < length.
