@@ -48,11 +48,11 @@ DSP_API uint8_t* bufSizeExtendWavefileIn(void* handle, uint32_t frames) {
 }
 
 DSP_API WavefileHeader* getHeaderWavefileIn(void* handle) {
-    return handle != nullptr ? &asReader(handle)->records.header : nullptr;
+    return handle != nullptr ? &asReader(handle)->header : nullptr;
 }
 
 DSP_API WavefileFormat* getFormatWavefileIn(void* handle) {
-    return handle != nullptr ? &asReader(handle)->records.format : nullptr;
+    return handle != nullptr ? &asReader(handle)->format : nullptr;
 }
 
 DSP_API void termWavefileIn(void* handle) {

@@ -28,7 +28,7 @@ WavefileReader::~WavefileReader() {
 }
 
 bool WavefileReader::frameBytes(uint32_t frames, uint32_t& bytes) const {
-    uint64_t total = static_cast<uint64_t>(frames) * 2u * records.format.channels;
+    uint64_t total = static_cast<uint64_t>(frames) * 2u * format.channels;
     if (total > std::numeric_limits<uint32_t>::max()) {
         return false;
     }
@@ -41,7 +41,7 @@ void WavefileReader::open(const char* path, uint32_t frames) {
     if (!openChecked(path, frames)) {
         // A file that fails a check is not kept open.
         file.close();
-        records.format = WavefileFormat{};
+        format = WavefileFormat{};
         return;
     }
     isOpen = 1;
@@ -74,7 +74,7 @@ bool WavefileReader::openChecked(const char* path, uint32_t frames) {
     if (!file.descend(chunk, &riffChunk, RiffFile::Search::kChunk)) {
         return false;
     }
-    records.format = decodeWaveFormat(body);
+    format = decodeWaveFormat(body);
     uint32_t bytes = 0;
     if (!frameBytes(frames, bytes)) {
         return false;
@@ -84,20 +84,20 @@ bool WavefileReader::openChecked(const char* path, uint32_t frames) {
         return false;
     }
     bufferBytes = bytes;
-    records.header.buffer = ownBuffer_;
-    records.header.dataBytes = chunk.size;
-    records.header.bytesRead = 0;
-    records.header.reserved16 = 0;
-    records.header.reserved20 = 0;
+    header.buffer = ownBuffer_;
+    header.dataBytes = chunk.size;
+    header.bytesRead = 0;
+    header.reserved16 = 0;
+    header.reserved20 = 0;
     // Frames by integer division, then seconds by floating-point division
     // (a rate of 0 gives infinity). Without channels there are no frames to
     // count: the duration is reported as 0.
-    if (records.format.channels == 0) {
-        records.header.seconds = 0.0f;
+    if (format.channels == 0) {
+        header.seconds = 0.0f;
     } else {
-        uint32_t dataFrames = records.header.dataBytes / (2u * records.format.channels);
-        records.header.seconds = static_cast<float>(
-            static_cast<double>(dataFrames) / static_cast<double>(records.format.samplesPerSecond));
+        uint32_t dataFrames = header.dataBytes / (2u * format.channels);
+        header.seconds = static_cast<float>(static_cast<double>(dataFrames) /
+                                            static_cast<double>(format.samplesPerSecond));
     }
     return true;
 }
@@ -106,7 +106,7 @@ int32_t WavefileReader::read(uint8_t* buffer, uint32_t frames) {
     if (isOpen == 0) {
         return 0;
     }
-    uint64_t bytes = static_cast<uint64_t>(frames) * 2u * records.format.channels;
+    uint64_t bytes = static_cast<uint64_t>(frames) * 2u * format.channels;
     uint8_t* target = buffer;
     if (target == nullptr) {
         target = ownBuffer_;
@@ -114,12 +114,12 @@ int32_t WavefileReader::read(uint8_t* buffer, uint32_t frames) {
     }
     bytes = std::min<uint64_t>(bytes, static_cast<uint64_t>(std::numeric_limits<int32_t>::max()));
     int64_t got = bytes > 0 ? file.read(target, static_cast<size_t>(bytes)) : 0;
-    records.header.buffer = target;
+    header.buffer = target;
     if (got < 0) {
-        records.header.bytesRead = 0;
+        header.bytesRead = 0;
         return -1;
     }
-    records.header.bytesRead = static_cast<uint32_t>(got);
+    header.bytesRead = static_cast<uint32_t>(got);
     return static_cast<int32_t>(got);
 }
 
@@ -142,10 +142,10 @@ int32_t WavefileReader::timeSeek(float seconds, uint32_t mode) {
     if (isOpen == 0) {
         return 0;
     }
-    int32_t frames = truncToInt32(static_cast<double>(records.format.samplesPerSecond) *
-                                  static_cast<double>(seconds));
+    int32_t frames =
+        truncToInt32(static_cast<double>(format.samplesPerSecond) * static_cast<double>(seconds));
     int64_t base = mode == 0 ? static_cast<int64_t>(chunk.dataOffset) : file.tell();
-    return moveTo(base + static_cast<int64_t>(frames) * 2 * records.format.channels);
+    return moveTo(base + static_cast<int64_t>(frames) * 2 * format.channels);
 }
 
 uint8_t* WavefileReader::extendBuffer(uint32_t frames) {
@@ -160,7 +160,7 @@ uint8_t* WavefileReader::extendBuffer(uint32_t frames) {
     std::free(ownBuffer_);
     ownBuffer_ = fresh;
     bufferBytes = bytes;
-    records.header.buffer = ownBuffer_;
+    header.buffer = ownBuffer_;
     return ownBuffer_;
 }
 
@@ -172,7 +172,7 @@ void WavefileReader::close() {
     std::free(ownBuffer_);
     ownBuffer_ = nullptr;
     bufferBytes = 0;
-    records.header.buffer = nullptr;
+    header.buffer = nullptr;
 }
 
 } // namespace dsp

@@ -44,15 +44,10 @@ public:
     RiffChunk chunk; // "fmt " during open, then "data"
     uint8_t isOpen = 0;
     uint32_t bufferBytes = 0;
-    // The format record with the header directly after it, both packed, as
-    // hosts that step from one record to the other expect.
-#pragma pack(push, 2)
-    struct Records {
-        WavefileFormat format;
-        WavefileHeader header;
-    };
-#pragma pack(pop)
-    Records records{};
+    // The records are packed; aligning them keeps the header's pointer and
+    // the format's 32-bit fields naturally aligned for the host.
+    alignas(8) WavefileFormat format{};
+    alignas(8) WavefileHeader header{};
 
 private:
     bool frameBytes(uint32_t frames, uint32_t& bytes) const;
