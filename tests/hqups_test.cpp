@@ -276,28 +276,4 @@ TEST(Hqups, LargerBlocksAreTakenInPieces) {
     EXPECT_EQ(a, b);
 }
 
-// In a chain the node is reconfigured for the chain's format and behaves as
-// a processor created for it; a second node at 48 kHz only shapes.
-TEST(Hqups, ChainRunsItLikeADirectProcessor) {
-    void* chain = dspCreate(1024, 2, 44100);
-    ASSERT_EQ(dspAdd(chain, bySource(512, 1, 22050, 0.6f, 80.0f, 1), 1), 1u);
-    ASSERT_EQ(dspAdd(chain, bySource(256, 2, 32000, 0.3f, 40.0f, 0), 2), 2u);
-    EXPECT_EQ(dspGetDstRate(chain), 48000u);
-    EXPECT_EQ(dspGetDstSize(chain, 4096), 4458u);
-    HqupsHandle first(bySource(1024, 2, 44100, 0.6f, 80.0f, 1));
-    HqupsHandle second(bySource(1114, 2, 48000, 0.3f, 40.0f, 0));
-    const std::vector<int16_t> src = tones(3 * 1024, 2, 44100, {2500.0, 8000.0}, 0.3);
-    std::vector<int16_t> viaChain(2 * 1114), step(2 * 1114), direct(2 * 1114);
-    for (int b = 0; b < 3; ++b) {
-        const int16_t* block = src.data() + b * 2048;
-        ASSERT_EQ(dspSend(chain, block, viaChain.data(), 4096), 4456u);
-        ASSERT_EQ(doHqups(first.handle, block, step.data(), 4096), 4456u);
-        ASSERT_EQ(doHqups(second.handle, step.data(), direct.data(), 4456), 4456u);
-        for (size_t i = 0; i < direct.size(); ++i) { // the chain stays in float between nodes
-            ASSERT_NEAR(viaChain[i], direct[i], 2) << b << " " << i;
-        }
-    }
-    dspDestroy(chain);
-}
-
 } // namespace
