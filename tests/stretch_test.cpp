@@ -182,21 +182,6 @@ TEST(Stretch, MatchesThePerSampleModelAcrossScaleChanges) {
     }
 }
 
-TEST(Stretch, SetupDerivesSizesAndStaggersTheGrains) {
-    dsp::StretchProcessor* p = makeStretch(1000, 1, 1000.0f);
-    const dsp::StretchChannel& c = p->channels[0];
-    EXPECT_EQ(c.grainCount, 7u);
-    EXPECT_EQ(c.ringCapacity, 8u * 3380u);
-    EXPECT_EQ(c.span, 6760u);
-    EXPECT_EQ(c.grains[6].start, 7 * 880 - 6760);
-    EXPECT_EQ(c.grains[6].age, 3380 - 7 * 440);
-    setStretchScale(p, -1000.0f);
-    EXPECT_EQ(c.spanPending, 3380u);
-    EXPECT_EQ(c.offsetPending, 3380u);
-    EXPECT_EQ(c.factor, 0.5f);
-    termStretch(p);
-}
-
 TEST(Stretch, BadArgumentsAreSafe) {
     EXPECT_EQ(makeStretch(256, 1, 100.0f, 0.0f, kGrain, kSpacing, 0), nullptr);
     EXPECT_EQ(makeStretch(256, 0, 100.0f), nullptr);
