@@ -4,7 +4,7 @@
 // settings, history ring, 32768-sample blocks).
 #pragma once
 
-#include "core/cubic_weight.h"
+#include "support/rate_model.h"
 
 #include <algorithm>
 #include <cmath>
@@ -13,175 +13,171 @@
 
 namespace dsptest {
 
-struct ModelGrain {
-    bool active;
-    int32_t start;
-    int32_t age;
-};
+class GrainModel {
+public:
+    void setLevel(float levelDb) { level_ = static_cast<float>(std::pow(10.0, 0.05 * levelDb)); }
 
-inline std::vector<float> modelWindow(uint32_t length) {
-    std::vector<float> w(length);
-    for (uint32_t i = 0; i < length; ++i) {
-        double x = 13.0 * i / length - 6.5;
-        w[i] = static_cast<float>(std::exp(-0.25 * x * x));
+    // One call as the library runs it: in pieces of at most 32768 frames.
+    std::vector<float> run(const std::vector<float>& in) {
+        std::vector<float> out;
+        for (size_t done = 0; done < in.size();) {
+            const uint32_t n = static_cast<uint32_t>(std::min<size_t>(in.size() - done, 32768));
+            chunk(in.data() + done, n, in.size() - done, out);
+            done += n;
+        }
+        return out;
     }
-    return w;
-}
 
-// History ring: x[-m] = ring[(writeIndex + m - 1) mod span].
-struct ModelRing {
-    std::vector<float> data;
-    uint32_t writeIndex = 0;
-    float past(uint32_t span, int64_t k) const {
-        int64_t m = -k;
-        return data[static_cast<size_t>((writeIndex + m - 1) % span)];
-    }
-    void store(uint32_t span, const float* in, uint32_t n) {
-        if (span > n) {
-            writeIndex = (span + writeIndex - n) % span;
-            for (uint32_t i = 1; i <= n; ++i) {
-                data[(writeIndex + i - 1) % span] = in[n - i];
-            }
-        } else {
-            for (uint32_t i = 1; i <= span; ++i) {
-                data[(writeIndex + i - 1) % span] = in[n - i];
-            }
+protected:
+    struct Settings {
+        bool bypass;
+        float ratio; // pitch ratio, or stretch factor
+        float step;  // 1 / factor
+        int32_t offset;
+        uint32_t span;
+    };
+    struct Grain {
+        bool active;
+        int32_t start;
+        int32_t age;
+    };
+
+    GrainModel(uint32_t rate, float levelDb, float grainSeconds, float spacingSeconds) {
+        const double r = static_cast<float>(rate);
+        length_ = static_cast<uint32_t>(r * grainSeconds * 1.5330188679245282);
+        spacing_ = static_cast<uint32_t>(r * spacingSeconds);
+        count_ = length_ / spacing_;
+        setLevel(levelDb);
+        for (uint32_t i = 0; i < length_; ++i) {
+            const double x = 13.0 * i / length_ - 6.5;
+            window_.push_back(static_cast<float>(std::exp(-0.25 * x * x)));
         }
     }
+
+    virtual void chunk(const float* in, uint32_t n, size_t available, std::vector<float>& out) = 0;
+
+    // x[k] of the call: in[k] also past the chunk (a read past the whole call,
+    // possible only right after a change, takes its last sample), history
+    // x[-m] = ring[(writeIndex + m - 1) mod span] before it.
+    float x(const float* in, size_t available, int64_t k) const {
+        if (k >= 0) {
+            return in[std::min<int64_t>(k, static_cast<int64_t>(available) - 1)];
+        }
+        return ring_[static_cast<size_t>((writeIndex_ - k - 1) % now_.span)];
+    }
+
+    // Spawns a grain at `start` when due, then the level times the windowed
+    // mean of the grains' reads; every active grain ages by one.
+    template <class Read>
+    float frame(int32_t start, Read read) {
+        if (phase_ == 0) {
+            for (Grain& g : grains_) {
+                if (!g.active) {
+                    g = {true, start, 0};
+                    break;
+                }
+            }
+        }
+        phase_ = (phase_ + 1) % spacing_;
+        double acc = 0.0;
+        double wsum = 0.0;
+        for (Grain& g : grains_) {
+            if (!g.active) {
+                continue;
+            }
+            if (!now_.bypass) {
+                acc += read(g) * window_[g.age];
+                wsum += window_[g.age];
+            }
+            g.age += 1;
+            g.active = g.age < static_cast<int32_t>(length_);
+        }
+        return wsum > 0.0 ? static_cast<float>(level_ / wsum * acc) : 0.0f;
+    }
+
+    // Moves the grains back by the chunk, takes the pending settings and
+    // stores the chunk's last `span` samples, newest first.
+    void endChunk(const float* in, uint32_t n) {
+        for (Grain& g : grains_) {
+            g.start -= g.active ? static_cast<int32_t>(n) : 0;
+        }
+        now_ = next_;
+        const uint32_t span = now_.span;
+        if (span > n) {
+            writeIndex_ = (span + writeIndex_ - n) % span;
+        }
+        for (uint32_t i = 1; i <= std::min(span, n); ++i) {
+            ring_[(writeIndex_ + i - 1) % span] = in[n - i];
+        }
+    }
+
+    uint32_t length_, spacing_, count_;
+    float level_;
+    std::vector<float> window_, ring_;
+    std::vector<Grain> grains_;
+    uint32_t writeIndex_ = 0, phase_ = 0;
+    Settings now_{}, next_{};
 };
 
-class PitchModel {
+class PitchModel : public GrainModel {
 public:
-    PitchModel(uint32_t rate, float cents, float levelDb, float grainSeconds,
-               float spacingSeconds) {
-        float r = static_cast<float>(rate);
-        length_ = static_cast<uint32_t>(static_cast<double>(r) * grainSeconds * 1.5330188679245282);
-        spacing_ = static_cast<uint32_t>(static_cast<double>(r) * spacingSeconds);
-        count_ = length_ / spacing_;
-        level_ = static_cast<float>(std::pow(10.0, 0.05 * levelDb));
-        window_ = modelWindow(length_);
-        ring_.data.assign(2 * length_ + 3, 0.0f);
+    PitchModel(uint32_t rate, float cents, float levelDb, float grainSeconds, float spacingSeconds)
+        : GrainModel(rate, levelDb, grainSeconds, spacingSeconds) {
+        ring_.assign(2 * length_ + 3, 0.0f);
         setPitch(cents);
         now_ = next_;
-        int32_t back =
-            clampedNegative_ ? static_cast<int32_t>(length_) : static_cast<int32_t>(next_.span);
+        const int32_t back =
+            next_.ratio < 1.0f ? static_cast<int32_t>(length_) : static_cast<int32_t>(next_.span);
         for (uint32_t k = 0; k < count_; ++k) {
-            int32_t e = static_cast<int32_t>((k + 1) * spacing_);
+            const int32_t e = static_cast<int32_t>((k + 1) * spacing_);
             grains_.push_back({true, e - back, static_cast<int32_t>(length_) - e});
         }
     }
 
     void setPitch(float cents) {
         next_.bypass = cents == 0.0f || std::isnan(cents);
-        float c = std::isnan(cents) ? 1200.0f : std::fmax(-1200.0f, std::fmin(1200.0f, cents));
-        clampedNegative_ = c < 0.0f;
-        double r = std::pow(2.0, c * (1.0 / 1200.0));
+        const float c =
+            std::isnan(cents) ? 1200.0f : std::fmax(-1200.0f, std::fmin(1200.0f, cents));
+        negative_ = c < 0.0f;
+        const double r = std::pow(2.0, c * (1.0 / 1200.0));
         next_.ratio = static_cast<float>(r);
         next_.offset = c >= 0.0f ? static_cast<int32_t>(length_ - r * length_) : 0;
         next_.span = static_cast<uint32_t>(length_ * r) + 3;
     }
-    void setLevel(float levelDb) { level_ = static_cast<float>(std::pow(10.0, 0.05 * levelDb)); }
-
-    std::vector<float> run(const std::vector<float>& in) {
-        std::vector<float> out;
-        for (size_t done = 0; done < in.size();) {
-            size_t n = std::min<size_t>(in.size() - done, 32768);
-            block(in.data() + done, static_cast<uint32_t>(n), in.size() - done, out);
-            done += n;
-        }
-        return out;
-    }
 
 private:
-    struct Settings {
-        bool bypass;
-        float ratio;
-        int32_t offset;
-        uint32_t span;
-    };
-
-    // x[k] is in[k] also past the chunk, where the call's later samples
-    // lie; a read past the whole call (possible only right after a change
-    // of pitch) takes the call's last sample.
-    float x(const float* in, size_t available, int64_t k) const {
-        return k >= 0 ? in[std::min<int64_t>(k, static_cast<int64_t>(available) - 1)]
-                      : ring_.past(now_.span, k);
-    }
-
-    // One chunk of n samples; `available` samples of the call start at in.
-    void block(const float* in, uint32_t n, size_t available, std::vector<float>& out) {
+    // 4-point cubic read at age x ratio + start.
+    void chunk(const float* in, uint32_t n, size_t available, std::vector<float>& out) override {
         for (uint32_t i = 0; i < n; ++i) {
-            if (phase_ == 0) {
-                for (ModelGrain& g : grains_) {
-                    if (!g.active) {
-                        g = {true, now_.offset + static_cast<int32_t>(i), 0};
-                        break;
-                    }
-                }
-            }
-            phase_ = (phase_ + 1) % spacing_;
-            double acc = 0.0;
-            double wsum = 0.0;
-            for (ModelGrain& g : grains_) {
-                if (!g.active) {
-                    continue;
-                }
-                if (!now_.bypass) {
-                    double p = static_cast<double>(g.age) * now_.ratio + g.start;
-                    int64_t ip = static_cast<int64_t>(p);
-                    double t = p - static_cast<double>(ip);
-                    double v = dsp::cubicWeight(std::fabs(1.0 + t)) * x(in, available, ip - 3) +
-                               dsp::cubicWeight(std::fabs(t)) * x(in, available, ip - 2) +
-                               dsp::cubicWeight(std::fabs(t - 1.0)) * x(in, available, ip - 1) +
-                               dsp::cubicWeight(std::fabs(t - 2.0)) * x(in, available, ip);
-                    acc += v * window_[g.age];
-                    wsum += window_[g.age];
-                }
-                g.age += 1;
-                g.active = g.age < static_cast<int32_t>(length_);
-            }
-            if (now_.bypass) {
-                out.push_back(in[i]);
-            } else {
-                out.push_back(wsum > 0.0 ? static_cast<float>(level_ / wsum * acc) : 0.0f);
-            }
+            const float v = frame(now_.offset + static_cast<int32_t>(i), [&](const Grain& g) {
+                const double p = static_cast<double>(g.age) * now_.ratio + g.start;
+                const int64_t ip = static_cast<int64_t>(p);
+                const double t = p - static_cast<double>(ip);
+                return keysWeight(1.0 + t) * x(in, available, ip - 3) +
+                       keysWeight(t) * x(in, available, ip - 2) +
+                       keysWeight(t - 1.0) * x(in, available, ip - 1) +
+                       keysWeight(t - 2.0) * x(in, available, ip);
+            });
+            out.push_back(now_.bypass ? in[i] : v);
         }
-        for (ModelGrain& g : grains_) {
-            if (g.active) {
-                g.start -= static_cast<int32_t>(n);
-            }
-        }
-        now_ = next_;
-        ring_.store(now_.span, in, n);
+        endChunk(in, n);
     }
 
-    uint32_t length_, spacing_, count_;
-    float level_;
-    bool clampedNegative_ = false;
-    std::vector<float> window_;
-    std::vector<ModelGrain> grains_;
-    ModelRing ring_;
-    Settings now_{}, next_{};
-    uint32_t phase_ = 0;
+    bool negative_ = false;
 };
 
-class StretchModel {
+class StretchModel : public GrainModel {
 public:
     StretchModel(uint32_t rate, float scale, float levelDb, float grainSeconds,
-                 float spacingSeconds) {
-        float r = static_cast<float>(rate);
-        length_ = static_cast<uint32_t>(static_cast<double>(r) * grainSeconds * 1.5330188679245282);
-        spacing_ = static_cast<uint32_t>(static_cast<double>(r) * spacingSeconds);
-        count_ = length_ / spacing_;
-        level_ = static_cast<float>(std::pow(10.0, 0.05 * levelDb));
-        window_ = modelWindow(length_);
-        ring_.data.assign(8 * length_, 0.0f);
+                 float spacingSeconds)
+        : GrainModel(rate, levelDb, grainSeconds, spacingSeconds) {
+        ring_.assign(8 * length_, 0.0f);
         setScale(scale);
         now_ = next_;
-        int32_t stride = static_cast<int32_t>(spacing_ * static_cast<double>(next_.step));
-        int32_t back = next_.factor < 1.0f
-                           ? static_cast<int32_t>(length_ * static_cast<double>(next_.step))
-                           : static_cast<int32_t>(length_);
+        const int32_t stride = static_cast<int32_t>(spacing_ * static_cast<double>(next_.step));
+        const int32_t back = next_.ratio < 1.0f
+                                 ? static_cast<int32_t>(length_ * static_cast<double>(next_.step))
+                                 : static_cast<int32_t>(length_);
         for (uint32_t k = 0; k < count_; ++k) {
             grains_.push_back({true, static_cast<int32_t>(k + 1) * stride - back,
                                static_cast<int32_t>(length_ - (k + 1) * spacing_)});
@@ -190,95 +186,58 @@ public:
 
     void setScale(float s) {
         next_.bypass = s == 0.0f || std::isnan(s);
-        float c = std::isnan(s) ? 3000.0f : std::fmax(-2000.0f, std::fmin(3000.0f, s));
-        next_.factor = static_cast<float>(std::pow(2.0, -0.001 * c));
-        next_.step = 1.0f / next_.factor;
-        if (next_.factor < 1.0f) {
-            next_.span = static_cast<uint32_t>(length_ * static_cast<double>(next_.step));
-            next_.offset = 0;
-        } else {
-            next_.span = length_;
-            next_.offset = length_;
-        }
-    }
-
-    // Processes one block as the library would (in 32768-frame pieces) and
-    // appends its output to `out`.
-    void run(const std::vector<float>& in, std::vector<float>& out) {
-        for (size_t done = 0; done < in.size();) {
-            size_t n = std::min<size_t>(in.size() - done, 32768);
-            block(in.data() + done, static_cast<uint32_t>(n), in.size() - done, out);
-            done += n;
-        }
+        const float c = std::isnan(s) ? 3000.0f : std::fmax(-2000.0f, std::fmin(3000.0f, s));
+        next_.ratio = static_cast<float>(std::pow(2.0, -0.001 * c));
+        next_.step = 1.0f / next_.ratio;
+        const bool shrinking = next_.ratio < 1.0f;
+        next_.span =
+            shrinking ? static_cast<uint32_t>(length_ * static_cast<double>(next_.step)) : length_;
+        next_.offset = shrinking ? 0 : static_cast<int32_t>(length_);
     }
 
 private:
-    struct Settings {
-        bool bypass;
-        float factor;
-        float step;
-        uint32_t offset;
-        uint32_t span;
-    };
-
-    // One chunk of n frames; `available` frames of the call start at in.
-    void block(const float* in, uint32_t n, size_t available, std::vector<float>& out) {
-        uint32_t m = now_.bypass ? n : static_cast<uint32_t>(static_cast<double>(n) * now_.factor);
+    // trunc(n x factor) output frames; each grain reads one input sample per frame.
+    void chunk(const float* in, uint32_t n, size_t available, std::vector<float>& out) override {
+        const uint32_t m =
+            now_.bypass ? n : static_cast<uint32_t>(static_cast<double>(n) * now_.ratio);
+        const uint32_t offset = static_cast<uint32_t>(now_.offset);
         for (uint32_t j = 0; j < m; ++j) {
-            if (phase_ == 0) {
-                for (ModelGrain& g : grains_) {
-                    if (!g.active) {
-                        int32_t s =
-                            static_cast<int32_t>(static_cast<double>(now_.offset + j) * now_.step) -
-                            static_cast<int32_t>(now_.offset);
-                        g = {true, s, 0};
-                        break;
-                    }
-                }
-            }
-            phase_ = (phase_ + 1) % spacing_;
-            double acc = 0.0;
-            double wsum = 0.0;
-            for (ModelGrain& g : grains_) {
-                if (!g.active) {
-                    continue;
-                }
-                if (!now_.bypass) {
-                    int64_t p = static_cast<int64_t>(g.start) + g.age;
-                    // Past the chunk lie the call's later frames; a read
-                    // past the whole call (possible only right after a
-                    // change of scale) takes the call's last frame.
-                    double v = p >= 0
-                                   ? in[std::min<int64_t>(p, static_cast<int64_t>(available) - 1)]
-                                   : ring_.past(now_.span, p);
-                    acc += v * window_[g.age];
-                    wsum += window_[g.age];
-                }
-                g.age += 1;
-                g.active = g.age < static_cast<int32_t>(length_);
-            }
-            if (now_.bypass) {
-                out.push_back(in[j]);
-            } else {
-                out.push_back(wsum > 0.0 ? static_cast<float>(acc * (level_ / wsum)) : 0.0f);
-            }
+            const int32_t start =
+                static_cast<int32_t>(static_cast<double>(offset + j) * now_.step) -
+                static_cast<int32_t>(offset);
+            const float v = frame(start, [&](const Grain& g) -> double {
+                return x(in, available, static_cast<int64_t>(g.start) + g.age);
+            });
+            out.push_back(now_.bypass ? in[j] : v);
         }
-        for (ModelGrain& g : grains_) {
-            if (g.active) {
-                g.start -= static_cast<int32_t>(n);
-            }
-        }
-        now_ = next_;
-        ring_.store(now_.span, in, n);
+        endChunk(in, n);
     }
-
-    uint32_t length_, spacing_, count_;
-    float level_;
-    std::vector<float> window_;
-    std::vector<ModelGrain> grains_;
-    ModelRing ring_;
-    Settings now_{}, next_{};
-    uint32_t phase_ = 0;
 };
+
+// Two tones and a little deterministic noise.
+inline std::vector<float> granularSignal(size_t n) {
+    std::vector<float> x(n);
+    uint32_t seed = 12345;
+    for (size_t i = 0; i < n; ++i) {
+        seed = seed * 1664525u + 1013904223u;
+        const double noise = static_cast<double>(seed >> 8) / 16777216.0 - 0.5;
+        x[i] = static_cast<float>(0.4 * std::sin(0.031 * i) + 0.3 * std::sin(0.21 * i + 1.0) +
+                                  0.05 * noise);
+    }
+    return x;
+}
+
+// Runs `in` through channel 0 of a granular processor in blocks of `block`
+// frames and joins the outputs.
+template <class Processor>
+std::vector<float> runBlocks(Processor* p, const std::vector<float>& in, size_t block) {
+    std::vector<float> out, buffer(4 * block + 16);
+    for (size_t done = 0; done < in.size(); done += block) {
+        const uint32_t n = static_cast<uint32_t>(std::min(block, in.size() - done));
+        const uint32_t m = p->processChannel(0, in.data() + done, buffer.data(), n);
+        out.insert(out.end(), buffer.begin(), buffer.begin() + m);
+    }
+    return out;
+}
 
 } // namespace dsptest

@@ -4,6 +4,7 @@
 // samples. No filter; tests add the IIR pass themselves.
 #pragma once
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <vector>
@@ -21,10 +22,7 @@ inline double keysWeight(double t) {
     if (t < 1.0) {
         return 1.0 - 2.0 * t * t + t * t * t;
     }
-    if (t < 2.0) {
-        return 4.0 - 8.0 * t + 5.0 * t * t - t * t * t;
-    }
-    return 0.0;
+    return t < 2.0 ? 4.0 - 8.0 * t + 5.0 * t * t - t * t * t : 0.0;
 }
 
 class RateModel {
@@ -41,20 +39,13 @@ public:
         }
         std::vector<float> out;
         const uint32_t share = scaledFrames(4096, srcRate_, dstRate_);
-        uint32_t start = 0;
-        while (start < n) {
-            uint32_t length = n - start < 4096 ? n - start : 4096;
-            bool lastChunk = start + length == n;
-            uint32_t owed = total - static_cast<uint32_t>(out.size());
-            uint32_t count = lastChunk ? owed : (owed < share ? owed : share);
+        for (uint32_t start = 0; start < n; start += 4096) {
+            const uint32_t length = n - start < 4096 ? n - start : 4096;
+            const uint32_t owed = total - static_cast<uint32_t>(out.size());
+            const uint32_t count = start + length == n ? owed : std::min(owed, share);
             std::vector<float> chunk(in.begin() + start, in.begin() + start + length);
             chunkSizes.push_back(count);
-            if (cubic_) {
-                cubicChunk(chunk, count, out);
-            } else {
-                linearChunk(chunk, count, out);
-            }
-            start += length;
+            cubic_ ? cubicChunk(chunk, count, out) : linearChunk(chunk, count, out);
         }
         return out;
     }
@@ -67,24 +58,20 @@ private:
     void linearChunk(const std::vector<float>& s, uint32_t count, std::vector<float>& out) const {
         const int64_t length = static_cast<int64_t>(s.size());
         double pos = 0.0;
-        for (uint32_t j = 0; j < count; ++j) {
-            if (j + 1 == count) {
-                out.push_back(s.back());
-                break;
-            }
+        for (uint32_t j = 0; j + 1 < count; ++j, pos += step()) {
             if (length == 1) {
                 out.push_back(s[0]);
-            } else {
-                int64_t i = static_cast<int64_t>(std::floor(pos));
-                if (i > length - 2) {
-                    i = length - 2;
-                }
-                double frac = pos - std::floor(pos);
-                double a = s[static_cast<size_t>(i)];
-                double b = s[static_cast<size_t>(i) + 1];
-                out.push_back(static_cast<float>(a + frac * (b - a)));
+                continue;
             }
-            pos += step();
+            const size_t i = static_cast<size_t>(
+                std::min<int64_t>(static_cast<int64_t>(std::floor(pos)), length - 2));
+            const double frac = pos - std::floor(pos);
+            const double a = s[i];
+            const double b = s[i + 1];
+            out.push_back(static_cast<float>(a + frac * (b - a)));
+        }
+        if (count > 0) {
+            out.push_back(s.back()); // every chunk ends on its last frame
         }
     }
 
@@ -97,24 +84,17 @@ private:
         }
         const int64_t length = static_cast<int64_t>(s.size());
         double pos = 1.0;
-        for (uint32_t j = 0; j < count; ++j) {
-            if (j + 1 == count) {
-                out.push_back(h[static_cast<size_t>(length)]);
-                break;
-            }
-            int64_t i = static_cast<int64_t>(std::trunc(pos));
-            if (i > length - 1) {
-                i = length - 1;
-            }
-            if (i < 1) {
-                i = 1;
-            }
+        for (uint32_t j = 0; j + 1 < count; ++j, pos += step()) {
+            const int64_t i = std::max<int64_t>(
+                1, std::min<int64_t>(static_cast<int64_t>(std::trunc(pos)), length - 1));
             const size_t k = static_cast<size_t>(i);
-            double d = pos - std::trunc(pos);
-            double v = keysWeight(d - 1.0) * h[k + 1] + keysWeight(d - 2.0) * h[k + 2] +
-                       keysWeight(d) * h[k] + keysWeight(d + 1.0) * h[k - 1];
+            const double d = pos - std::trunc(pos);
+            const double v = keysWeight(d - 1.0) * h[k + 1] + keysWeight(d - 2.0) * h[k + 2] +
+                             keysWeight(d) * h[k] + keysWeight(d + 1.0) * h[k - 1];
             out.push_back(static_cast<float>(v));
-            pos += step();
+        }
+        if (count > 0) {
+            out.push_back(h[static_cast<size_t>(length)]);
         }
     }
 
@@ -133,24 +113,6 @@ inline std::vector<float> noiseBlock(size_t n, uint32_t seed, float amplitude = 
         v[i] = amplitude * (static_cast<float>(x >> 8) / 8388608.0f - 1.0f);
     }
     return v;
-}
-
-inline std::vector<float> sineBlock(size_t n, double frequency, double rate, double amplitude,
-                                    size_t offset = 0) {
-    std::vector<float> v(n);
-    const double twoPi = 6.283185307179586;
-    for (size_t i = 0; i < n; ++i) {
-        v[i] = static_cast<float>(amplitude * std::sin(twoPi * frequency * (i + offset) / rate));
-    }
-    return v;
-}
-
-inline double rms(const std::vector<float>& v, size_t from, size_t to) {
-    double sum = 0.0;
-    for (size_t i = from; i < to; ++i) {
-        sum += static_cast<double>(v[i]) * v[i];
-    }
-    return std::sqrt(sum / static_cast<double>(to - from));
 }
 
 } // namespace dsptest
