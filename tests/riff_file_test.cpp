@@ -160,8 +160,13 @@ protected:
     RiffFile file_;
 };
 
-TEST_F(RiffDescend, FindsFormsAndChunksSkippingOthersAndPadBytes) {
+// Finds forms, lists and chunks skipping others and pad bytes; searches stay
+// inside the parent and restore the position when nothing is found.
+TEST_F(RiffDescend, FindsFormsListsAndChunksWithinTheirParent) {
     RiffChunk riff;
+    riff.formType = makeFourcc('W', 'A', 'V', 'E');
+    EXPECT_FALSE(file_.descend(riff, nullptr, RiffFile::Search::kRiff));
+    EXPECT_EQ(file_.tell(), 0);
     riff.formType = makeFourcc('G', 'O', 'O', 'D');
     ASSERT_TRUE(file_.descend(riff, nullptr, RiffFile::Search::kRiff));
     EXPECT_EQ(riff.dataOffset, static_cast<uint64_t>(goodStart_ + 8));
@@ -184,29 +189,18 @@ TEST_F(RiffDescend, FindsFormsAndChunksSkippingOthersAndPadBytes) {
     ASSERT_EQ(file_.read(body, 4), 4);
     EXPECT_EQ(body[0], 7);
     ASSERT_TRUE(file_.ascend(want));
-    EXPECT_EQ(file_.tell(), static_cast<int64_t>(riff.dataOffset) + riff.size);
-}
+    const int64_t formEnd = static_cast<int64_t>(riff.dataOffset) + riff.size;
+    EXPECT_EQ(file_.tell(), formEnd);
 
-TEST_F(RiffDescend, SearchesStayInsideTheParentAndRestoreThePosition) {
-    RiffChunk riff;
-    riff.formType = makeFourcc('G', 'O', 'O', 'D');
-    ASSERT_TRUE(file_.descend(riff, nullptr, RiffFile::Search::kRiff));
-    int64_t inside = file_.tell();
+    ASSERT_EQ(file_.seek(goodStart_ + 12, RiffFile::Origin::kBegin), goodStart_ + 12);
     RiffChunk tail;
     tail.id = makeFourcc('t', 'a', 'i', 'l');
     EXPECT_FALSE(file_.descend(tail, &riff, RiffFile::Search::kChunk));
-    EXPECT_EQ(file_.tell(), inside);
-    // Without a parent the search runs on past the form's end.
+    EXPECT_EQ(file_.tell(), goodStart_ + 12);
+    // Without a parent the search runs on past the form's end; from there a
+    // search inside the parent finds nothing.
     EXPECT_TRUE(file_.descend(tail, nullptr, RiffFile::Search::kChunk));
-    // A start position outside the parent finds nothing.
     EXPECT_FALSE(file_.descend(tail, &riff, RiffFile::Search::kNext));
-}
-
-TEST_F(RiffDescend, MissingIdsAndWrongFormTypesAreNotFound) {
-    RiffChunk riff;
-    riff.formType = makeFourcc('W', 'A', 'V', 'E');
-    EXPECT_FALSE(file_.descend(riff, nullptr, RiffFile::Search::kRiff));
-    EXPECT_EQ(file_.tell(), 0);
     RiffChunk none;
     none.id = makeFourcc('n', 'o', 'n', 'e');
     EXPECT_FALSE(file_.descend(none, nullptr, RiffFile::Search::kChunk));

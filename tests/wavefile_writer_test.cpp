@@ -1,5 +1,6 @@
 // The WAVE writer through its C interface: the exact file layout, the sizes
-// fixed at close, the provisional sizes before it, and failed opens.
+// fixed at close and the provisional ones before, failed opens, and round
+// trips with sox and Python's wave module where they are installed.
 #include "dsp.h"
 
 #include "support/wavefile_test_files.h"
@@ -7,19 +8,22 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <sstream>
 
 namespace {
 
 using dsptest::Bytes;
 
-WavefileFormat stereoFormat() {
+WavefileFormat pcmFormat(uint16_t channels, uint32_t rate) {
     WavefileFormat f;
     f.formatTag = 1;
-    f.channels = 2;
-    f.samplesPerSecond = 44100;
-    f.avgBytesPerSecond = 176400;
-    f.blockAlign = 4;
+    f.channels = channels;
+    f.samplesPerSecond = rate;
+    f.avgBytesPerSecond = rate * 2u * channels;
+    f.blockAlign = static_cast<uint16_t>(2 * channels);
     f.bitsPerSample = 16;
     f.extraSize = 0;
     return f;
@@ -27,140 +31,114 @@ WavefileFormat stereoFormat() {
 
 // The expected file: the fixed 46-byte header, then the samples and a pad.
 Bytes expectedFile(const WavefileFormat& f, const Bytes& samples) {
-    Bytes body;
-    dsptest::appendLe16(body, f.formatTag);
-    dsptest::appendLe16(body, f.channels);
-    dsptest::appendLe32(body, f.samplesPerSecond);
-    dsptest::appendLe32(body, f.avgBytesPerSecond);
-    dsptest::appendLe16(body, f.blockAlign);
-    dsptest::appendLe16(body, f.bitsPerSample);
-    dsptest::appendLe16(body, f.extraSize);
-    Bytes chunks = dsptest::chunkBytes("fmt ", body);
+    const uint8_t* record = reinterpret_cast<const uint8_t*>(&f);
+    Bytes chunks = dsptest::chunkBytes("fmt ", Bytes(record, record + 18));
     Bytes data = dsptest::chunkBytes("data", samples);
     chunks.insert(chunks.end(), data.begin(), data.end());
     return dsptest::riffBytes("WAVE", chunks);
 }
 
+// Writes in odd-sized pieces, as a host's blocks may come.
+void writeWithLibrary(const std::string& path, const WavefileFormat& f, const Bytes& samples) {
+    void* h = initWavefileOut(path.c_str(), &f);
+    for (size_t at = 0; at < samples.size(); at += 12345) {
+        int32_t n = static_cast<int32_t>(std::min<size_t>(12345, samples.size() - at));
+        ASSERT_EQ(writeWavefileOut(h, &samples[at], n), n);
+    }
+    ASSERT_EQ(termWavefileOut(h), samples.size());
+}
+
+// Everything the reader delivers from the first sample up to dataBytes.
+Bytes readWithLibrary(const std::string& path, WavefileFormat& format) {
+    void* h = initWavefileIn(path.c_str(), 1000);
+    format = *getFormatWavefileIn(h);
+    const WavefileHeader* header = getHeaderWavefileIn(h);
+    Bytes got;
+    int32_t n = 0;
+    while (got.size() < header->dataBytes && (n = readWavefileIn(h, nullptr, 1000)) > 0) {
+        got.insert(got.end(), header->buffer, header->buffer + n);
+    }
+    got.resize(std::min<size_t>(got.size(), header->dataBytes));
+    termWavefileIn(h);
+    return got;
+}
+
 class WavefileWriterTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        path_ = dsptest::wavefileTempPath(
-            "writer_" +
-            std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()) + ".wav");
-    }
+    void SetUp() override { path_ = dsptest::wavefileTempPath("writer.wav"); }
     void TearDown() override { std::remove(path_.c_str()); }
     std::string path_;
+    WavefileFormat stereo_ = pcmFormat(2, 44100);
 };
 
-TEST_F(WavefileWriterTest, EmptyFileIs46BytesWithRiffSize38) {
-    WavefileFormat f = stereoFormat();
-    void* h = initWavefileOut(path_.c_str(), &f);
-    ASSERT_NE(h, nullptr);
+TEST_F(WavefileWriterTest, EmptyAndOddFilesHaveTheExactLayout) {
+    void* h = initWavefileOut(path_.c_str(), &stereo_);
     EXPECT_EQ(termWavefileOut(h), 0u);
     Bytes file = dsptest::readFileBytes(path_);
     ASSERT_EQ(file.size(), 46u);
     EXPECT_EQ(dsptest::loadLe32(file, 4), 38u);
-    EXPECT_EQ(dsptest::loadLe32(file, 16), 18u);
-    EXPECT_EQ(dsptest::loadLe32(file, 42), 0u);
-    EXPECT_EQ(file, expectedFile(f, {}));
-}
-
-TEST_F(WavefileWriterTest, OddDataGetsAPadByteCountedInTheRiffSize) {
-    WavefileFormat f = stereoFormat();
-    void* h = initWavefileOut(path_.c_str(), &f);
+    EXPECT_EQ(file, expectedFile(stereo_, {}));
+    // Odd data gets a pad byte, counted in the RIFF size.
+    h = initWavefileOut(path_.c_str(), &stereo_);
     const uint8_t three[3] = {0x11, 0x22, 0x33};
     EXPECT_EQ(writeWavefileOut(h, three, 3), 3);
     EXPECT_EQ(termWavefileOut(h), 3u);
-    Bytes file = dsptest::readFileBytes(path_);
+    file = dsptest::readFileBytes(path_);
     ASSERT_EQ(file.size(), 50u);
-    EXPECT_EQ(dsptest::loadLe32(file, 42), 3u);
-    EXPECT_EQ(file[49], 0);
     EXPECT_EQ(dsptest::loadLe32(file, 4), 42u);
-    EXPECT_EQ(file, expectedFile(f, {0x11, 0x22, 0x33}));
+    EXPECT_EQ(file, expectedFile(stereo_, {0x11, 0x22, 0x33}));
 }
 
 TEST_F(WavefileWriterTest, FormatIsKeptExactlyAsPassed) {
-    WavefileFormat f = stereoFormat();
+    WavefileFormat f = stereo_;
     f.formatTag = 0xFFFE;
     f.avgBytesPerSecond = 12345; // inconsistent on purpose: not checked
     f.extraSize = 22;
     void* h = initWavefileOut(path_.c_str(), &f);
-    const WavefileFormat* kept = getFormatWavefileOut(h);
-    ASSERT_NE(kept, nullptr);
-    EXPECT_NE(kept, &f);
-    EXPECT_EQ(std::memcmp(kept, &f, sizeof f), 0);
+    ASSERT_NE(getFormatWavefileOut(h), nullptr);
+    EXPECT_NE(getFormatWavefileOut(h), &f);
+    EXPECT_EQ(std::memcmp(getFormatWavefileOut(h), &f, sizeof f), 0);
     termWavefileOut(h);
-    Bytes file = dsptest::readFileBytes(path_);
-    ASSERT_EQ(file.size(), 46u);
-    EXPECT_EQ(dsptest::loadLe16(file, 20), 0xFFFE);
-    EXPECT_EQ(dsptest::loadLe32(file, 28), 12345u);
-    EXPECT_EQ(dsptest::loadLe16(file, 36), 22);
+    EXPECT_EQ(dsptest::readFileBytes(path_), expectedFile(f, {}));
 }
 
-TEST_F(WavefileWriterTest, ManyOddWritesAcrossBuffersLandInOrder) {
-    WavefileFormat f = stereoFormat();
+TEST_F(WavefileWriterTest, OddWritesAcrossBuffersLandInOrderAndSizesStayProvisional) {
     Bytes samples = dsptest::patternSamples(700001, 3);
-    void* h = initWavefileOut(path_.c_str(), &f);
-    size_t at = 0;
-    size_t piece = 1;
-    while (at < samples.size()) {
-        size_t n = std::min(piece, samples.size() - at);
-        ASSERT_EQ(writeWavefileOut(h, &samples[at], static_cast<int32_t>(n)),
-                  static_cast<int32_t>(n));
-        at += n;
-        piece = piece * 3 + 7;
-        if (piece > 300000) {
-            piece = 5;
-            EXPECT_EQ(flushWavefileOut(h), 1u);
-        }
-    }
-    EXPECT_EQ(writeWavefileOut(h, samples.data(), 0), 0);
-    EXPECT_EQ(writeWavefileOut(h, samples.data(), -5), -1);
-    EXPECT_EQ(writeWavefileOut(h, nullptr, 5), -1);
-    EXPECT_EQ(termWavefileOut(h), 700001u);
-    EXPECT_EQ(dsptest::readFileBytes(path_), expectedFile(f, samples));
-}
-
-TEST_F(WavefileWriterTest, SizesStayProvisionalUntilClose) {
-    WavefileFormat f = stereoFormat();
-    void* h = initWavefileOut(path_.c_str(), &f);
-    Bytes samples = dsptest::patternSamples(1000);
+    void* h = initWavefileOut(path_.c_str(), &stereo_);
     ASSERT_EQ(writeWavefileOut(h, samples.data(), 1000), 1000);
     EXPECT_EQ(flushWavefileOut(h), 1u);
     Bytes file = dsptest::readFileBytes(path_);
     ASSERT_EQ(file.size(), 1046u);
     EXPECT_EQ(dsptest::loadLe32(file, 4), 0u);
     EXPECT_EQ(dsptest::loadLe32(file, 42), 307200u);
-    EXPECT_EQ(termWavefileOut(h), 1000u);
-    EXPECT_EQ(dsptest::readFileBytes(path_), expectedFile(f, samples));
-}
-
-TEST_F(WavefileWriterTest, WrittenFileReadsBackThroughTheReader) {
-    WavefileFormat f = stereoFormat();
-    Bytes samples = dsptest::patternSamples(176400, 9);
-    void* out = initWavefileOut(path_.c_str(), &f);
-    ASSERT_EQ(writeWavefileOut(out, samples.data(), 176400), 176400);
-    ASSERT_EQ(termWavefileOut(out), 176400u);
-    void* in = initWavefileIn(path_.c_str(), 44100);
-    EXPECT_EQ(seekWavefileIn(in, 0, 1), 46);
-    EXPECT_EQ(std::memcmp(getFormatWavefileIn(in), &f, sizeof f), 0);
-    EXPECT_EQ(dsptest::wavefileSeconds(in), 1.0f);
-    ASSERT_EQ(readWavefileIn(in, nullptr, 44100), 176400);
-    EXPECT_EQ(std::memcmp(getHeaderWavefileIn(in)->buffer, samples.data(), 176400), 0);
-    termWavefileIn(in);
+    for (size_t at = 1000, piece = 1; at < samples.size(); at += piece, piece = piece * 3 + 7) {
+        if (piece > 300000) {
+            piece = 5;
+            EXPECT_EQ(flushWavefileOut(h), 1u);
+        }
+        int32_t n = static_cast<int32_t>(std::min(piece, samples.size() - at));
+        ASSERT_EQ(writeWavefileOut(h, &samples[at], n), n);
+    }
+    EXPECT_EQ(writeWavefileOut(h, samples.data(), 0), 0);
+    EXPECT_EQ(writeWavefileOut(h, samples.data(), -5), -1);
+    EXPECT_EQ(writeWavefileOut(h, nullptr, 5), -1);
+    EXPECT_EQ(termWavefileOut(h), 700001u);
+    EXPECT_EQ(dsptest::readFileBytes(path_), expectedFile(stereo_, samples));
+    // And the reader gets it all back.
+    WavefileFormat format{};
+    EXPECT_EQ(readWithLibrary(path_, format), samples);
+    EXPECT_EQ(std::memcmp(&format, &stereo_, sizeof format), 0);
 }
 
 TEST_F(WavefileWriterTest, FailedOpensStillGiveAHandleThatDoesNothing) {
-    WavefileFormat f = stereoFormat();
     const uint8_t byte = 1;
     for (const char* path :
          {static_cast<const char*>(DSP_TEST_TMPDIR), "", static_cast<const char*>(nullptr)}) {
-        void* h = initWavefileOut(path, &f);
+        void* h = initWavefileOut(path, &stereo_);
         ASSERT_NE(h, nullptr);
         EXPECT_EQ(writeWavefileOut(h, &byte, 1), 0);
         EXPECT_EQ(flushWavefileOut(h), 0u);
-        ASSERT_NE(getFormatWavefileOut(h), nullptr);
-        EXPECT_EQ(std::memcmp(getFormatWavefileOut(h), &f, sizeof f), 0);
+        EXPECT_EQ(std::memcmp(getFormatWavefileOut(h), &stereo_, sizeof stereo_), 0);
         EXPECT_EQ(termWavefileOut(h), 0u);
     }
     // Without a format there is nothing to write, and no file is created.
@@ -171,26 +149,101 @@ TEST_F(WavefileWriterTest, FailedOpensStillGiveAHandleThatDoesNothing) {
     EXPECT_EQ(std::fopen(path_.c_str(), "rb"), nullptr);
 }
 
-TEST(WavefileWriterErrors, WriteBackFailuresAreReported) {
+TEST_F(WavefileWriterTest, WriteBackFailuresAreReported) {
     std::FILE* probe = std::fopen("/dev/full", "r+b");
     if (probe == nullptr) {
         GTEST_SKIP() << "no /dev/full here";
     }
     std::fclose(probe);
-    WavefileFormat f = stereoFormat();
-    void* h = initWavefileOut("/dev/full", &f);
+    void* h = initWavefileOut("/dev/full", &stereo_);
     const uint8_t bytes[64] = {};
     EXPECT_EQ(writeWavefileOut(h, bytes, 64), 64); // still in the buffer
     EXPECT_EQ(flushWavefileOut(h), 0u);
     EXPECT_EQ(termWavefileOut(h), 0u);
 }
 
-TEST(WavefileWriterNullHandle, EveryCallIsHarmless) {
-    const uint8_t byte = 0;
-    EXPECT_EQ(writeWavefileOut(nullptr, &byte, 1), 0);
-    EXPECT_EQ(flushWavefileOut(nullptr), 0u);
-    EXPECT_EQ(getFormatWavefileOut(nullptr), nullptr);
-    EXPECT_EQ(termWavefileOut(nullptr), 0u);
+#if !defined(_WIN32)
+bool run(const std::string& command) {
+    return std::system(command.c_str()) == 0;
 }
+
+bool available(const char* program) {
+    return run(std::string("command -v ") + program + " >/dev/null 2>&1");
+}
+
+std::string readText(const std::string& path) {
+    std::stringstream text;
+    text << std::ifstream(path).rdbuf();
+    return text.str();
+}
+
+TEST_F(WavefileWriterTest, SoxRoundTrips) {
+    if (!available("sox")) {
+        GTEST_SKIP() << "sox is not installed";
+    }
+    std::string raw = dsptest::wavefileTempPath("sox.raw");
+    std::string info = dsptest::wavefileTempPath("sox.txt");
+    Bytes samples = dsptest::patternSamples(2u * 2u * 30011u, 2);
+    writeWithLibrary(path_, pcmFormat(2, 32000), samples);
+    ASSERT_TRUE(run("sox -V1 '" + path_ + "' -t raw -e signed-integer -b 16 '" + raw + "'"));
+    EXPECT_EQ(dsptest::readFileBytes(raw), samples);
+    ASSERT_TRUE(run("sox --i -r '" + path_ + "' > '" + info + "' && sox --i -c '" + path_ +
+                    "' >> '" + info + "'"));
+    EXPECT_EQ(readText(info), "32000\n2\n");
+    // Three channels make sox write the 40-byte extensible format and a
+    // "fact" chunk before "data".
+    samples = dsptest::patternSamples(2u * 3u * 22050u, 43);
+    dsptest::writeFileBytes(raw, samples);
+    ASSERT_TRUE(
+        run("sox -V1 -t raw -r 22050 -e signed-integer -b 16 -c 3 '" + raw + "' '" + path_ + "'"));
+    WavefileFormat format{};
+    EXPECT_EQ(readWithLibrary(path_, format), samples);
+    EXPECT_EQ(format.formatTag, 0xFFFE);
+    EXPECT_EQ(format.channels, 3);
+    EXPECT_EQ(format.samplesPerSecond, 22050u);
+    EXPECT_EQ(format.blockAlign, 6);
+    EXPECT_EQ(format.extraSize, 22);
+    std::remove(raw.c_str());
+    std::remove(info.c_str());
+}
+
+TEST_F(WavefileWriterTest, PythonWaveRoundTrips) {
+    if (!available("python3")) {
+        GTEST_SKIP() << "python3 is not installed";
+    }
+    std::string raw = dsptest::wavefileTempPath("py.raw");
+    std::string info = dsptest::wavefileTempPath("py.txt");
+    const std::string python = "python3 -c 'import sys, wave\n"
+                               "if sys.argv[1] == \"read\":\n"
+                               "    w = wave.open(sys.argv[2], \"rb\")\n"
+                               "    open(sys.argv[3], \"wb\").write(w.readframes(w.getnframes()))\n"
+                               "    print(w.getnchannels(), w.getsampwidth(), w.getframerate(), "
+                               "w.getnframes())\n"
+                               "else:\n"
+                               "    w = wave.open(sys.argv[2], \"wb\")\n"
+                               "    w.setnchannels(1); w.setsampwidth(2); w.setframerate(48000)\n"
+                               "    w.writeframes(open(sys.argv[3], \"rb\").read()); w.close()\n' ";
+    Bytes samples = dsptest::patternSamples(4u * 44100u + 4000u, 77);
+    writeWithLibrary(path_, pcmFormat(2, 44100), samples);
+    ASSERT_TRUE(run(python + "read '" + path_ + "' '" + raw + "' > '" + info + "'"));
+    EXPECT_EQ(dsptest::readFileBytes(raw), samples);
+    EXPECT_EQ(readText(info), "2 2 44100 45100\n");
+
+    samples = dsptest::patternSamples(48002u, 78);
+    dsptest::writeFileBytes(raw, samples);
+    ASSERT_TRUE(run(python + "write '" + path_ + "' '" + raw + "'"));
+    WavefileFormat format{};
+    EXPECT_EQ(readWithLibrary(path_, format), samples);
+    const WavefileFormat mono = pcmFormat(1, 48000);
+    EXPECT_EQ(std::memcmp(&format, &mono, sizeof format), 0);
+    void* h = initWavefileIn(path_.c_str(), 16);
+    EXPECT_EQ(seekWavefileIn(h, 0, 1), 44);
+    EXPECT_EQ(dsptest::wavefileSeconds(h), static_cast<float>(24001.0 / 48000.0));
+    EXPECT_EQ(timeSeekWavefileIn(h, 0.5f, 0), 44 + 48000);
+    termWavefileIn(h);
+    std::remove(raw.c_str());
+    std::remove(info.c_str());
+}
+#endif
 
 } // namespace

@@ -140,10 +140,6 @@ public:
         return static_cast<float>(static_cast<double>(pos) * static_cast<double>(perSample));
     }
 
-    float startGate() const { return startGate_; }
-    float endGate() const { return endGate_; }
-    uint32_t minLength() const { return minLength_; }
-
 private:
     float rate_;
     float startGate_;

@@ -4,31 +4,25 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <fstream>
 #include <iterator>
 
 namespace dsptest {
 
-// Names carry the running test's name: ctest runs tests in parallel
-// processes, which must not share scratch files.
 std::string wavefileTempPath(const std::string& name) {
     const ::testing::TestInfo* test = ::testing::UnitTest::GetInstance()->current_test_info();
     std::string owner = test != nullptr ? std::string(test->test_suite_name()) + "." + test->name()
                                         : std::string("shared");
     for (char& ch : owner) {
-        if (ch == '/') {
-            ch = '_';
-        }
+        ch = ch == '/' ? '_' : ch;
     }
     return std::string(DSP_TEST_TMPDIR) + "/wavefile_" + owner + "_" + name;
 }
 
 void writeFileBytes(const std::string& path, const Bytes& bytes) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out.write(reinterpret_cast<const char*>(bytes.data()),
-              static_cast<std::streamsize>(bytes.size()));
+    std::ofstream(path, std::ios::binary | std::ios::trunc)
+        .write(reinterpret_cast<const char*>(bytes.data()),
+               static_cast<std::streamsize>(bytes.size()));
 }
 
 Bytes readFileBytes(const std::string& path) {
@@ -36,13 +30,8 @@ Bytes readFileBytes(const std::string& path) {
     return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
-void appendLe16(Bytes& out, uint16_t value) {
-    out.push_back(static_cast<uint8_t>(value));
-    out.push_back(static_cast<uint8_t>(value >> 8));
-}
-
-void appendLe32(Bytes& out, uint32_t value) {
-    for (int i = 0; i < 4; ++i) {
+static void appendLe(Bytes& out, uint32_t value, int bytes) {
+    for (int i = 0; i < bytes; ++i) {
         out.push_back(static_cast<uint8_t>(value >> (8 * i)));
     }
 }
@@ -59,14 +48,10 @@ uint32_t loadLe32(const Bytes& bytes, size_t at) {
            (static_cast<uint32_t>(bytes.at(at + 3)) << 24);
 }
 
-uint16_t loadLe16(const Bytes& bytes, size_t at) {
-    return static_cast<uint16_t>(bytes.at(at) | (bytes.at(at + 1) << 8));
-}
-
 Bytes chunkBytesWithSize(const char* id, uint32_t size, const Bytes& body) {
     Bytes out;
     appendId(out, id);
-    appendLe32(out, size);
+    appendLe(out, size, 4);
     out.insert(out.end(), body.begin(), body.end());
     if (body.size() % 2 != 0) {
         out.push_back(0);
@@ -81,7 +66,7 @@ Bytes chunkBytes(const char* id, const Bytes& body) {
 Bytes riffBytesWithSize(const char* form, uint32_t size, const Bytes& chunks) {
     Bytes out;
     appendId(out, "RIFF");
-    appendLe32(out, size);
+    appendLe(out, size, 4);
     appendId(out, form);
     out.insert(out.end(), chunks.begin(), chunks.end());
     return out;
@@ -93,14 +78,14 @@ Bytes riffBytes(const char* form, const Bytes& chunks) {
 
 Bytes pcmFormatBody(uint16_t channels, uint32_t rate, bool withExtraSize, uint16_t extraSize) {
     Bytes out;
-    appendLe16(out, 1);
-    appendLe16(out, channels);
-    appendLe32(out, rate);
-    appendLe32(out, rate * 2u * channels);
-    appendLe16(out, static_cast<uint16_t>(2 * channels));
-    appendLe16(out, 16);
+    appendLe(out, 1, 2);
+    appendLe(out, channels, 2);
+    appendLe(out, rate, 4);
+    appendLe(out, rate * 2u * channels, 4);
+    appendLe(out, 2u * channels, 2);
+    appendLe(out, 16, 2);
     if (withExtraSize) {
-        appendLe16(out, extraSize);
+        appendLe(out, extraSize, 2);
     }
     return out;
 }
@@ -108,9 +93,9 @@ Bytes pcmFormatBody(uint16_t channels, uint32_t rate, bool withExtraSize, uint16
 Bytes patternSamples(size_t bytes, uint32_t seed) {
     Bytes out(bytes);
     uint32_t state = seed * 2654435761u + 12345u;
-    for (size_t i = 0; i < bytes; ++i) {
+    for (uint8_t& b : out) {
         state = state * 1664525u + 1013904223u;
-        out[i] = static_cast<uint8_t>(state >> 24);
+        b = static_cast<uint8_t>(state >> 24);
     }
     return out;
 }
@@ -124,19 +109,6 @@ Bytes canonicalWave(uint16_t channels, uint32_t rate, const Bytes& samples) {
 
 float wavefileSeconds(void* reader) {
     return getHeaderWavefileIn(reader)->seconds;
-}
-
-bool commandAvailable(const char* program) {
-#if defined(_WIN32)
-    (void)program;
-    return false;
-#else
-    return std::system((std::string("command -v ") + program + " >/dev/null 2>&1").c_str()) == 0;
-#endif
-}
-
-bool runCommand(const std::string& command) {
-    return std::system(command.c_str()) == 0;
 }
 
 } // namespace dsptest

@@ -1,5 +1,5 @@
-// Helpers for the WAVE and RIFF tests: scratch paths, whole-file I/O, byte
-// images of RIFF files built chunk by chunk, and external tool checks.
+// Helpers for the WAVE and RIFF tests: scratch paths, whole-file I/O and byte
+// images of RIFF files built chunk by chunk.
 #pragma once
 
 #include <cstdint>
@@ -10,32 +10,29 @@ namespace dsptest {
 
 using Bytes = std::vector<uint8_t>;
 
-// A path in the test scratch directory; every name gets the prefix
-// "wavefile_" so the files of these tests never collide with others.
+// A path in the test scratch directory, specific to the running test (ctest
+// runs tests in parallel processes).
 std::string wavefileTempPath(const std::string& name);
 
 void writeFileBytes(const std::string& path, const Bytes& bytes);
 Bytes readFileBytes(const std::string& path);
 
-void appendLe16(Bytes& out, uint16_t value);
-void appendLe32(Bytes& out, uint32_t value);
 void appendId(Bytes& out, const char* id);
 uint32_t loadLe32(const Bytes& bytes, size_t at);
-uint16_t loadLe16(const Bytes& bytes, size_t at);
 
-// One chunk: id, size, body and a pad byte when the body is odd.
-Bytes chunkBytes(const char* id, const Bytes& body);
-// The same with a size field that need not match the body.
+// One chunk: id, size (the body's unless given), body and a pad byte when
+// the body is odd.
 Bytes chunkBytesWithSize(const char* id, uint32_t size, const Bytes& body);
+Bytes chunkBytes(const char* id, const Bytes& body);
 // "RIFF", size (4 + chunks unless given), form type, then the chunks.
-Bytes riffBytes(const char* form, const Bytes& chunks);
 Bytes riffBytesWithSize(const char* form, uint32_t size, const Bytes& chunks);
+Bytes riffBytes(const char* form, const Bytes& chunks);
 
 // A 16-byte PCM "fmt " body; 18 bytes with the extra-size field when asked.
 Bytes pcmFormatBody(uint16_t channels, uint32_t rate, bool withExtraSize = false,
                     uint16_t extraSize = 0);
 
-// Deterministic 16-bit sample bytes.
+// Deterministic sample bytes.
 Bytes patternSamples(size_t bytes, uint32_t seed = 1);
 
 // The canonical 44-byte-header file around `samples`.
@@ -44,10 +41,5 @@ Bytes canonicalWave(uint16_t channels, uint32_t rate, const Bytes& samples);
 // The reader's header.seconds by value (the field sits at an odd offset of a
 // packed record, so tests never bind references to it).
 float wavefileSeconds(void* reader);
-
-// True when `program` can be run from the shell.
-bool commandAvailable(const char* program);
-// Runs a shell command; true when it exits with 0.
-bool runCommand(const std::string& command);
 
 } // namespace dsptest
