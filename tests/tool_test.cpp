@@ -406,6 +406,17 @@ struct ErrorCase {
     std::string message;
 };
 
+// The main job: 4 s of demo material resampled to 48000 Hz with a report.
+TEST_F(ToolTest, DemoRunsAndReports) {
+    std::string out = tempPath("demo.wav");
+    ToolRun r = runTool("demo " + out);
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.out.find("resample 44100 -> 48000 Hz cubic"), std::string::npos) << r.out;
+    Wave w = readWave(out);
+    EXPECT_EQ(w.rate, 48000u);
+    EXPECT_NEAR(static_cast<double>(w.samples.size()) / 2 / 48000, 4.0, 0.01);
+}
+
 TEST_F(ToolTest, ErrorsGiveOneLineAndTheRightStatus) {
     std::string eightBit = tempPath("eight.wav");
     writeFile(eightBit, waveBytes(8000, 1, std::vector<int16_t>(100), 1, 8));
