@@ -63,31 +63,6 @@ int16_t sseToInt16(float x) {
     return clamp16(std::nearbyint(static_cast<double>(p))); // ties to even
 }
 
-std::vector<int16_t> randomSamples(size_t n, unsigned seed) {
-    std::mt19937 rng(seed);
-    std::uniform_int_distribution<int> dist(-32768, 32767);
-    std::vector<int16_t> v(n);
-    for (auto& s : v) {
-        s = static_cast<int16_t>(dist(rng));
-    }
-    v[0] = -32768;
-    v[1] = 32767;
-    v[2] = -1;
-    return v;
-}
-
-std::vector<float> randomFloats(size_t n, unsigned seed) {
-    std::mt19937 rng(seed);
-    std::uniform_real_distribution<float> dist(-1.2f, 1.2f);
-    std::vector<float> v(n);
-    for (auto& x : v) {
-        x = dist(rng);
-    }
-    const float specials[] = {0.5f, -0.5f, 1.5f, -1.5f, -1.0f, kNaN, 1e20f, -1e20f};
-    std::copy(std::begin(specials), std::end(specials), v.begin());
-    return v;
-}
-
 TEST(PlainConversion, EdgeValues) {
     EXPECT_EQ(sampleToFloat(32767), 1.0f);
     EXPECT_EQ(sampleToFloat(-32768), -1.0000305f);
@@ -118,227 +93,142 @@ TEST(PlainConversion, RoundTripTakesExactly33279ValuesOneStepTowardZero) {
     }
 }
 
-TEST(PlainConversion, LayoutsMixDownAndReturnValues) {
+// Down-mix halves by an arithmetic shift: (-1, -2) gives -2.
+TEST(PlainConversion, MixDownValues) {
     SimdGuard guard;
     SimdGuard::set(false, false, false);
-    // Down-mix halves by an arithmetic shift: (-1, -2) gives -2.
     int16_t pairs[6] = {1, 2, -1, -2, 32767, 32767};
     float mixed[3];
     EXPECT_EQ(dsp::convertToFloat(pairs, sizeof(pairs), mixed, nullptr, 2), 3u);
     EXPECT_EQ(mixed[0], static_cast<float>(1.0 / 32767.0));
     EXPECT_EQ(mixed[1], static_cast<float>(-2.0 / 32767.0));
     EXPECT_EQ(mixed[2], 1.0f);
-
-    float left[3] = {0.5f, -1.0f, 0.25f}, right[3] = {-0.5f, 1.0f, 0.0f};
-    int16_t out[6];
-    EXPECT_EQ(dsp::convertToInt16(left, right, 3, out, 2), 12u);
-    EXPECT_EQ(std::vector<int16_t>(out, out + 6),
-              (std::vector<int16_t>{16383, -16383, -32767, 32767, 8191, 0}));
-    EXPECT_EQ(dsp::convertToInt16(left, nullptr, 3, out, 2), 12u); // mono duplicated
-    EXPECT_EQ(std::vector<int16_t>(out, out + 6),
-              (std::vector<int16_t>{16383, 16383, -32767, -32767, 8191, 8191}));
-    int16_t mono[4] = {7, 7, 7, 7};
-    EXPECT_EQ(dsp::convertToInt16(left, nullptr, 3, mono, 1), 6u);
-    EXPECT_EQ(mono[2], 8191);
-    EXPECT_EQ(mono[3], 7);
-    // Partial frames are ignored on input.
-    int16_t src[5] = {100, 200, 300, 400, 500};
-    float l[4], r[2];
-    EXPECT_EQ(dsp::convertToFloat(src, 10, l, r, 2), 2u);
-    EXPECT_EQ(dsp::convertToFloat(src, 9, l, nullptr, 1), 4u);
 }
 
-struct PathCase {
+struct Path {
     const char* name;
-    bool amd3dnow;
-    bool sse;
-    uint32_t monoGroup;
-    uint32_t stereoGroup;
-    uint32_t mixGroup;
-    uint32_t duplicateGroup; // 0: no kernel, all frames plain
+    bool amd3dnow, sse;
+    uint32_t monoGroup, stereoGroup, mixGroup, duplicateGroup; // 0: no kernel
+    int16_t (*kernelToInt16)(float);
+    uint32_t kernelFrames(uint32_t group, uint32_t n) const { return group ? n - n % group : 0; }
 };
 
-class VectorPathTest : public ::testing::TestWithParam<PathCase> {
+void PrintTo(const Path& p, std::ostream* os) {
+    *os << p.name;
+}
+
+class ConversionPathTest : public ::testing::TestWithParam<Path> {
 protected:
     void SetUp() override { SimdGuard::set(false, GetParam().amd3dnow, GetParam().sse); }
-    int16_t kernelToInt16(float x) const {
-        return GetParam().amd3dnow ? amdToInt16(x) : sseToInt16(x);
-    }
     SimdGuard guard_;
 };
 
-// Samples before the kernel/remainder split follow the kernel model, those
-// after it the plain model, each at its own position, for every block length.
-TEST_P(VectorPathTest, ToFloatSplitsKernelAndRemainder) {
-    const PathCase& pc = GetParam();
-    auto src = randomSamples(128, 1);
-    for (uint32_t n = 0; n <= 40; ++n) {
-        AlignedFloats left(n + 1), right(n + 1), mixed(n + 1);
-        left[n] = 99.0f;
-        ASSERT_EQ(dsp::convertToFloat(src.data(), n * 2 + 1, left.data(), nullptr, 1), n);
-        EXPECT_EQ(left[n], 99.0f);
-        for (uint32_t i = 0; i < n; ++i) {
-            ASSERT_EQ(left[i],
-                      i < n - n % pc.monoGroup ? kernelToFloat(src[i]) : plainToFloat(src[i]))
-                << "mono n=" << n << " i=" << i;
-        }
-        ASSERT_EQ(dsp::convertToFloat(src.data(), n * 4 + 3, left.data(), right.data(), 2), n);
-        ASSERT_EQ(dsp::convertToFloat(src.data(), n * 4 + 3, mixed.data(), nullptr, 2), n);
-        for (uint32_t i = 0; i < n; ++i) {
-            int16_t l = src[2 * i], r = src[2 * i + 1];
-            bool kernel = i < n - n % pc.stereoGroup;
-            ASSERT_EQ(left[i], kernel ? kernelToFloat(l) : plainToFloat(l)) << n << " " << i;
-            ASSERT_EQ(right[i], kernel ? kernelToFloat(r) : plainToFloat(r)) << n << " " << i;
-            ASSERT_EQ(mixed[i], i < n - n % pc.mixGroup ? kernelMix(l, r) : plainMix(l, r))
-                << "mix n=" << n << " i=" << i;
-        }
-    }
-}
-
-TEST_P(VectorPathTest, ToInt16SplitsKernelAndRemainder) {
-    const PathCase& pc = GetParam();
-    auto l = randomFloats(40, 4), r = randomFloats(40, 5);
-    std::reverse(r.begin(), r.end());
-    for (uint32_t n = 0; n <= 40; ++n) {
-        AlignedFloats left(n + 1), right(n + 1);
-        std::copy(l.begin(), l.begin() + n, left.data());
-        std::copy(r.begin(), r.begin() + n, right.data());
-        std::vector<int16_t> mono(n + 1, 1234), stereo(2 * n + 1, 1234), dup(2 * n);
-        ASSERT_EQ(dsp::convertToInt16(left.data(), nullptr, n, mono.data(), 1), n * 2);
-        ASSERT_EQ(dsp::convertToInt16(left.data(), right.data(), n, stereo.data(), 2), n * 4);
-        ASSERT_EQ(dsp::convertToInt16(left.data(), nullptr, n, dup.data(), 2), n * 4);
-        EXPECT_EQ(mono[n], 1234);
-        EXPECT_EQ(stereo[2 * n], 1234);
-        auto model = [&](float x, bool kernel) {
-            return kernel ? kernelToInt16(x) : plainToInt16(x);
-        };
-        const uint32_t dupKernel = pc.duplicateGroup ? n - n % pc.duplicateGroup : 0;
-        for (uint32_t i = 0; i < n; ++i) {
-            ASSERT_EQ(mono[i], model(l[i], i < n - n % pc.monoGroup)) << n << " " << i;
-            bool kernel = i < n - n % pc.stereoGroup;
-            ASSERT_EQ(stereo[2 * i], model(l[i], kernel)) << n << " " << i;
-            ASSERT_EQ(stereo[2 * i + 1], model(r[i], kernel)) << n << " " << i;
-            ASSERT_EQ(dup[2 * i], model(l[i], i < dupKernel)) << n << " " << i;
-            ASSERT_EQ(dup[2 * i + 1], dup[2 * i]);
-        }
-    }
-}
-
-// Whole-range checks: every 16-bit sample in every layout, and a sweep over
-// the float range (every 4099th bit pattern: all signs, exponents, NaNs and
-// infinities) plus the values next to each rounding tie. Block lengths are
-// multiples of eight, so the vector paths use their kernels throughout.
-struct WholeRangeModels {
-    float (*toFloat)(int16_t);
-    float (*mix)(int16_t, int16_t);
-    int16_t (*toInt16)(float);
-    int16_t (*duplicate)(float);
-};
-
-void checkWholeRange(const WholeRangeModels& m) {
-    constexpr uint32_t kAll = 65536;
-    std::vector<int16_t> mono(kAll), stereo(2 * kAll);
-    for (uint32_t i = 0; i < kAll; ++i) {
-        mono[i] = stereo[2 * i] = static_cast<int16_t>(i);
-        stereo[2 * i + 1] = static_cast<int16_t>(i * 40503u + 7u);
-    }
-    AlignedFloats left(kAll), right(kAll);
-    dsp::convertToFloat(mono.data(), kAll * 2, left.data(), nullptr, 1);
-    for (uint32_t i = 0; i < kAll; ++i) {
-        ASSERT_EQ(left[i], m.toFloat(mono[i])) << "mono " << mono[i];
+// Frames before the kernel/remainder split follow the kernel model, those
+// after it the plain model, each at its own position; bytes past the last
+// whole frame are ignored and nothing past n is written.
+void checkToFloat(const Path& p, const std::vector<int16_t>& src, uint32_t n) {
+    AlignedFloats a(n + 1), b(n + 1), m(n + 1);
+    a[n] = 99.0f;
+    ASSERT_EQ(dsp::convertToFloat(src.data(), n * 2 + 1, a.data(), nullptr, 1), n);
+    ASSERT_EQ(a[n], 99.0f);
+    for (uint32_t i = 0; i < n; ++i) {
+        ASSERT_EQ(a[i],
+                  i < p.kernelFrames(p.monoGroup, n) ? kernelToFloat(src[i]) : plainToFloat(src[i]))
+            << "mono n=" << n << " i=" << i;
         // Before rounding every path lies in [s/32767, (s+1)/32767).
-        ASSERT_GE(left[i], static_cast<float>(mono[i] / 32767.0));
-        ASSERT_LE(left[i], static_cast<float>((mono[i] + 1) / 32767.0));
+        ASSERT_GE(a[i], static_cast<float>(src[i] / 32767.0));
+        ASSERT_LE(a[i], static_cast<float>((src[i] + 1) / 32767.0));
     }
-    dsp::convertToFloat(stereo.data(), kAll * 4, left.data(), right.data(), 2);
-    for (uint32_t i = 0; i < kAll; ++i) {
-        ASSERT_EQ(left[i], m.toFloat(stereo[2 * i])) << "left " << stereo[2 * i];
-        ASSERT_EQ(right[i], m.toFloat(stereo[2 * i + 1])) << "right " << stereo[2 * i + 1];
+    ASSERT_EQ(dsp::convertToFloat(src.data(), n * 4 + 3, a.data(), b.data(), 2), n);
+    ASSERT_EQ(dsp::convertToFloat(src.data(), n * 4 + 3, m.data(), nullptr, 2), n);
+    for (uint32_t i = 0; i < n; ++i) {
+        int16_t l = src[2 * i], r = src[2 * i + 1];
+        bool kernel = i < p.kernelFrames(p.stereoGroup, n);
+        ASSERT_EQ(a[i], kernel ? kernelToFloat(l) : plainToFloat(l)) << n << " " << i;
+        ASSERT_EQ(b[i], kernel ? kernelToFloat(r) : plainToFloat(r)) << n << " " << i;
+        ASSERT_EQ(m[i], i < p.kernelFrames(p.mixGroup, n) ? kernelMix(l, r) : plainMix(l, r))
+            << "mix n=" << n << " i=" << i;
     }
-    dsp::convertToFloat(stereo.data(), kAll * 4, left.data(), nullptr, 2);
-    for (uint32_t i = 0; i < kAll; ++i) {
-        ASSERT_EQ(left[i], m.mix(stereo[2 * i], stereo[2 * i + 1])) << "frame " << i;
-    }
+}
 
-    std::vector<float> values;
+void checkToInt16(const Path& p, const float* l, const float* r, uint32_t n) {
+    AlignedFloats left(n), right(n);
+    std::copy(l, l + n, left.data());
+    std::copy(r, r + n, right.data());
+    std::vector<int16_t> mono(n + 1, 1234), stereo(2 * n + 1, 1234), dup(2 * n);
+    ASSERT_EQ(dsp::convertToInt16(left.data(), nullptr, n, mono.data(), 1), n * 2);
+    ASSERT_EQ(dsp::convertToInt16(left.data(), right.data(), n, stereo.data(), 2), n * 4);
+    ASSERT_EQ(dsp::convertToInt16(left.data(), nullptr, n, dup.data(), 2), n * 4);
+    ASSERT_EQ(mono[n], 1234);
+    ASSERT_EQ(stereo[2 * n], 1234);
+    auto model = [&](float x, uint32_t group, uint32_t i) {
+        return i < p.kernelFrames(group, n) ? p.kernelToInt16(x) : plainToInt16(x);
+    };
+    for (uint32_t i = 0; i < n; ++i) {
+        ASSERT_EQ(mono[i], model(l[i], p.monoGroup, i)) << "mono " << n << " " << l[i];
+        ASSERT_EQ(stereo[2 * i], model(l[i], p.stereoGroup, i)) << n << " " << l[i];
+        ASSERT_EQ(stereo[2 * i + 1], model(r[i], p.stereoGroup, i)) << n << " " << r[i];
+        ASSERT_EQ(dup[2 * i], model(l[i], p.duplicateGroup, i)) << "dup " << n << " " << l[i];
+        ASSERT_EQ(dup[2 * i + 1], dup[2 * i]);
+    }
+}
+
+// Every block length up to 40, then every 16-bit sample in every layout and a
+// sweep over the float range (every 4099th bit pattern: all signs, exponents,
+// NaNs and infinities) plus the values next to each rounding tie.
+TEST_P(ConversionPathTest, MatchesTheModelsForEveryLengthAndOverTheWholeRange) {
+    const uint32_t kFrames = 65536 + 5;
+    std::vector<int16_t> samples(2 * kFrames + 2);
+    for (uint32_t i = 0; i < samples.size(); ++i) {
+        samples[i] = static_cast<int16_t>(i * 40503u + 7u); // a permutation of every value
+    }
+    std::vector<float> ties, values = {0.5f, -0.5f, 1.5f, -1.5f, -1.0f, kNaN, 1e20f, -1e20f};
+    for (int k = -32769; k <= 32768; k += 7) {
+        float tie = static_cast<float>((k + 0.5) / 32767.0);
+        ties.insert(ties.end(), {tie, std::nextafter(tie, 2.0f), std::nextafter(tie, -2.0f)});
+    }
+    std::shuffle(ties.begin(), ties.end(), std::mt19937(4));
+    values.insert(values.end(), ties.begin(), ties.end());
     for (uint64_t bits = 0; bits < (uint64_t(1) << 32); bits += 4099) {
         values.push_back(bitsToFloat(static_cast<uint32_t>(bits)));
     }
-    for (int k = -32769; k <= 32768; k += 7) {
-        float tie = static_cast<float>((k + 0.5) / 32767.0);
-        values.insert(values.end(), {tie, std::nextafter(tie, 2.0f), std::nextafter(tie, -2.0f)});
+    std::vector<float> reversed(values.rbegin(), values.rend());
+    for (uint32_t n = 0; n <= 40; ++n) {
+        checkToFloat(GetParam(), samples, n);
+        checkToInt16(GetParam(), values.data(), values.data() + 100, n);
     }
-    const uint32_t n = static_cast<uint32_t>(values.size() - values.size() % 8);
-    AlignedFloats l(n), r(n);
-    for (uint32_t i = 0; i < n; ++i) {
-        l[i] = values[i];
-        r[i] = values[n - 1 - i];
-    }
-    std::vector<int16_t> out(2 * n);
-    dsp::convertToInt16(l.data(), nullptr, n, out.data(), 1);
-    for (uint32_t i = 0; i < n; ++i) {
-        ASSERT_EQ(out[i], m.toInt16(l[i])) << "mono " << l[i];
-    }
-    dsp::convertToInt16(l.data(), r.data(), n, out.data(), 2);
-    for (uint32_t i = 0; i < n; ++i) {
-        ASSERT_EQ(out[2 * i], m.toInt16(l[i])) << "left " << l[i];
-        ASSERT_EQ(out[2 * i + 1], m.toInt16(r[i])) << "right " << r[i];
-    }
-    dsp::convertToInt16(l.data(), nullptr, n, out.data(), 2);
-    for (uint32_t i = 0; i < n; ++i) {
-        ASSERT_EQ(out[2 * i], m.duplicate(l[i])) << "duplicate " << l[i];
-        ASSERT_EQ(out[2 * i + 1], out[2 * i]);
-    }
+    checkToFloat(GetParam(), samples, kFrames);
+    checkToInt16(GetParam(), values.data(), reversed.data(), static_cast<uint32_t>(values.size()));
 }
 
-TEST_P(VectorPathTest, KernelsMatchTheModelOverTheWholeRange) {
-    auto toInt16 = GetParam().amd3dnow ? amdToInt16 : sseToInt16;
-    checkWholeRange(
-        {kernelToFloat, kernelMix, toInt16, GetParam().duplicateGroup ? toInt16 : plainToInt16});
-}
-
-TEST(PlainConversion, MatchesTheModelOverTheWholeRange) {
-    SimdGuard guard;
-    SimdGuard::set(false, false, false);
-    checkWholeRange({plainToFloat, plainMix, plainToInt16, plainToInt16});
-}
-
-INSTANTIATE_TEST_SUITE_P(Paths, VectorPathTest,
-                         ::testing::Values(PathCase{"amd3dnow", true, false, 4, 2, 4, 4},
-                                           PathCase{"sse", false, true, 8, 4, 8, 0},
-                                           PathCase{"both", true, true, 4, 2, 4, 4}),
+INSTANTIATE_TEST_SUITE_P(Paths, ConversionPathTest,
+                         ::testing::Values(Path{"plain", false, false, 0, 0, 0, 0, plainToInt16},
+                                           Path{"amd3dnow", true, false, 4, 2, 4, 4, amdToInt16},
+                                           Path{"sse", false, true, 8, 4, 8, 0, sseToInt16},
+                                           Path{"both", true, true, 4, 2, 4, 4, amdToInt16}),
                          [](const auto& info) { return std::string(info.param.name); });
 
-// The listed kernel-share results: SSE rounds to nearest over the full int16
-// range, 3DNow! truncates; with both on, 3DNow! wins. The SSE remainder
-// (samples 8..12) gives the plain results.
+// The listed kernel-share results: SSE converts 8 of 13 by its kernel
+// (nearest, full int16 range) and 5 by the plain rules; 3DNow! converts 12 by
+// its truncating kernel and wins when SSE is on too.
 TEST(VectorConversion, KernelShareAndRemainderValues) {
     SimdGuard guard;
-    const float in[13] = {0.5f, -0.5f, 1.5f,  -1.5f, -1.0f, 0.5f, -0.5f,
-                          1.5f, 0.5f,  -0.5f, 1.5f,  -1.5f, -1.0f};
-    const struct {
-        bool amd3dnow, sse;
-        int16_t expected[13];
-    } cases[] = {
-        {false,
-         true,
-         {16384, -16384, 32767, -32768, -32767, 16384, -16384, 32767, 16383, -16383, 32767, -32767,
-          -32767}},
-        {true,
-         true,
-         {16383, -16383, 32767, -32768, -32767, 16383, -16383, 32767, 16383, -16383, 32767, -32768,
-          -32767}},
-    };
-    AlignedFloats buffer(13);
-    std::copy(in, in + 13, buffer.data());
-    for (const auto& c : cases) {
-        SimdGuard::set(false, c.amd3dnow, c.sse);
-        int16_t out[13];
-        dsp::convertToInt16(buffer.data(), nullptr, 13, out, 1);
-        for (int i = 0; i < 13; ++i) {
-            EXPECT_EQ(out[i], c.expected[i]) << c.amd3dnow << " " << i;
-        }
+    AlignedFloats in(13);
+    const float values[5] = {0.5f, -0.5f, 1.5f, -1.5f, -1.0f};
+    for (int i = 0; i < 13; ++i) {
+        in[i] = values[i % 5];
     }
+    const std::vector<int16_t> sse = {16384, -16384, 32767,  -32768, -32767, 16384, -16384,
+                                      32767, -32767, -32767, 16383,  -16383, 32767};
+    const std::vector<int16_t> amd = {16383, -16383, 32767,  -32768, -32767, 16383, -16383,
+                                      32767, -32768, -32767, 16383,  -16383, 32767};
+    std::vector<int16_t> out(13);
+    SimdGuard::set(false, false, true);
+    dsp::convertToInt16(in.data(), nullptr, 13, out.data(), 1);
+    EXPECT_EQ(out, sse);
+    SimdGuard::set(false, true, true);
+    dsp::convertToInt16(in.data(), nullptr, 13, out.data(), 1);
+    EXPECT_EQ(out, amd);
 }
 
 TEST(VectorConversion, SseUnalignedLeftIsLedByPlainFrames) {
