@@ -163,15 +163,12 @@ TEST_P(AllocationFailure, ChainBuildingFailsCleanly) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Injectors, AllocationFailure, ::testing::Values(kPool, kHeap),
-                         [](const auto& info) { return std::string(info.param.name); });
-
 // The WAVE writer and reader with each of their heap allocations failing: the
 // handle is 0 or its calls report the failure (0), never a crash or a
 // half-written count.
-TEST(AllocationFailureWavefiles, WavefilesSurviveHeapFailure) {
-    if (!heapFailureTakesEffect()) {
-        GTEST_SKIP() << "the nothrow operator new cannot be replaced on this platform";
+TEST_P(AllocationFailure, WavefilesSurviveHeapFailure) {
+    if (!heap()) {
+        GTEST_SKIP() << "the WAVE reader and writer take nothing from the pool";
     }
     const std::string path = std::string(DSP_TEST_TMPDIR) + "/allocation_failure_heap.wav";
     const WavefileFormat format{1, 2, 22050, 22050 * 4, 4, 16, 0};
@@ -223,5 +220,8 @@ TEST(AllocationFailureWavefiles, WavefilesSurviveHeapFailure) {
     EXPECT_GE(reads, 2u);
     std::remove(path.c_str());
 }
+
+INSTANTIATE_TEST_SUITE_P(, AllocationFailure, ::testing::Values(kPool, kHeap),
+                         [](const auto& info) { return std::string(info.param.name); });
 
 } // namespace
