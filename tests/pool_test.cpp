@@ -6,70 +6,34 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <vector>
 
 namespace {
 
 bool aligned16(const void* p) {
-    return reinterpret_cast<uintptr_t>(p) % 16 == 0;
+    return p != nullptr && reinterpret_cast<uintptr_t>(p) % 16 == 0;
 }
 
-TEST(FastmemPool, AllocationIsAlignedAndAccountsSizePlus15) {
-    uint32_t before = fastmemGetAllocatedSize();
-    void* p = fastmemAlloc(100);
-    ASSERT_NE(p, nullptr);
-    EXPECT_TRUE(aligned16(p));
-    EXPECT_EQ(fastmemGetAllocatedSize(), before + 115);
-    // The whole block is usable.
-    std::memset(p, 0xAB, 100);
-    EXPECT_EQ(fastmemFree(p), 1u);
-    EXPECT_EQ(fastmemGetAllocatedSize(), before);
-}
-
-TEST(FastmemPool, ZeroBytesGivesAValidAlignedBlock) {
-    uint32_t before = fastmemGetAllocatedSize();
-    void* p = fastmemAlloc(0);
-    ASSERT_NE(p, nullptr);
-    EXPECT_TRUE(aligned16(p));
-    EXPECT_EQ(fastmemGetAllocatedSize(), before + 15);
-    EXPECT_EQ(fastmemFree(p), 1u);
-    EXPECT_EQ(fastmemGetAllocatedSize(), before);
-}
-
-TEST(FastmemPool, ReleasingTheMiddleBlockKeepsTheOthers) {
+TEST(FastmemPool, BlocksAreAlignedAndAccountSizePlus15InAnyReleaseOrder) {
     dsp::FastmemPool& pool = dsp::fastmemPool();
-    uint32_t before = fastmemGetAllocatedSize();
-    uint32_t count = pool.blockCount();
-    void* a = fastmemAlloc(10);
-    void* b = fastmemAlloc(20);
+    const uint32_t before = fastmemGetAllocatedSize(), count = pool.blockCount();
+    void* p = fastmemAlloc(100);
+    ASSERT_TRUE(aligned16(p));
+    EXPECT_EQ(fastmemGetAllocatedSize(), before + 115);
+    std::memset(p, 0xAB, 100); // the whole block is usable
+    void* empty = fastmemAlloc(0);
+    ASSERT_TRUE(aligned16(empty));
+    EXPECT_EQ(fastmemGetAllocatedSize(), before + 130);
     void* c = fastmemAlloc(30);
-    EXPECT_EQ(pool.blockCount(), count + 3);
-    EXPECT_EQ(fastmemFree(b), 1u);
+    // Releasing the middle block keeps the others.
+    EXPECT_EQ(fastmemFree(empty), 1u);
     EXPECT_EQ(pool.blockCount(), count + 2);
-    EXPECT_EQ(fastmemGetAllocatedSize(), before + 25 + 45);
-    EXPECT_EQ(fastmemFree(a), 1u);
+    EXPECT_EQ(fastmemGetAllocatedSize(), before + 115 + 45);
+    EXPECT_EQ(fastmemFree(p), 1u);
     EXPECT_EQ(fastmemFree(c), 1u);
     EXPECT_EQ(pool.blockCount(), count);
-    EXPECT_EQ(fastmemGetAllocatedSize(), before);
-}
 
-TEST(FastmemPool, UnknownDoubleAndInteriorPointersAreRefused) {
-    uint32_t before = fastmemGetAllocatedSize();
-    void* p = fastmemAlloc(64);
-    int onStack = 0;
-    EXPECT_EQ(fastmemFree(&onStack), 0u);
-    EXPECT_EQ(fastmemFree(static_cast<char*>(p) + 16), 0u);
-    EXPECT_EQ(fastmemFree(nullptr), 0u);
-    EXPECT_EQ(fastmemGetAllocatedSize(), before + 79);
-    EXPECT_EQ(fastmemFree(p), 1u);
-    EXPECT_EQ(fastmemFree(p), 0u);
-    EXPECT_EQ(fastmemGetAllocatedSize(), before);
-}
-
-TEST(FastmemPool, ManyBlocksReleasedInAnyOrderReturnTheTotalToItsStart) {
-    uint32_t before = fastmemGetAllocatedSize();
     std::vector<void*> blocks;
     uint32_t expected = before;
     for (uint32_t i = 0; i < 200; ++i) {
@@ -78,7 +42,7 @@ TEST(FastmemPool, ManyBlocksReleasedInAnyOrderReturnTheTotalToItsStart) {
         ASSERT_TRUE(aligned16(blocks.back()));
     }
     EXPECT_EQ(fastmemGetAllocatedSize(), expected);
-    for (size_t i = 0; i < blocks.size(); i += 2) {
+    for (size_t i = 0; i < blocks.size(); i += 2) { // oldest first, then newest first
         EXPECT_EQ(fastmemFree(blocks[i]), 1u);
     }
     for (size_t i = blocks.size() - 1; i < blocks.size(); i -= 2) {
@@ -87,27 +51,35 @@ TEST(FastmemPool, ManyBlocksReleasedInAnyOrderReturnTheTotalToItsStart) {
     EXPECT_EQ(fastmemGetAllocatedSize(), before);
 }
 
-TEST(FastmemPool, SizesThatWouldOverflowTheAccountingAreRefused) {
-    uint32_t before = fastmemGetAllocatedSize();
+TEST(FastmemPool, UnknownDoubleInteriorAndOversizedRequestsAreRefused) {
+    const uint32_t before = fastmemGetAllocatedSize();
+    void* p = fastmemAlloc(64);
+    int onStack = 0;
+    EXPECT_EQ(fastmemFree(&onStack), 0u);
+    EXPECT_EQ(fastmemFree(static_cast<char*>(p) + 16), 0u);
+    EXPECT_EQ(fastmemFree(nullptr), 0u);
+    EXPECT_EQ(fastmemGetAllocatedSize(), before + 79);
+    EXPECT_EQ(fastmemFree(p), 1u);
+    EXPECT_EQ(fastmemFree(p), 0u);
+    // Sizes whose + 15 would overflow the accounting.
     EXPECT_EQ(fastmemAlloc(UINT32_MAX), nullptr);
     EXPECT_EQ(fastmemAlloc(UINT32_MAX - 14), nullptr);
     EXPECT_EQ(fastmemGetAllocatedSize(), before);
 }
 
-void* failingAlloc(size_t) {
-    return nullptr;
-}
-
 TEST(FastmemPool, SystemAllocatorFailureReturnsNullAndLeavesNoTrace) {
     dsp::FastmemPool& pool = dsp::fastmemPool();
-    uint32_t before = fastmemGetAllocatedSize();
-    uint32_t count = pool.blockCount();
-    pool.setSystemAllocator(failingAlloc);
+    const uint32_t before = fastmemGetAllocatedSize(), count = pool.blockCount();
+    pool.setSystemAllocator([](size_t) -> void* { return nullptr; });
     void* p = fastmemAlloc(128);
     pool.setSystemAllocator(nullptr);
     EXPECT_EQ(p, nullptr);
     EXPECT_EQ(fastmemGetAllocatedSize(), before);
     EXPECT_EQ(pool.blockCount(), count);
+    void* next = fastmemAlloc(100);
+    ASSERT_NE(next, nullptr);
+    EXPECT_EQ(fastmemGetAllocatedSize(), before + 115);
+    EXPECT_EQ(fastmemFree(next), 1u);
 }
 
 TEST(FastmemPool, ReleaseAllEmptiesAPrivatePool) {
@@ -119,8 +91,7 @@ TEST(FastmemPool, ReleaseAllEmptiesAPrivatePool) {
     EXPECT_EQ(pool.allocatedSize(), 0u);
     EXPECT_EQ(pool.blockCount(), 0u);
     pool.releaseAll(); // nothing to do
-    void* p = pool.allocate(5);
-    EXPECT_TRUE(pool.release(p));
+    EXPECT_TRUE(pool.release(pool.allocate(5)));
 }
 
 } // namespace

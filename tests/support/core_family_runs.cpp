@@ -1,0 +1,87 @@
+#include "support/core_family_runs.h"
+
+#include "dsp.h"
+
+namespace dsptest {
+
+namespace {
+
+using AudioCall = uint32_t (*)(void*, const int16_t*, int16_t*, uint32_t);
+using AnalyzerCall = uint32_t (*)(void*, const int16_t*, float*, uint32_t);
+
+template <AudioCall Fn>
+uint32_t audio(void* h, const int16_t* in, void* out, uint32_t bytes) {
+    return Fn(h, in, static_cast<int16_t*>(out), bytes);
+}
+
+template <AnalyzerCall Fn>
+uint32_t analyzer(void* h, const int16_t* in, void* out, uint32_t bytes) {
+    return Fn(h, in, static_cast<float*>(out), bytes);
+}
+
+uint32_t fade(void* h, const int16_t* in, void* out, uint32_t bytes) {
+    return doFade(h, 0, in, static_cast<int16_t*>(out), bytes);
+}
+
+uint32_t slice(void* h, const int16_t* in, void* out, uint32_t bytes) {
+    const uint32_t result = doWaveSlice(h, in, bytes);
+    float* times = static_cast<float*>(out);
+    for (uint32_t i = 0; i < 4; ++i) {
+        const SliceRecord* record = getWaveSlice(h, i);
+        times[2 * i] = record != nullptr ? record->startSeconds : -1.0f;
+        times[2 * i + 1] = record != nullptr ? record->endSeconds : -1.0f;
+    }
+    return result;
+}
+
+constexpr uint32_t kF = kFamilyFrames;
+
+} // namespace
+
+const std::vector<FamilyRun>& familyRuns() {
+    static const std::vector<FamilyRun> runs = {
+        {"IirFilter", 2, [] { return initIirFilter(kF, 2, 44100, 4, 1000.0f, 0); },
+         audio<doIirFilter>, termIirFilter, nullptr},
+        {"Fader", 2, [] { return initFader(kF, 2, 44100, 0.0f, -6.0f, 0.0f); }, fade, termFader,
+         [](void* h) { setFaderAction(h, 0, 0.0f, 0.01f, -20.0f); }},
+        {"Chorus", 2, [] { return initChorus(kF, 2, 44100, 3, 20.0f, 2.0f, 1.0f, 50.0f, 50.0f); },
+         audio<doChorus>, termChorus, nullptr},
+        {"Resampler", 2, [] { return initResampler(kF, 2, 2, 44100, 48000, 1, 60.0f, 60.0f, 1); },
+         audio<doResampler>, termResampler, nullptr},
+        {"ResamplerMonoToStereo", 1,
+         [] { return initResampler(kF, 1, 2, 22050, 48000, 2, 60.0f, 60.0f, 1); },
+         audio<doResampler>, termResampler, nullptr},
+        {"HqupsMonoToStereo", 1,
+         [] { return initHqups(kF * 2, 1, 2, 32000, 0.7f, 60.0f, 6000, 0, 60.0f, 60.0f, 0, 1); },
+         audio<doHqups>, termHqups, nullptr},
+        {"HqupsBySrcsize", 2,
+         [] {
+             return initHqupsBySrcsize(kF, 2, 2, 22050, 0.5f, 50.0f, 5000, 1, 60.0f, 60.0f, 1, 1);
+         },
+         audio<doHqups>, termHqups, nullptr},
+        {"PitchShift", 2, [] { return initPitchShift(kF, 2, 44100, 300.0f, 0.0f, 0.05f, 0.01f); },
+         audio<doPitchShift>, termPitchShift, nullptr},
+        {"Stretch", 2, [] { return initStretch(kF, 2, 44100, -700.0f, 0.0f, 0.05f, 0.01f); },
+         audio<doStretch>, termStretch, nullptr},
+        {"Fft", 2, [] { return initFft(512, 2, 2, 100); }, analyzer<doFft>, termFft, nullptr},
+        {"FftAnalyze", 2, [] { return initFftAnalyze(kF, 2, 512, 1024); }, analyzer<doFftAnalyze>,
+         termFftAnalyze, nullptr},
+        {"EnvAnalyze", 2, [] { return initEnvAnalyze(kF, 2, 44100); }, analyzer<doEnvAnalyze>,
+         termEnvAnalyze, nullptr},
+        {"WaveSlice", 2, [] { return initWaveSlice(kF, 2, 48000, -40.0f, -60.0f, 2.0f, 0.001f); },
+         slice, termWaveSlice, nullptr},
+    };
+    return runs;
+}
+
+std::vector<int16_t> testSignal(uint32_t samples, uint32_t seed) {
+    std::vector<int16_t> data(samples);
+    uint32_t state = seed;
+    for (int16_t& s : data) {
+        state = state * 1664525u + 1013904223u;
+        s = static_cast<int16_t>(static_cast<int32_t>(state >> 16) - 32768) / 3;
+    }
+    return data;
+}
+
+} // namespace dsptest
