@@ -39,9 +39,15 @@ void PitchShiftProcessor::configure(uint32_t frames, uint32_t channelCount, uint
     setupBuffers(frames, channelCount);
     inRate = rate;
     if (rate != outRate && rate != 0) {
-        // A setup that fails leaves that engine running at its old rate.
+        // An engine that cannot be set up for the new rate leaves the
+        // processor without buffers (not ready), so a chain refuses to send
+        // and retries the whole configuration, instead of running that
+        // engine at its old rate.
         for (PitchShiftChannel& channel : channels) {
-            channel.setup(rate, pitchCents, outLevelDb, grainSeconds, spacingSeconds);
+            if (!channel.setup(rate, pitchCents, outLevelDb, grainSeconds, spacingSeconds)) {
+                releaseBuffers();
+                return;
+            }
         }
     }
     outRate = rate;

@@ -102,10 +102,16 @@ void StretchProcessor::configure(uint32_t frames, uint32_t channelCount, uint32_
     }
     inRate = rate;
     if (rate != outRate && rate != 0) {
-        // A setup that fails leaves that engine running at its old rate.
+        // As for the pitch shifter: an engine that cannot be set up leaves
+        // the processor without buffers rather than running at its old rate.
         uint32_t produced = 0;
         for (StretchChannel& channel : channels) {
-            channel.setup(frames, rate, scale, outLevelDb, grainSeconds, spacingSeconds, &produced);
+            if (!channel.setup(frames, rate, scale, outLevelDb, grainSeconds, spacingSeconds,
+                               &produced)) {
+                releaseBuffers();
+                outCapacity = 0;
+                return;
+            }
         }
     }
     outRate = rate;
