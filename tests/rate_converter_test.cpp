@@ -1,6 +1,6 @@
 // The per-channel rate converter: counts and chunk shares, the filter order
-// estimate, the linear and cubic paths against an independent model,
-// block-size independence, the anti-alias filter and the guards.
+// estimate, both interpolations against an independent model, block-size
+// independence and the guards.
 #include "core/simd_flags.h"
 #include "filters/iir_designer.h"
 #include "rate/rate_converter.h"
@@ -15,17 +15,19 @@
 
 namespace {
 
+using dsptest::noiseBlock;
+
 constexpr float kRipple = 0.1f;
 
 struct Setting {
     uint32_t srcRate, dstRate, interpolation;
 };
 
+// Converts one block and checks nothing is written past the count (equal
+// rates copy every source frame even where the count falls one short).
 std::vector<float> convertBlock(dsp::RateConverter& c, const std::vector<float>& in) {
     std::vector<float> out(in.size() * 8 + 16, -7.0f);
     uint32_t n = c.convert(in.data(), out.data(), static_cast<uint32_t>(in.size()));
-    // Nothing is written past the count, except that equal rates copy every
-    // source frame even where the count falls one short.
     size_t written = c.direction == 0 ? std::max<size_t>(n, in.size()) : n;
     for (size_t i = written; i < out.size(); ++i) {
         EXPECT_EQ(out[i], -7.0f) << "written past the count at " << i;
@@ -43,8 +45,7 @@ TEST(RateConverter, FilterOrderEstimateAndCounts) {
     EXPECT_EQ(c.filter.rate, 48000.0f);
     EXPECT_EQ(c.filter.frequency, 11025.0f);
     EXPECT_EQ(c.outputFramesFor(16384), 17832u);
-    // Other attenuation/slope pairs (6.71, 4.93, 9.14, 11.70 truncated) and
-    // settings that cap the order at 64 or leave no valid edge (order 0).
+    // Estimates 6.71, 4.93, 9.14, 11.70 truncated; the cap of 64; no valid edge.
     const struct {
         float a, s;
         int32_t order;
@@ -66,14 +67,14 @@ TEST(RateConverter, FilterOrderEstimateAndCounts) {
             EXPECT_EQ(d.filter.rate, 48000.0f);
             EXPECT_FLOAT_EQ(d.filter.frequency, k.edge);
         }
-        for (float v : convertBlock(d, dsptest::noiseBlock(2048, 11))) {
+        for (float v : convertBlock(d, noiseBlock(2048, 11))) {
             ASSERT_TRUE(std::isfinite(v)) << k.a << "/" << k.s;
         }
     }
 }
 
-// The chunk shares: 20480 frames make five chunks of which the last takes
-// the rest; halving an odd block leaves the one-frame chunk without output.
+// 20480 frames make five chunks, the last taking the rest; halving an odd
+// block leaves the one-frame chunk without output.
 TEST(RateConverter, ChunkSharesAndChunkEnds) {
     const struct {
         uint32_t frames, dst, interpolation;
@@ -84,7 +85,7 @@ TEST(RateConverter, ChunkSharesAndChunkEnds) {
     for (const auto& k : cases) {
         dsp::RateConverter c;
         c.setup(k.frames, 44100, k.dst, k.interpolation, 60.0f, 60.0f, 0, kRipple);
-        std::vector<float> in = dsptest::noiseBlock(k.frames, 1);
+        std::vector<float> in = noiseBlock(k.frames, 1);
         std::vector<float> out = convertBlock(c, in);
         dsptest::RateModel model(44100, k.dst, k.interpolation != 0);
         EXPECT_EQ(out, model.convert(in));
@@ -95,29 +96,12 @@ TEST(RateConverter, ChunkSharesAndChunkEnds) {
     }
 }
 
-TEST(RateConverter, CubicLagsTwoFramesBehindAZeroHistory) {
-    dsp::RateConverter c;
-    std::vector<float> first = dsptest::noiseBlock(1024, 4);
-    for (int setup = 0; setup < 2; ++setup) { // a new setup clears the history
-        c.setup(1024, 22050, 44100, 1, 60.0f, 60.0f, 0, kRipple);
-        std::vector<float> out = convertBlock(c, first);
-        EXPECT_EQ(out[0], 0.0f); // output 2k sits at source position k - 2
-        EXPECT_EQ(out[1], static_cast<float>(-0.125 * first[0])); // only K(1.5) meets frame 0
-        for (size_t k = 2; k < 1023; ++k) {
-            ASSERT_EQ(out[2 * k], first[k - 2]) << k;
-        }
-    }
-    std::vector<float> out = convertBlock(c, dsptest::noiseBlock(1024, 5));
-    EXPECT_EQ(out[0], first[1022]); // the next block starts from the last frames
-    EXPECT_EQ(out[2], first[1023]);
-}
-
 // Rate pairs and uneven block sequences, with and without the filter, against
-// the model plus an IIR pass of the same design where the filter is on.
+// the model plus an IIR pass of the same design where the filter is on (before
+// a rate reduction, after an increase).
 TEST(RateConverter, MatchesTheIndependentModelBitForBit) {
     const Setting settings[] = {
         {44100, 48000, 0}, {48000, 44100, 1}, {8000, 44100, 1}, {96000, 22050, 0}};
-    const uint32_t blocks[] = {5000, 1, 2, 8193, 777, 4097};
     for (const Setting& s : settings) {
         for (uint8_t filterOn : {0, 1}) {
             dsp::RateConverter c;
@@ -126,16 +110,16 @@ TEST(RateConverter, MatchesTheIndependentModelBitForBit) {
             dsp::ChebyshevDesigner reference;
             reference.setOrder(c.filter.order, 0);
             reference.designChebyshev(c.filter.rate, c.filter.frequency, kRipple);
+            const bool down = s.srcRate > s.dstRate;
             uint32_t seed = 10;
-            for (uint32_t n : blocks) {
-                std::vector<float> in = dsptest::noiseBlock(n, seed++);
+            for (uint32_t n : {5000u, 1u, 2u, 8193u, 777u, 4097u}) {
+                std::vector<float> in = noiseBlock(n, seed++);
                 std::vector<float> expected = in;
-                const bool down = s.srcRate > s.dstRate;
-                if (filterOn != 0 && down) { // low-pass before a rate reduction
+                if (filterOn != 0 && down) {
                     reference.process(expected.data(), expected.data(), n);
                 }
                 expected = model.convert(expected);
-                if (filterOn != 0 && !down) { // and after a rate increase
+                if (filterOn != 0 && !down) {
                     reference.process(expected.data(), expected.data(),
                                       static_cast<uint32_t>(expected.size()));
                 }
@@ -147,58 +131,30 @@ TEST(RateConverter, MatchesTheIndependentModelBitForBit) {
     }
 }
 
-// Two channels as a pair give what each converter gives alone; left output
-// written over the right input is converted left first.
+// A pair gives what each converter gives alone, also where the left output is
+// written over the right input (left is converted first).
 TEST(RateConverter, ConvertPairEqualsTwoSeparateConversions) {
-    const Setting settings[] = {{44100, 48000, 1}, {96000, 22050, 1}, {44100, 44100, 0}};
-    for (const Setting& s : settings) {
-        for (uint8_t filterOn : {0, 1}) {
-            dsp::RateConverter pairL, pairR, soloL, soloR;
-            for (dsp::RateConverter* c : {&pairL, &pairR, &soloL, &soloR}) {
-                c->setup(9000, s.srcRate, s.dstRate, s.interpolation, 60.0f, 60.0f, filterOn, 1.0f);
-            }
-            uint32_t seed = 40;
-            for (uint32_t n : {4096u, 1u, 9000u}) {
-                std::vector<float> inL = dsptest::noiseBlock(n, seed++);
-                std::vector<float> inR = dsptest::noiseBlock(n, seed++);
-                std::vector<float> expectedL = convertBlock(soloL, inL);
-                std::vector<float> expectedR = convertBlock(soloR, inR);
-                std::vector<float> outL(expectedL.size() + 8, -7.0f), outR(outL.size(), -7.0f);
-                uint32_t produced = dsp::RateConverter::convertPair(
-                    pairL, inL.data(), outL.data(), pairR, inR.data(), outR.data(), n);
-                ASSERT_EQ(produced, expectedL.size());
-                EXPECT_TRUE(std::equal(expectedL.begin(), expectedL.end(), outL.begin()));
-                EXPECT_TRUE(std::equal(expectedR.begin(), expectedR.end(), outR.begin()))
-                    << s.srcRate << "->" << s.dstRate << " filter " << int(filterOn) << " " << n;
-                const size_t end = s.srcRate == s.dstRate ? n : produced; // equal rates copy all
-                EXPECT_EQ(outL[end], -7.0f);
-                EXPECT_EQ(outR[end], -7.0f);
-            }
-        }
+    dsp::RateConverter c[4];
+    for (dsp::RateConverter& k : c) {
+        k.setup(4096, 44100, 48000, 0, 60.0f, 60.0f, 1, 1.0f);
     }
-    dsp::RateConverter pairL, pairR, soloL, soloR;
-    for (dsp::RateConverter* c : {&pairL, &pairR, &soloL, &soloR}) {
-        c->setup(4096, 44100, 48000, 0, 60.0f, 60.0f, 1, 1.0f);
-    }
-    std::vector<float> inL = dsptest::noiseBlock(4096, 77);
-    std::vector<float> shared = dsptest::noiseBlock(4096, 78);
+    std::vector<float> inL = noiseBlock(4096, 77), shared = noiseBlock(4096, 78);
     shared.resize(5000, 0.0f);
     std::vector<float> solo = shared, outR(5000), soloOutR(5000);
-    EXPECT_EQ(dsp::RateConverter::convertPair(pairL, inL.data(), shared.data(), pairR,
-                                              shared.data(), outR.data(), 4096),
-              soloL.convert(inL.data(), solo.data(), 4096));
-    soloR.convert(solo.data(), soloOutR.data(), 4096);
+    EXPECT_EQ(dsp::RateConverter::convertPair(c[0], inL.data(), shared.data(), c[1], shared.data(),
+                                              outR.data(), 4096),
+              c[2].convert(inL.data(), solo.data(), 4096));
+    c[3].convert(solo.data(), soloOutR.data(), 4096);
     EXPECT_EQ(shared, solo);
     EXPECT_EQ(outR, soloOutR);
 }
 
-// Equal rates copy the block with either copy path. (15 / 44100) * 44100
-// evaluates just below 15, so the count is one short; the copy still moves
-// all 15 frames, except that a full block of that length (output buffers of
-// 14 floats) is cut to the count.
+// Equal rates copy with either copy path. (15 / 44100) * 44100 evaluates just
+// below 15: the count is one short but the copy moves all 15 frames, except
+// that a full block of that length (buffers of 14 floats) is cut to the count.
 TEST(RateConverter, EqualRatesCopyEveryFrame) {
     dsptest::SimdGuard guard;
-    std::vector<float> in = dsptest::noiseBlock(4099, 6);
+    std::vector<float> in = noiseBlock(4099, 6);
     for (bool simd : {false, true}) {
         dsptest::SimdGuard::set(false, false, simd);
         dsp::RateConverter c;
@@ -215,32 +171,27 @@ TEST(RateConverter, EqualRatesCopyEveryFrame) {
     EXPECT_EQ(out[14], -7.0f);
 }
 
-// Blocks of 4096 frames cut the signal where the chunks do, so filter, cubic
-// history and chunk positions run as in one call over the whole signal
-// (4 x 4458 = 17832 = trunc(16384 / 44100 * 48000)).
+// Blocks of 4096 frames cut where the chunks do, so filter, cubic history and
+// chunk positions run as in one call (4 x 4458 = trunc(16384 / 44100 * 48000)).
 TEST(RateConverter, BlocksOfWholeChunksAreBitExactWithOneLongBlock) {
-    const Setting settings[] = {{44100, 48000, 1}, {48000, 44100, 0}};
-    std::vector<float> signal = dsptest::noiseBlock(16384, 7);
-    for (const Setting& s : settings) {
+    std::vector<float> signal = noiseBlock(16384, 7);
+    for (const Setting& s : {Setting{44100, 48000, 1}, Setting{48000, 44100, 0}}) {
         for (uint8_t filterOn : {0, 1}) {
             dsp::RateConverter whole, pieces;
             whole.setup(16384, s.srcRate, s.dstRate, s.interpolation, 60, 60, filterOn, kRipple);
             pieces.setup(4096, s.srcRate, s.dstRate, s.interpolation, 60, 60, filterOn, kRipple);
             std::vector<float> joined;
-            for (size_t k = 0; k < 4; ++k) {
-                std::vector<float> out =
-                    convertBlock(pieces, std::vector<float>(signal.begin() + 4096 * k,
-                                                            signal.begin() + 4096 * (k + 1)));
+            for (auto at = signal.begin(); at != signal.end(); at += 4096) {
+                std::vector<float> out = convertBlock(pieces, std::vector<float>(at, at + 4096));
                 joined.insert(joined.end(), out.begin(), out.end());
             }
-            ASSERT_EQ(joined, convertBlock(whole, signal))
-                << s.srcRate << "->" << s.dstRate << " filter " << int(filterOn);
+            ASSERT_EQ(joined, convertBlock(whole, signal)) << s.srcRate << " " << int(filterOn);
         }
     }
 }
 
 TEST(RateConverter, ZeroRatesAndUnsizableBlocksConvertNothing) {
-    std::vector<float> in = dsptest::noiseBlock(64, 10);
+    std::vector<float> in = noiseBlock(64, 10);
     const uint32_t rates[][2] = {{0, 48000}, {44100, 0}, {0, 0}};
     for (const auto& r : rates) {
         dsp::RateConverter c;
@@ -255,7 +206,7 @@ TEST(RateConverter, ZeroRatesAndUnsizableBlocksConvertNothing) {
     EXPECT_EQ(huge.convert(in.data(), in.data(), 64), 0u);
     dsp::RateConverter cut; // a block beyond the capacity is cut to it
     cut.setup(2048, 48000, 44100, 0, 60.0f, 60.0f, 1, kRipple);
-    EXPECT_EQ(convertBlock(cut, dsptest::noiseBlock(3000, 9)).size(), 1881u);
+    EXPECT_EQ(convertBlock(cut, noiseBlock(3000, 9)).size(), 1881u);
     dsp::RateConverter wide; // an output count beyond 32 bits
     wide.setup(100000, 1, 4000000000u, 0, 60.0f, 60.0f, 0, kRipple);
     EXPECT_FALSE(wide.canConvert());
@@ -271,7 +222,7 @@ TEST(SourceFramesFor, CorrectsTheTruncatedEstimate) {
     EXPECT_EQ(dsp::sourceFramesFor(1024, 44100, 0), 0u);
     // One correction step only: 27 / 48000 * 96000 gives 53 (converts to 26).
     EXPECT_EQ(dsp::sourceFramesFor(27, 96000, 48000), 54u);
-    // Upsampling to 48000 Hz: the result is the least count that suffices.
+    // Upsampling to 48000 Hz: the least count that suffices.
     for (uint32_t rate : {8000u, 11025u, 44100u}) {
         for (uint32_t n = 1; n < 3000; ++n) {
             uint32_t s = dsp::sourceFramesFor(n, rate, 48000);

@@ -1,6 +1,6 @@
-// The resampler processor through its exports and its virtual operations:
-// worked sizes, channel mapping, the equal-rate round trip, oversize blocks,
-// the chain operations and the refusals.
+// The resampler processor through its exports and virtual operations: channel
+// mapping, the equal-rate round trip, oversize blocks, the chain operations
+// and the refusals.
 #include "core/fastmem_pool.h"
 #include "core/sample_convert.h"
 #include "dsp.h"
@@ -18,19 +18,9 @@ namespace {
 constexpr int16_t kSentinel = 0x5A5A;
 
 std::vector<int16_t> pcmBlock(size_t samples, uint32_t seed) {
-    std::vector<int16_t> v(samples);
-    uint32_t x = seed * 747796405u + 1u;
-    for (int16_t& s : v) {
-        x = x * 1664525u + 1013904223u;
-        s = static_cast<int16_t>(static_cast<int32_t>(x >> 16) - 32768);
-    }
-    return v;
-}
-
-std::vector<float> channelOf(const std::vector<int16_t>& pcm, size_t channel, size_t channels) {
-    std::vector<float> v;
-    for (size_t i = channel; i < pcm.size(); i += channels) {
-        v.push_back(dsp::convert::sampleToFloat(pcm[i]));
+    std::vector<int16_t> v;
+    for (float x : dsptest::noiseBlock(samples, seed, 1.0f)) {
+        v.push_back(dsp::convert::floatToSample(x));
     }
     return v;
 }
@@ -45,18 +35,19 @@ TEST(Resampler, ChannelMappingFollowsTheConversionRules) {
     dsptest::SimdGuard guard;
     dsptest::SimdGuard::set(false, false, false);
     const uint32_t frames = 1500;
-    std::vector<int16_t> stereo = pcmBlock(2 * frames, 2);
-    std::vector<int16_t> mono = pcmBlock(frames, 3);
-    auto reference = [&](const std::vector<float>& in) {
+    const std::vector<int16_t> stereo = pcmBlock(2 * frames, 2), mono = pcmBlock(frames, 3);
+    auto reference = [&](const std::vector<int16_t>& pcm, size_t channel, size_t channels) {
+        std::vector<float> in, out(4000);
+        for (size_t i = channel; i < pcm.size(); i += channels) {
+            in.push_back(dsp::convert::sampleToFloat(pcm[i]));
+        }
         dsp::RateConverter c;
         c.setup(frames, 22050, 32000, 1, 50.0f, 40.0f, 1, 0.1f);
-        std::vector<float> out(4000);
         out.resize(c.convert(in.data(), out.data(), frames));
         return out;
     };
-    const std::vector<float> left = reference(channelOf(stereo, 0, 2));
-    const std::vector<float> right = reference(channelOf(stereo, 1, 2));
-    const std::vector<float> single = reference(channelOf(mono, 0, 1));
+    const std::vector<float> left = reference(stereo, 0, 2), right = reference(stereo, 1, 2);
+    const std::vector<float> single = reference(mono, 0, 1);
     const size_t n = left.size();
     ASSERT_EQ(n, 2176u);
     void* sized = initResampler(1024, 2, 2, 44100, 48000, 1, 60.0f, 60.0f, 1);
@@ -83,30 +74,25 @@ TEST(Resampler, ChannelMappingFollowsTheConversionRules) {
     }
 }
 
+// Equal rates: the filter never runs and -32768 comes back as -32767.
 TEST(Resampler, EqualRatesGiveTheConversionRoundTrip) {
     dsptest::SimdGuard guard;
-    std::vector<int16_t> src = pcmBlock(4096, 4);
+    dsptest::SimdGuard::set(false, false, false);
+    std::vector<int16_t> src = pcmBlock(4096, 4), dst(4096), expected(4096);
     src[0] = -32768;
     src[1] = 32767;
-    for (bool sse : {false, true}) {
-        dsptest::SimdGuard::set(false, false, sse);
-        void* h = initResampler(2048, 2, 2, 44100, 44100, 1, 60.0f, 60.0f, 1);
-        std::vector<int16_t> dst(4096), expected(4096);
-        std::vector<float> l(2048), r(2048);
-        dsp::convertToFloat(src.data(), 8192, l.data(), r.data(), 2);
-        dsp::convertToInt16(l.data(), r.data(), 2048, expected.data(), 2);
-        for (int block = 0; block < 2; ++block) { // the filter never runs
-            ASSERT_EQ(doResampler(h, src.data(), dst.data(), 8192), 8192u);
-            ASSERT_EQ(dst, expected);
-        }
-        if (!sse) { // the plain rules: -32768 comes back as -32767
-            EXPECT_EQ(dst[0], -32767);
-        }
-        termResampler(h);
+    void* h = initResampler(2048, 2, 2, 44100, 44100, 1, 60.0f, 60.0f, 1);
+    for (size_t i = 0; i < src.size(); ++i) {
+        expected[i] = dsp::convert::floatToSample(dsp::convert::sampleToFloat(src[i]));
     }
+    for (int block = 0; block < 2; ++block) {
+        ASSERT_EQ(doResampler(h, src.data(), dst.data(), 8192), 8192u);
+        ASSERT_EQ(dst, expected);
+    }
+    EXPECT_EQ(dst[0], -32767);
+    termResampler(h);
 }
 
-// A block larger than the configured one is processed in pieces of inFrames.
 TEST(Resampler, OversizeBlocksAreProcessedInPieces) {
     const uint32_t frames = 1000;
     std::vector<int16_t> src = pcmBlock(2 * 3500, 5);
@@ -132,8 +118,8 @@ TEST(Resampler, OversizeBlocksAreProcessedInPieces) {
     termResampler(pieces);
 }
 
-// configure rebuilds for the new input format and clears the converter
-// state; processChained then equals a fresh converter block after block.
+// configure rebuilds for the new input format and clears the converter state:
+// processChained then equals a fresh converter block after block.
 TEST(Resampler, ChainConfigureRebuildsForTheNewInputFormat) {
     void* h = initResampler(1024, 2, 1, 44100, 48000, 0, 60.0f, 60.0f, 1);
     dsp::ResamplerProcessor* p = asResampler(h);
@@ -161,8 +147,8 @@ TEST(Resampler, ChainConfigureRebuildsForTheNewInputFormat) {
 // The output buffers are replaced only when a configure needs more floats
 // than they hold; buffers taken anew by the base setup hold `frames`.
 TEST(Resampler, ConfigureGrowsTheOutputBuffersOnlyWhenNeeded) {
-    void* h = initResampler(1024, 1, 1, 22050, 44100, 0, 60.0f, 60.0f, 0);
-    dsp::ResamplerProcessor* p = asResampler(h);
+    dsp::ResamplerProcessor* p =
+        asResampler(initResampler(1024, 1, 1, 22050, 44100, 0, 60.0f, 60.0f, 0));
     float* out = p->work[2];
     p->configure(1024, 1, 44100);
     EXPECT_EQ(p->work[2], out);
@@ -172,11 +158,10 @@ TEST(Resampler, ConfigureGrowsTheOutputBuffersOnlyWhenNeeded) {
     p->configure(4096, 2, 88200); // new buffers of 4096 hold the 2048 outputs
     EXPECT_EQ(p->outFrames, 2048u);
     EXPECT_EQ(p->outputCapacity(), 4096u);
-    std::vector<int16_t> src = pcmBlock(8192, 9);
-    std::vector<int16_t> dst(4096 + 8, kSentinel);
+    std::vector<int16_t> src = pcmBlock(8192, 9), dst(4096 + 8, kSentinel);
     EXPECT_EQ(p->processInterleaved(src.data(), dst.data(), 16384), 8192u);
     EXPECT_EQ(dst[4096], kSentinel);
-    termResampler(h);
+    termResampler(p);
 }
 
 TEST(Resampler, RefusesWhatItCannotServeAndOtherHandles) {
