@@ -23,8 +23,8 @@ std::vector<float> silenceThenStep(size_t n) {
     return x;
 }
 
-// The first chunk's output must hear the step, although its own input and
-// the history are silent, and stay within it.
+// The first chunk's output hears the step (its own input and history are
+// silent) and stays within it.
 void expectHeardAhead(const std::vector<float>& out, size_t frames) {
     size_t heard = 0;
     for (size_t n = 0; n < frames; ++n) {
@@ -34,9 +34,8 @@ void expectHeardAhead(const std::vector<float>& out, size_t frames) {
     EXPECT_GT(heard, 0u);
 }
 
-// Right after a change from an octave down to an octave up, grains spawned
-// under the old offset read ahead of the current sample (at 2 x age), into
-// the caller's samples after the first chunk.
+// After a change from an octave down to one up, grains spawned under the old
+// offset read ahead (at 2 x age) into the caller's samples past the chunk.
 TEST(GranularReview, PitchReadsAheadIntoTheNextChunkOfTheSameCall) {
     for (float grain : {0.3f, 0.5f}) { // with and without the tabled weights
         auto* p = static_cast<dsp::PitchShiftProcessor*>(
@@ -55,9 +54,8 @@ TEST(GranularReview, PitchReadsAheadIntoTheNextChunkOfTheSameCall) {
     }
 }
 
-// From factor 1/8 to 4, a grain spawned near the end of the lead-in keeps
-// reading one sample per output frame while the new factor walks four output
-// frames per input sample, so a long grain reaches past the first chunk.
+// From factor 1/8 to 4, a long grain spawned late in the lead-in reads one
+// sample per output frame, four times the new walk, past the first chunk.
 TEST(GranularReview, StretchReadsAheadIntoTheNextChunkOfTheSameCall) {
     auto* p = static_cast<dsp::StretchProcessor*>(
         initStretch(40000, 1, kRate, 3000.0f, 0.0f, 1.0f, 0.01f));
@@ -88,8 +86,7 @@ TEST(GranularReview, StretchDstSizeOfAnOddByteCountIsAnEstimate) {
     EXPECT_EQ(termStretch(h), 1u);
 }
 
-// A setup prepares every larger array before it installs any: a failed
-// preparation leaves the held array alone, and only a prepared array
+// A failed preparation leaves the held array alone; only a prepared array
 // replaces it, once.
 TEST(GranularReview, ArrayGrowthReplacesTheHeldArrayOnlyWhenPrepared) {
     float* held = new float[2]{1.0f, 2.0f};

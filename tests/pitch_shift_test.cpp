@@ -1,6 +1,5 @@
-// The granular pitch shifter: pass-through at exactly 0 cents, octave shifts
-// measured on the spectrum, the output level, a per-sample model across
-// pitch changes and block sizes, stereo, configure and bad arguments.
+// The granular pitch shifter: pass-through at 0 cents, octaves measured on the
+// spectrum, the level, a per-sample model, stereo, configure, bad arguments.
 #include "core/sample_convert.h"
 #include "dsp.h"
 #include "granular/pitch_shift_processor.h"
@@ -45,22 +44,7 @@ TEST(PitchShift, ZeroCentsPassesTheInputUnchanged) {
             EXPECT_EQ(dst, expected);
         }
     }
-    std::vector<float> in = granularSignal(700);
-    EXPECT_EQ(runBlocks(p, in, 700), in);
     EXPECT_EQ(termPitchShift(p), 1u);
-}
-
-TEST(PitchShift, TinyPitchRunsTheGrainsAndKeepsTheTone) {
-    dsp::PitchShiftProcessor* p = makePitch(4096, 1, 0.001f, -6.0206f);
-    std::vector<float> in = dsptest::sineWave(44100, 440.0, kRate, 0.8);
-    std::vector<float> out = runBlocks(p, in, 4096);
-    // Past the fade-in the output is the input two samples late, at half level.
-    double worst = 0.0;
-    for (size_t n = 8000; n < in.size(); ++n) {
-        worst = std::max(worst, std::fabs(out[n] - 0.5 * in[n - 2]));
-    }
-    EXPECT_LT(worst, 1e-3);
-    termPitchShift(p);
 }
 
 // Successive grains read the tone with a phase step of spacing x (1 - ratio)
@@ -81,43 +65,22 @@ TEST(PitchShift, OctaveUpAndDownMeasuredOnTheSpectrum) {
     }
 }
 
-TEST(PitchShift, PitchBeyondAnOctaveIsClamped) {
-    std::vector<float> in = granularSignal(20000);
-    for (float cents : {2400.0f, -5000.0f}) {
-        dsp::PitchShiftProcessor* a = makePitch(2048, 1, cents);
-        dsp::PitchShiftProcessor* b = makePitch(2048, 1, std::copysign(1200.0f, cents));
-        EXPECT_EQ(runBlocks(a, in, 2048), runBlocks(b, in, 2048)) << cents;
-        termPitchShift(a);
-        termPitchShift(b);
-    }
-}
-
 // The level is 10^(0.05 dB) as computed: not held below the float range,
 // not replaced for NaN.
-TEST(PitchShift, OutputLevelScalesTheOutput) {
-    std::vector<float> in = granularSignal(12000);
-    dsp::PitchShiftProcessor* full = makePitch(1000, 1, 300.0f);
+TEST(PitchShift, OutputLevelIsComputedAsGiven) {
     dsp::PitchShiftProcessor* p = makePitch(1000, 1, 300.0f, 1e6f);
     EXPECT_EQ(p->channels[0].outLevel, std::numeric_limits<float>::infinity());
     EXPECT_EQ(setPitchShiftOutLevel(p, std::nanf("")), 1u);
     EXPECT_TRUE(std::isnan(p->channels[0].outLevel));
     setPitchShiftOutLevel(p, 20.0f);
     EXPECT_EQ(p->channels[0].outLevel, 10.0f);
-    setPitchShiftOutLevel(p, -6.0206f);
-    std::vector<float> a = runBlocks(full, in, 1000);
-    std::vector<float> b = runBlocks(p, in, 1000);
-    for (size_t i = 0; i < in.size(); ++i) {
-        ASSERT_NEAR(b[i], 0.5f * a[i], 1e-6f) << i;
-    }
-    termPitchShift(full);
     termPitchShift(p);
 }
 
-// The engine runs grains piece by piece with tabled weights and a linear copy
-// of the history; the model evaluates every grain per sample. Pitch changes
-// refill the table and send read points beyond the history, short grains
-// with an uneven spacing skip spawns, and the longest grains go without the
-// table and the linear history. The setting before block k is cents[k].
+// The engine's tabled weights and linear history against per-sample grains:
+// pitch changes (some beyond an octave) refill the table and read beyond the
+// history, uneven spacings skip spawns, the longest grains go without the
+// table. The setting before block k is cents[k]; the level changes at k = 4.
 TEST(PitchShift, MatchesThePerSampleModelAcrossPitchLevelAndBlockChanges) {
     const struct {
         float grain, spacing;
@@ -127,7 +90,7 @@ TEST(PitchShift, MatchesThePerSampleModelAcrossPitchLevelAndBlockChanges) {
         {kGrain,
          kSpacing,
          {1000, 40000, 777, 5000, 3223, 1, 2, 4096, 4096, 4096, 4096, 4096},
-         {350, 350, -175, 0, 350, 350, 350, 700, -1200, 1200, -50, 0.001f}},
+         {350, 350, -175, 0, 350, 350, 350, 700, -5000, 2400, -50, 0.001f}},
         {0.005f,
          0.0005f,
          std::vector<size_t>(8, 1000),
