@@ -1,6 +1,5 @@
 // The resampler processor through its exports and virtual operations: channel
-// mapping, the equal-rate round trip, oversize blocks, the chain operations
-// and the refusals.
+// mapping, oversize blocks, the chain operations and the refusals.
 #include "core/fastmem_pool.h"
 #include "core/sample_convert.h"
 #include "dsp.h"
@@ -72,25 +71,6 @@ TEST(Resampler, ChannelMappingFollowsTheConversionRules) {
             termResampler(h);
         }
     }
-}
-
-// Equal rates: the filter never runs and -32768 comes back as -32767.
-TEST(Resampler, EqualRatesGiveTheConversionRoundTrip) {
-    dsptest::SimdGuard guard;
-    dsptest::SimdGuard::set(false, false, false);
-    std::vector<int16_t> src = pcmBlock(4096, 4), dst(4096), expected(4096);
-    src[0] = -32768;
-    src[1] = 32767;
-    void* h = initResampler(2048, 2, 2, 44100, 44100, 1, 60.0f, 60.0f, 1);
-    for (size_t i = 0; i < src.size(); ++i) {
-        expected[i] = dsp::convert::floatToSample(dsp::convert::sampleToFloat(src[i]));
-    }
-    for (int block = 0; block < 2; ++block) {
-        ASSERT_EQ(doResampler(h, src.data(), dst.data(), 8192), 8192u);
-        ASSERT_EQ(dst, expected);
-    }
-    EXPECT_EQ(dst[0], -32767);
-    termResampler(h);
 }
 
 TEST(Resampler, OversizeBlocksAreProcessedInPieces) {
