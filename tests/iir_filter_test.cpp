@@ -1,12 +1,10 @@
-// The IIR filter effect through its exports: the listed responses, the output
-// against plain conversions around a designer of its own, reconfiguration,
-// handle checks.
+// The IIR filter effect through its exports: the output against plain
+// conversions around a designer of its own, reconfiguration, handle checks.
 #include "core/fastmem_pool.h"
 #include "core/sample_convert.h"
 #include "dsp.h"
 #include "filters/iir_filter_processor.h"
 #include "support/filter_noise.h"
-#include "support/iir_response.h"
 #include "support/simd_guard.h"
 
 #include <gtest/gtest.h>
@@ -43,22 +41,6 @@ protected:
     dsptest::SimdGuard guard_;
 };
 
-// Kind 1 is the high-pass; every other kind a low-pass (order 4, 1 000 Hz).
-TEST_F(IirFilterTest, ListedResponsesOfEveryKind) {
-    for (uint32_t kind : {1u, 0u, 2u, 99u}) {
-        void* h = initIirFilter(256, 2, 44100, 4, 1000.0f, kind);
-        ASSERT_NE(h, nullptr);
-        const double hz[] = {10.0, 1000.0, kind == 1 ? 20000.0 : 2000.0};
-        const double db[] = {kind == 1 ? -172.25 : -1.00, -1.00, kind == 1 ? -1.00 : -34.07};
-        for (const dsp::ChebyshevDesigner& d : static_cast<IirFilterProcessor*>(h)->filters) {
-            for (int i = 0; i < 3; ++i) {
-                EXPECT_NEAR(dsptest::cascadeResponseDb(d, 44100.0, hz[i]), db[i], 0.005) << kind;
-            }
-        }
-        EXPECT_EQ(termIirFilter(h), 1u);
-    }
-}
-
 TEST_F(IirFilterTest, OrderZeroIsThePlainConversionRoundTrip) {
     void* h = initIirFilter(8, 1, 44100, 0, 1000.0f, 0);
     ASSERT_NE(h, nullptr);
@@ -71,14 +53,16 @@ TEST_F(IirFilterTest, OrderZeroIsThePlainConversionRoundTrip) {
 }
 
 // Each stereo channel is its own mono cascade, across blocks shorter and
-// longer than the processor's frames (the latter go through in pieces).
+// longer than the processor's frames (the latter go through in pieces); kind
+// 1 is the high-pass, every other kind a low-pass.
 TEST_F(IirFilterTest, StereoChannelsMatchTheirOwnMonoCascades) {
-    const uint32_t frames = 300;
-    for (uint32_t order : {1u, 4u, 5u, 8u, 9u, 12u}) {
-        void* h = initIirFilter(frames, 2, 48000, order, 3000.0f, order % 2);
+    const uint32_t frames = 300, orders[] = {1, 4, 5, 8, 9, 12}, kinds[] = {1, 0, 2, 99};
+    for (uint32_t k = 0; k < 6; ++k) {
+        const uint32_t order = orders[k], kind = kinds[k % 4], modelKind = kind == 1 ? 1 : 0;
+        void* h = initIirFilter(frames, 2, 48000, order, 3000.0f, kind);
         ASSERT_NE(h, nullptr);
-        MonoModel model[2] = {{48000.0f, static_cast<int32_t>(order), 3000.0f, order % 2},
-                              {48000.0f, static_cast<int32_t>(order), 3000.0f, order % 2}};
+        MonoModel model[2] = {{48000.0f, static_cast<int32_t>(order), 3000.0f, modelKind},
+                              {48000.0f, static_cast<int32_t>(order), 3000.0f, modelKind}};
         for (uint32_t block : {frames, 1000u, 7u}) {
             std::vector<int16_t> src = pcmNoise(2 * block, order + block), dst(2 * block);
             EXPECT_EQ(doIirFilter(h, src.data(), dst.data(), 4 * block), 1u);
