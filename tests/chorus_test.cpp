@@ -1,11 +1,11 @@
 // Chorus: setup values, the voice loop against the model in
-// support/chorus_model.h, block-size and channel independence, the setters,
-// the exports.
+// support/chorus_model.h, block and channel independence, setters, exports.
 #include "core/fastmem_pool.h"
 #include "core/sample_convert.h"
 #include "dsp.h"
 #include "effects/chorus_processor.h"
 #include "support/chorus_model.h"
+#include "support/filter_noise.h"
 
 #include <gtest/gtest.h>
 
@@ -17,20 +17,13 @@ namespace {
 
 using dsp::ChorusProcessor;
 using dsp::ChorusVoices;
+using dsp::convert::floatToSample;
+using dsp::convert::sampleToFloat;
 using dsptest::ChorusModel;
-
-std::vector<float> noise(uint32_t frames, uint32_t seed) {
-    std::vector<float> v(frames);
-    uint32_t x = seed;
-    for (float& s : v) {
-        x = x * 1664525u + 1013904223u;
-        s = static_cast<float>(static_cast<int32_t>(x >> 8) - (1 << 23)) / (1 << 23);
-    }
-    return v;
-}
+using dsptest::filterNoise;
 
 ChorusProcessor* makeChorus(uint32_t frames, uint32_t channels, uint32_t voices, float speed,
-                            float mix = 40.0f, float orgMix = 70.0f) {
+                            float mix, float orgMix) {
     return static_cast<ChorusProcessor*>(
         initChorus(frames, channels, 44100, voices, 20.0f, 2.0f, speed, mix, orgMix));
 }
@@ -39,13 +32,12 @@ TEST(Chorus, SetupValuesAndFixedDelaysAtSpeedZero) {
     ChorusProcessor* c = makeChorus(2048, 2, 4, 0.0f, 25.0f, 0.0f);
     ASSERT_NE(c, nullptr);
     const double pi = 3.141592653589793;
+    const float phases[] = {0.0f, static_cast<float>(pi / 2), static_cast<float>(pi),
+                            static_cast<float>(3 * pi / 2)};
     for (const ChorusVoices& v : c->voiceSets) {
         EXPECT_EQ(v.delay, 882u);
         EXPECT_EQ(v.depth, 88.2f);
         EXPECT_EQ(v.mask, 65535u);
-        EXPECT_EQ(v.cyclesPerMs, 0.0f);
-        const float phases[] = {0.0f, static_cast<float>(pi / 2), static_cast<float>(pi),
-                                static_cast<float>(3 * pi / 2)};
         EXPECT_TRUE(std::equal(phases, phases + 4, v.phaseOffsets));
     }
     // sin of the offsets through the table (0, 1, ~0, ~-1): delays 882, 970,
@@ -54,8 +46,7 @@ TEST(Chorus, SetupValuesAndFixedDelaysAtSpeedZero) {
     in[0] = 1.0f;
     c->processChannel(0, in.data(), out.data(), 2048);
     for (uint32_t n = 0; n < 2048; ++n) {
-        const float expected = n == 882 ? 0.5f : (n == 970 || n == 793) ? 0.25f : 0.0f;
-        ASSERT_EQ(out[n], expected) << n;
+        ASSERT_EQ(out[n], n == 882 ? 0.5f : (n == 970 || n == 793) ? 0.25f : 0.0f) << n;
     }
     termChorus(c);
 
@@ -66,8 +57,7 @@ TEST(Chorus, SetupValuesAndFixedDelaysAtSpeedZero) {
     }
     EXPECT_EQ(doChorus(c, src.data(), dst.data(), 1024), 1u);
     for (uint32_t i = 0; i < 512; ++i) {
-        ASSERT_EQ(dst[i], dsp::convert::floatToSample(dsp::convert::sampleToFloat(src[i]) *
-                                                      static_cast<float>(0.01 * 37.0f)));
+        ASSERT_EQ(dst[i], floatToSample(sampleToFloat(src[i]) * static_cast<float>(0.01 * 37.0f)));
     }
     termChorus(c);
 }
@@ -85,7 +75,7 @@ TEST(Chorus, VoicesMatchTheModelSampleForSample) {
                              k.orgMix);
         ASSERT_NE(h, nullptr);
         ChorusModel model(k.rate, k.voices, k.delayMs, k.depthMs, k.speed, k.mix, k.orgMix);
-        std::vector<float> in = noise(k.frames, 7), out(k.frames);
+        std::vector<float> in = filterNoise(k.frames, 7), out(k.frames);
         for (int pass = 0; pass < 2; ++pass) {
             static_cast<ChorusProcessor*>(h)->processChannel(0, in.data(), out.data(), k.frames);
             for (uint32_t n = 0; n < k.frames; ++n) {
@@ -98,16 +88,13 @@ TEST(Chorus, VoicesMatchTheModelSampleForSample) {
     }
 }
 
-// Stereo in uneven blocks: each channel equals the model fed that channel.
+// Stereo in uneven blocks: each channel equals the model fed that channel;
+// a mono processor runs voiceSets[0] only.
 TEST(Chorus, StereoInAnyBlocksEqualsTheModelPerChannel) {
     const uint32_t frames = 6000;
     void* h = initChorus(1024, 2, 48000, 4, 12.0f, 3.0f, 0.05f, 30.0f, 80.0f);
     ASSERT_NE(h, nullptr);
-    std::vector<int16_t> src(2 * frames), dst(2 * frames);
-    std::vector<float> f = noise(2 * frames, 11);
-    for (uint32_t i = 0; i < 2 * frames; ++i) {
-        src[i] = static_cast<int16_t>(i % 2 == 0 ? f[i] * 30000.0f : 9000.0 * std::sin(0.01 * i));
-    }
+    std::vector<int16_t> src = dsptest::pcmNoise(2 * frames, 11), dst(2 * frames);
     for (uint32_t done = 0, n = 1, take = 0; done < frames; done += take, n = n * 7 % 997 + 1) {
         take = std::min(n, frames - done);
         EXPECT_EQ(doChorus(h, &src[2 * done], &dst[2 * done], take * 4), 1u);
@@ -115,13 +102,13 @@ TEST(Chorus, StereoInAnyBlocksEqualsTheModelPerChannel) {
     for (uint32_t ch = 0; ch < 2; ++ch) {
         ChorusModel model(48000, 4, 12.0f, 3.0f, 0.05f, 30.0f, 80.0f);
         for (uint32_t i = 0; i < frames; ++i) {
-            const float expected = model.step(dsp::convert::sampleToFloat(src[2 * i + ch]));
-            ASSERT_EQ(dst[2 * i + ch], dsp::convert::floatToSample(expected)) << ch << " " << i;
+            const float expected = model.step(sampleToFloat(src[2 * i + ch]));
+            ASSERT_EQ(dst[2 * i + ch], floatToSample(expected)) << ch << " " << i;
         }
     }
     termChorus(h);
 
-    ChorusProcessor* c = makeChorus(128, 1, 2, 0.2f); // mono runs voiceSets[0] only
+    ChorusProcessor* c = makeChorus(128, 1, 2, 0.2f, 40.0f, 70.0f);
     std::vector<float> in(128, 0.5f), out(128);
     c->processChained(in.data(), nullptr, out.data(), nullptr, 128);
     EXPECT_EQ(c->voiceSets[0].writeIndex, 128u);
@@ -130,14 +117,14 @@ TEST(Chorus, StereoInAnyBlocksEqualsTheModelPerChannel) {
     termChorus(c);
 }
 
+// Setters reach both sets and keep the history and the LFO; configure
+// restarts both and gives every voice the last level set.
 TEST(Chorus, SettersApplyToBothSetsAndConfigureStartsAgain) {
     void* h = initChorus(256, 1, 44100, 4, 20.0f, 2.0f, 0.5f, 40.0f, 70.0f);
     ChorusProcessor* c = static_cast<ChorusProcessor*>(h);
-    EXPECT_EQ(setChorusOrgMix(h, 25.0f), 1u);
-    EXPECT_EQ(setChorusSpeed(h, 1.5f), 1u);
-    EXPECT_EQ(setChorusDepth(h, 3.0f), 1u);
-    EXPECT_EQ(setChorusDelaytime(h, 10.0f), 1u);
-    EXPECT_EQ(setChorusMix(h, 1, 60.0f), 1u);
+    EXPECT_EQ(setChorusOrgMix(h, 25.0f) + setChorusSpeed(h, 1.5f) + setChorusDepth(h, 3.0f) +
+                  setChorusDelaytime(h, 10.0f) + setChorusMix(h, 1, 60.0f),
+              5u);
     EXPECT_EQ(setChorusMix(h, 4, 99.0f), 1u); // beyond the voices: ignored
     for (const ChorusVoices& v : c->voiceSets) {
         EXPECT_EQ(v.orgMix, 0.25f);
@@ -146,9 +133,7 @@ TEST(Chorus, SettersApplyToBothSetsAndConfigureStartsAgain) {
         EXPECT_EQ(v.voiceMix[0], 0.4f);
         EXPECT_EQ(v.voiceMix[1], 0.6f);
     }
-    // Setters keep the history and the LFO; configure restarts both and gives
-    // every voice the last level set.
-    std::vector<float> in = noise(256, 5), out(256);
+    std::vector<float> in = filterNoise(256, 5), out(256);
     c->processChannel(0, in.data(), out.data(), 256);
     EXPECT_NE(c->voiceSets[0].lfoTime, 0.0f);
     c->configure(128, 2, 22050);
@@ -165,13 +150,10 @@ TEST(Chorus, ForeignHandlesAndFailedInitsAreRefused) {
     void* fader = initFader(64, 1, 44100, 0.0f, 0.0f, 0.0f);
     int16_t buf[64] = {};
     for (void* h : {static_cast<void*>(nullptr), fader}) {
-        EXPECT_EQ(setChorusOrgMix(h, 1.0f), 0u);
-        EXPECT_EQ(setChorusMix(h, 0, 1.0f), 0u);
-        EXPECT_EQ(setChorusSpeed(h, 1.0f), 0u);
-        EXPECT_EQ(setChorusDepth(h, 1.0f), 0u);
-        EXPECT_EQ(setChorusDelaytime(h, 1.0f), 0u);
-        EXPECT_EQ(doChorus(h, buf, buf, 64), 0u);
-        EXPECT_EQ(termChorus(h), 0u);
+        EXPECT_EQ(setChorusOrgMix(h, 1.0f) + setChorusMix(h, 0, 1.0f) + setChorusSpeed(h, 1.0f) +
+                      setChorusDepth(h, 1.0f) + setChorusDelaytime(h, 1.0f) +
+                      doChorus(h, buf, buf, 64) + termChorus(h),
+                  0u);
     }
     termFader(fader);
 

@@ -1,6 +1,4 @@
-// Fader and cross-fader against the model in support/fader_model.h: gains
-// from the decibel table, action timing, the schedule edits, the cross-fade
-// curve, block independence, the exports.
+// Fader and cross-fader against the model in support/fader_model.h.
 #include "core/fastmem_pool.h"
 #include "core/sample_convert.h"
 #include "dsp.h"
@@ -10,7 +8,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <limits>
 #include <vector>
 
 namespace {
@@ -18,6 +15,8 @@ namespace {
 using dsp::FadeAction;
 using dsp::FadeRamp;
 using dsp::FaderProcessor;
+using dsp::convert::floatToSample;
+using dsp::convert::sampleToFloat;
 using dsptest::ModelAction;
 using dsptest::modelDecibelGain;
 using dsptest::modelLevelReached;
@@ -28,24 +27,17 @@ struct Ramp {
     explicit Ramp(float level, float rate = 1000.0f) { ramp.initialise(256, rate, level); }
 };
 
-// The schedule as a list, its links checked both ways.
-std::vector<ModelAction> scheduleOf(const FadeRamp& ramp) {
-    std::vector<ModelAction> out;
-    for (const FadeAction* a = ramp.head; a != nullptr; a = a->next) {
-        out.push_back({a->start, a->end, a->target});
+// The schedule equals `expected`, its links hold both ways, `pending` agrees.
+void expectSchedule(const FadeRamp& ramp, const std::vector<ModelAction>& expected) {
+    size_t i = 0;
+    for (const FadeAction* a = ramp.head; a != nullptr; a = a->next, ++i) {
+        ASSERT_LT(i, expected.size());
+        EXPECT_EQ(a->start, expected[i].start) << "entry " << i;
+        EXPECT_EQ(a->end, expected[i].end) << "entry " << i;
+        EXPECT_EQ(a->target, expected[i].target) << "entry " << i;
         EXPECT_EQ(a->next != nullptr ? a->next->prev : ramp.tail, a);
     }
-    return out;
-}
-
-void expectSchedule(const FadeRamp& ramp, const std::vector<ModelAction>& expected) {
-    std::vector<ModelAction> got = scheduleOf(ramp);
-    ASSERT_EQ(got.size(), expected.size());
-    for (size_t i = 0; i < got.size(); ++i) {
-        EXPECT_EQ(got[i].start, expected[i].start) << "entry " << i;
-        EXPECT_EQ(got[i].end, expected[i].end) << "entry " << i;
-        EXPECT_EQ(got[i].target, expected[i].target) << "entry " << i;
-    }
+    EXPECT_EQ(i, expected.size());
     EXPECT_EQ(ramp.pending, expected.empty() ? 0 : 1);
 }
 
@@ -71,20 +63,15 @@ TEST(Fader, InitialLevelsGoThroughTheDecibelTable) {
         EXPECT_EQ(r.ramp.gain, modelDecibelGain(c.level)) << c.level;
         EXPECT_NEAR(r.ramp.gain, c.gain, c.tolerance) << c.level;
     }
-    EXPECT_EQ(Ramp(-50.0f).ramp.gain, static_cast<float>(std::pow(10.0, -2.5))); // entry 0
-    // -60 dB wraps to the entries of +40 dB, the negative fraction running
-    // toward the lower entry.
+    // -60 dB wraps to the entries of +40 dB.
     EXPECT_EQ(Ramp(-60.0f).ramp.gain, modelDecibelGain(-60.0f));
     EXPECT_NEAR(Ramp(-60.0f).ramp.gain, Ramp(40.0f).ramp.gain, 0.01f);
 
-    // The initial gain applies from the first sample through doFade.
     void* f = initFader(16, 1, 44100, 0.0f, 0.0f, -6.0f);
     ASSERT_NE(f, nullptr);
     std::vector<int16_t> src(16, 32767), dst(16);
     EXPECT_EQ(doFade(f, 0, src.data(), dst.data(), 32), 1u);
     EXPECT_EQ(dst[0], 32766); // 32767 * 0.99999987, truncated
-    EXPECT_EQ(doFade(f, 1, src.data(), dst.data(), 32), 1u);
-    EXPECT_EQ(dst[5], static_cast<int16_t>(32767.0 * modelDecibelGain(-6.0f)));
     EXPECT_EQ(termFader(f), 1u);
 }
 
@@ -108,13 +95,11 @@ TEST(Fader, OneToTwoSecondsAt44100RunsFrom44100UpToTheEndAt88200) {
         }
     }
     EXPECT_NEAR(out[88199], 1.0f, 1e-4f);
-    EXPECT_EQ(r.ramp.head, nullptr);
     EXPECT_EQ(r.ramp.active, 0);
     // Starts not after the position and empty intervals are refused.
-    const float refused[][2] = {{1.0f, 2.5f}, {3.0f, 3.0f}, {3.0f, 2.5f}};
-    for (const float* interval : refused) {
-        EXPECT_FALSE(r.ramp.setAction(interval[0], interval[1], -10.0f)) << interval[0];
-    }
+    EXPECT_FALSE(r.ramp.setAction(1.0f, 2.5f, -10.0f));
+    EXPECT_FALSE(r.ramp.setAction(3.0f, 3.0f, -10.0f));
+    EXPECT_FALSE(r.ramp.setAction(3.0f, 2.5f, -10.0f));
     EXPECT_FALSE(r.ramp.removeRange(1.0f, 2.0f));
     expectSchedule(r.ramp, {});
     EXPECT_TRUE(r.ramp.setAction(2.1f, 3.0f, -10.0f));
@@ -131,23 +116,16 @@ Edit set(float start, float end, float target) {
 Edit del(float start, float end) {
     return {true, start, end, 0.0f};
 }
-float slopeOf(double levels, double samples) {
-    return static_cast<float>(levels / samples);
-}
-bool apply(FadeRamp& ramp, const Edit& e) {
-    return e.remove ? ramp.removeRange(e.start, e.end) : ramp.setAction(e.start, e.end, e.target);
-}
 
-// Each edit of a schedule (1 000 Hz): the resulting list, the head's slope
-// where it is settled, and the gains of the whole run against the model.
+// Each edit of a schedule (1 000 Hz): the resulting list, and the gains of the
+// whole run against the model (which also pins the new head's slope).
 TEST(Fader, ScheduleEditsGiveTheExpectedListAndGains) {
-    const float kAny = std::numeric_limits<float>::quiet_NaN();
     const float r10at150 = modelLevelReached(0.0f, -10.0f, 100, 200, 150);
     const float r10at250 = modelLevelReached(0.0f, -10.0f, 100, 200, 250);
     const float r40at200 = modelLevelReached(0.0f, -40.0f, 100, 500, 200);
     // The last edit is the one under test, made after `runFirst` samples.
     auto check = [](const char* what, float level, uint32_t runFirst, std::vector<Edit> edits,
-                    std::vector<ModelAction> expected, float slope) {
+                    std::vector<ModelAction> expected) {
         SCOPED_TRACE(what);
         Ramp r(level);
         std::vector<float> ones(runFirst, 1.0f), out(runFirst);
@@ -155,12 +133,11 @@ TEST(Fader, ScheduleEditsGiveTheExpectedListAndGains) {
             if (i + 1 == edits.size()) {
                 r.ramp.process(ones.data(), out.data(), runFirst);
             }
-            ASSERT_TRUE(apply(r.ramp, edits[i]));
+            const Edit& e = edits[i];
+            ASSERT_TRUE(e.remove ? r.ramp.removeRange(e.start, e.end)
+                                 : r.ramp.setAction(e.start, e.end, e.target));
         }
         expectSchedule(r.ramp, expected);
-        if (!std::isnan(slope)) {
-            EXPECT_EQ(r.ramp.slope, slope);
-        }
         ModelRamp model(level, expected);
         for (uint32_t i = 0; i < runFirst; ++i) {
             model.step();
@@ -169,50 +146,45 @@ TEST(Fader, ScheduleEditsGiveTheExpectedListAndGains) {
     };
     check("appended after the last, adjacent too", 0.0f, 0,
           {set(0.1f, 0.2f, -10.0f), set(0.3f, 0.4f, -20.0f), set(0.4f, 0.5f, 6.0f)},
-          {{100, 200, -10.0f}, {300, 400, -20.0f}, {400, 500, 6.0f}}, kAny);
+          {{100, 200, -10.0f}, {300, 400, -20.0f}, {400, 500, 6.0f}});
     check("inside a running one", 0.0f, 200, {set(0.1f, 0.5f, -40.0f), set(0.3f, 0.6f, -10.0f)},
-          {{100, 300, modelLevelReached(0.0f, -40.0f, 100, 500, 300)}, {300, 600, -10.0f}},
-          slopeOf(-40.0, 400.0));
+          {{100, 300, modelLevelReached(0.0f, -40.0f, 100, 500, 300)}, {300, 600, -10.0f}});
     check("across several", 0.0f, 0,
           {set(0.1f, 0.2f, -10.0f), set(0.25f, 0.3f, -20.0f), set(0.35f, 0.5f, -30.0f),
            set(0.55f, 0.6f, -5.0f), set(0.15f, 0.4f, 3.0f)},
-          {{100, 150, r10at150}, {150, 400, 3.0f}, {400, 500, -30.0f}, {550, 600, -5.0f}}, kAny);
+          {{100, 150, r10at150}, {150, 400, 3.0f}, {400, 500, -30.0f}, {550, 600, -5.0f}});
     check("in a gap", 0.0f, 0,
           {set(0.1f, 0.2f, -10.0f), set(0.5f, 0.6f, -20.0f), set(0.25f, 0.3f, -3.0f)},
-          {{100, 250, r10at250}, {250, 300, -3.0f}, {500, 600, -20.0f}}, kAny);
+          {{100, 250, r10at250}, {250, 300, -3.0f}, {500, 600, -20.0f}});
     check("removal covering one", 0.0f, 0,
           {set(0.1f, 0.2f, -10.0f), set(0.3f, 0.4f, -20.0f), set(0.5f, 0.6f, -30.0f),
            del(0.25f, 0.45f)},
-          {{100, 250, r10at250}, {500, 600, -30.0f}}, kAny);
+          {{100, 250, r10at250}, {500, 600, -30.0f}});
     check("removal into one", 0.0f, 0,
           {set(0.1f, 0.2f, -10.0f), set(0.3f, 0.5f, -20.0f), del(0.25f, 0.4f)},
-          {{100, 250, r10at250}, {400, 500, -20.0f}}, kAny);
-    check("removal beyond all", 0.0f, 0, {set(0.1f, 0.2f, -10.0f), del(0.6f, 0.7f)},
-          {{100, 200, -10.0f}}, kAny);
-    check("removal from none", 0.0f, 0, {del(0.1f, 0.2f)}, {}, kAny);
+          {{100, 250, r10at250}, {400, 500, -20.0f}});
+    check("removal from none", 0.0f, 0, {del(0.1f, 0.2f)}, {});
     check("removal of all", 0.0f, 0,
-          {set(0.1f, 0.2f, -10.0f), set(0.3f, 0.5f, -20.0f), del(0.05f, 0.6f)}, {}, kAny);
+          {set(0.1f, 0.2f, -10.0f), set(0.3f, 0.5f, -20.0f), del(0.05f, 0.6f)}, {});
     check("before a waiting head", -6.0f, 0, {set(0.3f, 0.4f, -20.0f), set(0.1f, 0.2f, -10.0f)},
-          {{100, 200, -10.0f}, {300, 400, -20.0f}}, slopeOf(-4.0, 100.0));
+          {{100, 200, -10.0f}, {300, 400, -20.0f}});
     check("over a waiting head", -6.0f, 0, {set(0.3f, 0.4f, -20.0f), set(0.1f, 0.35f, 0.0f)},
-          {{100, 350, 0.0f}, {350, 400, -20.0f}}, slopeOf(6.0, 250.0));
+          {{100, 350, 0.0f}, {350, 400, -20.0f}});
     check("removal over a waiting head", -6.0f, 0, {set(0.3f, 0.4f, -20.0f), del(0.1f, 0.35f)},
-          {{350, 400, -20.0f}}, slopeOf(-14.0, 50.0));
+          {{350, 400, -20.0f}});
     check("inside one", 0.0f, 0, {set(0.1f, 0.5f, -40.0f), set(0.2f, 0.3f, -5.0f)},
-          {{100, 200, r40at200}, {200, 300, -5.0f}, {300, 500, -40.0f}}, slopeOf(-40.0, 400.0));
+          {{100, 200, r40at200}, {200, 300, -5.0f}, {300, 500, -40.0f}});
     check("removal inside one", 0.0f, 0, {set(0.1f, 0.5f, -40.0f), del(0.2f, 0.3f)},
-          {{100, 200, r40at200}, {300, 500, -40.0f}}, kAny);
+          {{100, 200, r40at200}, {300, 500, -40.0f}});
     check("to the end of one", 0.0f, 0, {set(0.1f, 0.5f, -40.0f), set(0.2f, 0.5f, -5.0f)},
-          {{100, 200, r40at200}, {200, 500, -5.0f}}, kAny);
+          {{100, 200, r40at200}, {200, 500, -5.0f}});
     check("from the start of one", -3.0f, 0, {set(0.1f, 0.5f, -40.0f), set(0.1f, 0.3f, 0.0f)},
-          {{100, 300, 0.0f}, {300, 500, -40.0f}}, slopeOf(3.0, 200.0));
+          {{100, 300, 0.0f}, {300, 500, -40.0f}});
     check("exactly over one", -3.0f, 0, {set(0.1f, 0.5f, -40.0f), set(0.1f, 0.5f, -7.0f)},
-          {{100, 500, -7.0f}}, slopeOf(-4.0, 400.0));
-    check("removal exactly over one", -3.0f, 0, {set(0.1f, 0.5f, -40.0f), del(0.1f, 0.5f)}, {},
-          kAny);
+          {{100, 500, -7.0f}});
     check("from the start of a later one", 0.0f, 0,
           {set(0.1f, 0.2f, -10.0f), set(0.3f, 0.4f, -20.0f), set(0.3f, 0.35f, -1.0f)},
-          {{100, 200, -10.0f}, {300, 350, -1.0f}, {350, 400, -20.0f}}, kAny);
+          {{100, 200, -10.0f}, {300, 350, -1.0f}, {350, 400, -20.0f}});
 }
 
 // Random edits mixed with processing: the schedule stays sorted, free of
@@ -221,10 +193,7 @@ TEST(Fader, RandomEditsKeepTheScheduleConsistent) {
     Ramp r(0.0f);
     std::vector<float> in(64, 1.0f), out(64);
     uint32_t x = 12345;
-    auto next = [&x](uint32_t range) {
-        x = x * 1103515245u + 12345u;
-        return (x >> 8) % range;
-    };
+    auto next = [&x](uint32_t range) { return ((x = x * 1103515245u + 12345u) >> 8) % range; };
     for (int round = 0; round < 3000; ++round) {
         float start = static_cast<float>(r.ramp.position + next(400)) / 1000.0f;
         float end = start + static_cast<float>(next(300)) / 1000.0f;
@@ -241,9 +210,8 @@ TEST(Fader, RandomEditsKeepTheScheduleConsistent) {
             previousEnd = a->end;
         }
         ASSERT_EQ(r.ramp.pending, r.ramp.head != nullptr ? 1 : 0);
-        if (r.ramp.head != nullptr && r.ramp.active == 0) {
+        if (const FadeAction* h = r.ramp.active == 0 ? r.ramp.head : nullptr) {
             // A head cut short keeps its own slope, hence the tolerance.
-            const FadeAction* h = r.ramp.head;
             double expected = (static_cast<double>(h->target) - r.ramp.startLevel) /
                               static_cast<double>(h->end - h->start);
             ASSERT_NEAR(r.ramp.slope, expected, 1e-5 * std::fabs(expected) + 1e-9);
@@ -258,14 +226,10 @@ TEST(Fader, ReconfigurationKeepsTheScheduleRunningFromTheNewStart) {
     FadeRamp& ramp = f->faders[0][0];
     ramp.setAction(0.1f, 0.2f, -10.0f);
     ramp.setAction(0.3f, 0.5f, -30.0f);
-    std::vector<float> in(64, 1.0f), out(64);
-    for (int i = 0; i < 4; ++i) {
-        f->processChained(in.data(), nullptr, out.data(), nullptr, 64);
-    }
+    std::vector<float> in(256, 1.0f), out(256);
+    f->processChained(in.data(), nullptr, out.data(), nullptr, 256);
     f->configure(64, 2, 1000);
     EXPECT_EQ(ramp.position, 0u);
-    EXPECT_EQ(ramp.startLevel, 0.0f);
-    EXPECT_EQ(ramp.slope, slopeOf(-30.0, 200.0));
     expectSchedule(ramp, {{300, 500, -30.0f}});
     ModelRamp model(0.0f, {{300, 500, -30.0f}});
     expectRampMatchesModel(ramp, model, 600);
@@ -280,10 +244,9 @@ TEST(CrossFader, DefaultCurveGainsAtTheListedPositions) {
         bool first;
         float gain, tolerance; // tolerance 0: exact
     };
-    const float minus1 = modelDecibelGain(-1.0f);
     const Case cases[] = {
-        {0.0f, true, minus1, 0.0f},
-        {0.0f, false, minus1, 0.0f},
+        {0.0f, true, modelDecibelGain(-1.0f), 0.0f},
+        {0.0f, false, modelDecibelGain(-1.0f), 0.0f},
         {0.0f, true, 0.89125f, 1e-5f},
         {0.05f, true, 0.99999987f, 2e-8f},
         {0.05f, false, modelDecibelGain(-1.0f - 48.75f * 0.05f), 0.0f},
@@ -299,12 +262,7 @@ TEST(CrossFader, DefaultCurveGainsAtTheListedPositions) {
     dsp::CrossFadeRamp r;
     for (const Case& c : cases) {
         EXPECT_EQ(r.levelToGain(c.x), 0.0f);
-        const float got = c.first ? r.gainA : r.gainB;
-        if (c.tolerance == 0.0f) {
-            EXPECT_EQ(got, c.gain) << c.x << " " << c.first;
-        } else {
-            EXPECT_NEAR(got, c.gain, c.tolerance) << c.x << " " << c.first;
-        }
+        EXPECT_NEAR(c.first ? r.gainA : r.gainB, c.gain, c.tolerance) << c.x << " " << c.first;
     }
     // Positions are clamped to -1 .. +1 while a ramp runs.
     r.initialise(16, 1000.0f, 0.0f);
@@ -321,17 +279,18 @@ TEST(CrossFader, NewCurveWaitsForTheNextCrossFaderAction) {
     ASSERT_NE(h, nullptr);
     EXPECT_EQ(setCrossFaderCurve(h, -6.0f, -60.0f, -0.1f, 0.5f), 1u);
     std::vector<int16_t> a(64, 20000), b(64, 10000), dst(64);
-    const float g0 = modelDecibelGain(0.0f);
-    const float fa = dsp::convert::sampleToFloat(20000) * g0;
-    const float fb = dsp::convert::sampleToFloat(10000) * g0;
-    auto mixed = [&](float g) { return dsp::convert::floatToSample(fb * g + fa * g); };
+    const float fa = sampleToFloat(20000) * modelDecibelGain(0.0f);
+    const float fb = sampleToFloat(10000) * modelDecibelGain(0.0f);
+    auto mixed = [&](float db) {
+        const float g = modelDecibelGain(db);
+        return floatToSample(fb * g + fa * g);
+    };
     doCrossFade(h, a.data(), b.data(), dst.data(), 128);
-    EXPECT_EQ(dst[10], mixed(modelDecibelGain(-1.0f)));
+    EXPECT_EQ(dst[10], mixed(-1.0f));
     EXPECT_EQ(setCrossFaderAction(h, 0.1f, 0.2f, 0.0f), 1u);
     doCrossFade(h, a.data(), b.data(), dst.data(), 128); // positions 64..127
-    EXPECT_EQ(dst[99 - 64], mixed(modelDecibelGain(-1.0f)));
-    // The action's first sample evaluates position 0 with the new curve.
-    EXPECT_EQ(dst[100 - 64], mixed(modelDecibelGain(-6.0f)));
+    EXPECT_EQ(dst[99 - 64], mixed(-1.0f));
+    EXPECT_EQ(dst[100 - 64], mixed(-6.0f)); // the action's first sample, new curve
     termFader(h);
 }
 
@@ -362,13 +321,12 @@ TEST(CrossFader, StereoMatchesTheModelInAnyBlocks) {
         ModelRamp fb(0.0f, {{500, 1500, -12.0f}});
         ModelRamp x(0.5f, {{100, 2000, -0.9f}}, true, {-3.0f, -50.0f, 0.1f, 0.7f});
         for (uint32_t n = 0; n < frames; ++n) {
-            const double va = dsp::convert::sampleToFloat(a[2 * n + ch]) * fa.step();
-            const double vb = dsp::convert::sampleToFloat(b[2 * n + ch]) * fb.step();
+            const double va = sampleToFloat(a[2 * n + ch]) * fa.step();
+            const double vb = sampleToFloat(b[2 * n + ch]) * fb.step();
             x.step();
             const double gA = n < 100 ? initialA : x.gainA();
             const double gB = n < 100 ? initialB : x.gainB();
-            ASSERT_EQ(dst[2 * n + ch],
-                      dsp::convert::floatToSample(static_cast<float>(vb * gB + va * gA)))
+            ASSERT_EQ(dst[2 * n + ch], floatToSample(static_cast<float>(vb * gB + va * gA)))
                 << "channel " << ch << " frame " << n;
         }
     }
@@ -414,9 +372,7 @@ TEST(Fader, OneBlockEqualsPiecesAndTheChainSlot) {
     EXPECT_EQ(whole, slot);
     ModelRamp left(-2.0f, {{400, 1600, -25.0f}, {1600, 2400, 0.0f}, {3200, 3600, -10.0f}});
     for (uint32_t i = 0; i < frames; ++i) {
-        ASSERT_EQ(whole[2 * i], dsp::convert::floatToSample(
-                                    dsp::convert::sampleToFloat(src[2 * i]) * left.step()))
-            << i;
+        ASSERT_EQ(whole[2 * i], floatToSample(sampleToFloat(src[2 * i]) * left.step())) << i;
     }
     termFader(one);
     termFader(many);
@@ -428,14 +384,12 @@ TEST(Fader, ForeignHandlesBadIndicesAndFailedInitsAreRefused) {
     ASSERT_NE(chorus, nullptr);
     int16_t buf[64] = {};
     for (void* h : {static_cast<void*>(nullptr), chorus}) {
-        EXPECT_EQ(setFaderAction(h, 0, 1.0f, 2.0f, 0.0f), 0u);
-        EXPECT_EQ(delFaderAction(h, 0, 1.0f, 2.0f), 0u);
-        EXPECT_EQ(setCrossFaderAction(h, 1.0f, 2.0f, 0.0f), 0u);
-        EXPECT_EQ(delCrossFaderAction(h, 1.0f, 2.0f), 0u);
-        EXPECT_EQ(setCrossFaderCurve(h, 0.0f, 0.0f, 0.0f, 0.0f), 0u);
-        EXPECT_EQ(doFade(h, 0, buf, buf, 64), 0u);
-        EXPECT_EQ(doCrossFade(h, buf, buf, buf, 64), 0u);
-        EXPECT_EQ(termFader(h), 0u);
+        EXPECT_EQ(setFaderAction(h, 0, 1.0f, 2.0f, 0.0f) + delFaderAction(h, 0, 1.0f, 2.0f) +
+                      setCrossFaderAction(h, 1.0f, 2.0f, 0.0f) +
+                      delCrossFaderAction(h, 1.0f, 2.0f) +
+                      setCrossFaderCurve(h, 0.0f, 0.0f, 0.0f, 0.0f) + doFade(h, 0, buf, buf, 64) +
+                      doCrossFade(h, buf, buf, buf, 64) + termFader(h),
+                  0u);
     }
     termChorus(chorus);
 
@@ -448,15 +402,20 @@ TEST(Fader, ForeignHandlesBadIndicesAndFailedInitsAreRefused) {
     EXPECT_EQ(dst[0], -5);
     EXPECT_EQ(f->faders[0][0].position, 0u);
     // Refused and accepted requests both answer 1; both channels get them.
+    const FadeRamp* fader1[] = {&f->faders[1][0], &f->faders[1][1]};
+    const FadeRamp* cross[] = {&f->cross[0], &f->cross[1]};
     EXPECT_EQ(setFaderAction(h, 1, 0.2f, 0.1f, -10.0f), 1u);
     EXPECT_EQ(setFaderAction(h, 1, 0.1f, 0.2f, -10.0f), 1u);
-    expectSchedule(f->faders[1][1], {{100, 200, -10.0f}});
-    EXPECT_EQ(delFaderAction(h, 1, 0.1f, 0.2f), 1u);
-    expectSchedule(f->faders[1][0], {});
     EXPECT_EQ(setCrossFaderAction(h, 0.1f, 0.2f, 1.0f), 1u);
-    expectSchedule(f->cross[1], {{100, 200, 1.0f}});
-    EXPECT_EQ(delCrossFaderAction(h, 0.1f, 0.2f), 1u);
-    expectSchedule(f->cross[0], {});
+    for (int ch = 0; ch < 2; ++ch) {
+        expectSchedule(*fader1[ch], {{100, 200, -10.0f}});
+        expectSchedule(*cross[ch], {{100, 200, 1.0f}});
+    }
+    EXPECT_EQ(delFaderAction(h, 1, 0.1f, 0.2f) + delCrossFaderAction(h, 0.1f, 0.2f), 2u);
+    for (int ch = 0; ch < 2; ++ch) {
+        expectSchedule(*fader1[ch], {});
+        expectSchedule(*cross[ch], {});
+    }
     EXPECT_EQ(termFader(h), 1u);
 
     const uint32_t total = fastmemGetAllocatedSize();

@@ -1,6 +1,7 @@
 // The Kaiser-window FIR: window and design against their formulas, the listed
 // responses, and each summation path against a model of its additions.
 #include "filters/kaiser_fir.h"
+#include "support/filter_noise.h"
 #include "support/kaiser_fir_model.h"
 #include "support/simd_guard.h"
 
@@ -8,37 +9,19 @@
 
 #include <cmath>
 #include <cstdint>
-#include <random>
 #include <vector>
 
 namespace {
 
 using dsp::KaiserFir;
+using dsptest::filterNoise;
 using dsptest::FirModel;
 using dsptest::FirPath;
-
-std::vector<float> noise(size_t n, uint32_t seed) {
-    std::mt19937 rng(seed);
-    std::uniform_real_distribution<float> dist(-1.0f, 1.0f);
-    std::vector<float> v(n);
-    for (float& x : v) {
-        x = dist(rng);
-    }
-    return v;
-}
-
-void runPath(KaiserFir& fir, FirPath path, const float* in, float* out, uint32_t n) {
-    path == FirPath::kPlain      ? fir.filterPlain(in, out, n)
-    : path == FirPath::kAmd3dnow ? fir.filter3dnow(in, out, n)
-                                 : fir.filterSse(in, out, n);
-}
 
 void setUp(KaiserFir& fir, int n, uint32_t kind, float freq, float attenuation = 100.0f) {
     ASSERT_TRUE(fir.setWindow(attenuation, n, kind));
     fir.design(48000.0f, freq);
 }
-
-const FirPath kPaths[] = {FirPath::kPlain, FirPath::kAmd3dnow, FirPath::kSse};
 
 TEST(KaiserFir, WindowAndItsArrays) {
     EXPECT_NEAR(KaiserFir::kaiserBeta(100.0), 10.06126, 1e-12);
@@ -50,11 +33,10 @@ TEST(KaiserFir, WindowAndItsArrays) {
                     1e-9 * std::cyl_bessel_i(0.0, z));
     }
     KaiserFir fir;
-    ASSERT_TRUE(fir.setWindow(100.0f, 32, KaiserFir::kHighPass));
+    setUp(fir, 32, KaiserFir::kHighPass, 4000.0f);
     EXPECT_EQ(fir.window[0], 1.0);
     EXPECT_DOUBLE_EQ(fir.window[16], 1.0 / KaiserFir::besselI0(10.06126));
-    fir.design(48000.0f, 4000.0f);
-    std::vector<float> in = noise(40, 1), out(40);
+    std::vector<float> in = filterNoise(40, 1), out(40);
     fir.filterPlain(in.data(), out.data(), 40);
     // A smaller order keeps the arrays and clears the history; below 21 dB
     // the window is rectangular; an order not a power of two is refused.
@@ -73,9 +55,9 @@ TEST(KaiserFir, CoefficientsMatchTheWindowMethodAndPassDcOrNyquist) {
         for (uint32_t kind : {KaiserFir::kLowPass, KaiserFir::kHighPass}) {
             KaiserFir fir;
             setUp(fir, n, kind, 5000.0f);
-            const std::vector<float> c =
-                dsptest::kaiserCoefficients(100.0, n, kind == 1, 48000.0, 5000.0);
-            EXPECT_EQ(std::vector<float>(fir.coefficients, fir.coefficients + n + 1), c) << n;
+            EXPECT_EQ(std::vector<float>(fir.coefficients, fir.coefficients + n + 1),
+                      dsptest::kaiserCoefficients(100.0, n, kind == 1, 48000.0, 5000.0))
+                << n;
             EXPECT_EQ(reinterpret_cast<uintptr_t>(fir.table) % 16, 0u);
             // Low-pass: unit DC gain; high-pass: unit gain at half the rate.
             std::vector<float> in(3 * n), out(3 * n);
@@ -98,11 +80,19 @@ TEST(KaiserFir, CoefficientsMatchTheWindowMethodAndPassDcOrNyquist) {
     }
 }
 
-// Impulses, then noise in uneven blocks (an empty one too), in place: every
-// path against its order of additions; redesigning midway keeps the history.
-TEST(KaiserFir, EachPathFollowsItsOrderOfAdditions) {
-    const std::vector<float> in = noise(300, 7);
-    for (FirPath path : kPaths) {
+// filter() under each setting of the switches (3DNow! wins over SSE): an
+// impulse, then noise in uneven blocks (an empty one too), in place, each
+// against the model of its path; redesigning midway keeps the history.
+TEST(KaiserFir, EachSwitchSelectsItsPathAndItsOrderOfAdditions) {
+    dsptest::SimdGuard guard;
+    struct Case {
+        bool amd3dnow, sse;
+        FirPath path;
+    };
+    const std::vector<float> in = filterNoise(300, 7);
+    for (Case c : {Case{false, false, FirPath::kPlain}, Case{true, false, FirPath::kAmd3dnow},
+                   Case{false, true, FirPath::kSse}, Case{true, true, FirPath::kAmd3dnow}}) {
+        dsptest::SimdGuard::set(true, c.amd3dnow, c.sse);
         for (int n : {8, 16, 32, 64}) {
             KaiserFir fir;
             setUp(fir, n, KaiserFir::kHighPass, 7000.0f);
@@ -112,15 +102,13 @@ TEST(KaiserFir, EachPathFollowsItsOrderOfAdditions) {
             for (uint32_t block : {1u, 37u, 0u, 100u, 162u}) {
                 if (done == 138) {
                     fir.design(48000.0f, 19000.0f);
+                    model.setCoefficients(
+                        dsptest::kaiserCoefficients(100.0, n, true, 48000.0, 19000.0));
                 }
-                runPath(fir, path, out.data() + done, out.data() + done, block);
+                fir.filter(out.data() + done, out.data() + done, block);
                 for (uint32_t t = done; t < done + block; ++t) {
-                    if (t == 138) {
-                        model.setCoefficients(
-                            dsptest::kaiserCoefficients(100.0, n, true, 48000.0, 19000.0));
-                    }
-                    ASSERT_EQ(out[t], model.step(in[t], path))
-                        << "path " << static_cast<int>(path) << " N " << n << " t " << t;
+                    ASSERT_EQ(out[t], model.step(in[t], c.path))
+                        << "path " << static_cast<int>(c.path) << " N " << n << " t " << t;
                 }
                 done += block;
             }
@@ -129,34 +117,9 @@ TEST(KaiserFir, EachPathFollowsItsOrderOfAdditions) {
         setUp(fir, 32, KaiserFir::kHighPass, 5000.0f);
         std::vector<float> impulse(40, 0.0f), out(40);
         impulse[0] = 1.0f;
-        runPath(fir, path, impulse.data(), out.data(), 40);
+        fir.filter(impulse.data(), out.data(), 40);
         for (int m = 0; m < 40; ++m) {
             EXPECT_EQ(out[m], m <= 32 ? fir.coefficients[m] : 0.0f) << m;
-        }
-    }
-}
-
-TEST(KaiserFir, FilterFollowsTheSwitchesAndPathsAgreeUpToRounding) {
-    dsptest::SimdGuard guard;
-    const std::vector<float> in = noise(200, 3);
-    struct Case {
-        bool amd3dnow, sse;
-        FirPath path;
-    };
-    for (Case c : {Case{false, false, FirPath::kPlain}, Case{true, false, FirPath::kAmd3dnow},
-                   Case{false, true, FirPath::kSse}, Case{true, true, FirPath::kAmd3dnow}}) {
-        KaiserFir plain, chosen, ref;
-        for (KaiserFir* f : {&plain, &chosen, &ref}) {
-            setUp(*f, 32, KaiserFir::kHighPass, 9000.0f);
-        }
-        std::vector<float> a(200), b(200), expected(200);
-        plain.filterPlain(in.data(), a.data(), 200);
-        dsptest::SimdGuard::set(true, c.amd3dnow, c.sse);
-        chosen.filter(in.data(), b.data(), 200);
-        runPath(ref, c.path, in.data(), expected.data(), 200);
-        EXPECT_EQ(b, expected);
-        for (int t = 0; t < 200; ++t) {
-            EXPECT_NEAR(b[t], a[t], 1e-6f);
         }
     }
 }

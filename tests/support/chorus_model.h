@@ -1,5 +1,5 @@
-// An independent statement of the chorus loop for the tests: a sine table
-// built here, one history per voice, the LFO time wrapped by whole periods.
+// An independent model of the chorus loop: a sine table built here, one
+// history per voice, the LFO time wrapped by whole periods.
 #pragma once
 
 #include <cmath>
@@ -12,64 +12,52 @@ class ChorusModel {
 public:
     ChorusModel(uint32_t rate, uint32_t voices, float delayMs, float depthMs, float speed,
                 float mixPercent, float orgMixPercent)
-        : voices_(voices), histories_(voices, std::vector<float>(65536, 0.0f)),
-          mix_(voices, static_cast<float>(0.01 * mixPercent)) {
+        : histories_(voices, std::vector<float>(65536, 0.0f)),
+          mix_(voices, static_cast<float>(0.01 * mixPercent)),
+          delay_(static_cast<uint32_t>(static_cast<double>(rate) * delayMs * 0.001)),
+          depth_(static_cast<float>(depthMs * 0.001 * rate)),
+          msPerSample_(static_cast<float>(1000.0 / rate)),
+          periodMs_(static_cast<float>(1000.0 * speed)),
+          cyclesPerMs_(speed == 0.0f ? 0.0f : static_cast<float>(1.0 / (1000.0 * speed))),
+          orgMix_(static_cast<float>(0.01 * orgMixPercent)) {
         for (int k = 0; k <= 1024; ++k) {
             sine_[k] = static_cast<float>(std::sin(k * (kTwoPi / 1024.0)));
         }
-        delay_ = static_cast<uint32_t>(static_cast<double>(rate) * delayMs * 0.001);
-        depth_ = static_cast<float>(depthMs * 0.001 * rate);
-        msPerSample_ = static_cast<float>(1000.0 / rate);
-        periodMs_ = static_cast<float>(1000.0 * speed);
-        cyclesPerMs_ = speed == 0.0f ? 0.0f : static_cast<float>(1.0 / (1000.0 * speed));
-        orgMix_ = static_cast<float>(0.01 * orgMixPercent);
         for (uint32_t v = 0; v < voices; ++v) {
             offsets_.push_back(static_cast<float>(v * (kTwoPi / voices)));
         }
     }
 
-    // The swept delay of voice v at the current LFO time.
-    int32_t voiceDelay(uint32_t v) const {
-        double phase = lfoTime_ * (kTwoPi * cyclesPerMs_);
-        double t = (offsets_[v] + phase) * static_cast<double>(static_cast<float>(1024.0 / kTwoPi));
-        int32_t i = static_cast<int32_t>(t);
-        int32_t j = i & 1023;
-        double lfo = sine_[j] + (t - i) * (static_cast<double>(sine_[j + 1]) - sine_[j]);
-        return static_cast<int32_t>(delay_ + lfo * depth_);
-    }
-
     float step(float in) {
+        const double phase = lfoTime_ * (kTwoPi * cyclesPerMs_);
         double acc = 0.0;
-        for (uint32_t v = 0; v < voices_; ++v) {
-            uint32_t d = static_cast<uint32_t>(voiceDelay(v));
+        for (size_t v = 0; v < histories_.size(); ++v) {
+            double t =
+                (offsets_[v] + phase) * static_cast<double>(static_cast<float>(1024.0 / kTwoPi));
+            int32_t i = static_cast<int32_t>(t), j = i & 1023;
+            double lfo = sine_[j] + (t - i) * (static_cast<double>(sine_[j + 1]) - sine_[j]);
+            uint32_t d = static_cast<uint32_t>(static_cast<int32_t>(delay_ + lfo * depth_));
             acc += static_cast<double>(histories_[v][(write_ - d) & 65535u]) * mix_[v];
             histories_[v][write_] = in;
         }
-        float out = static_cast<float>(acc + static_cast<double>(in) * orgMix_);
         write_ = (write_ + 1) & 65535u;
         lfoTime_ += msPerSample_;
         if (lfoTime_ >= periodMs_ && periodMs_ > 0.0f) {
             int32_t k = static_cast<int32_t>(lfoTime_ / static_cast<double>(periodMs_));
             lfoTime_ = static_cast<float>(lfoTime_ - static_cast<double>(k) * periodMs_);
         }
-        return out;
+        return static_cast<float>(acc + static_cast<double>(in) * orgMix_);
     }
 
     void setVoiceMix(uint32_t v, float percent) { mix_[v] = static_cast<float>(0.01 * percent); }
 
 private:
     static constexpr double kTwoPi = 6.283185307179586;
-    uint32_t voices_;
     std::vector<std::vector<float>> histories_;
-    std::vector<float> mix_;
-    std::vector<float> offsets_;
+    std::vector<float> mix_, offsets_;
     float sine_[1025];
-    uint32_t delay_ = 0;
-    float depth_ = 0.0f;
-    float msPerSample_ = 0.0f;
-    float periodMs_ = 0.0f;
-    float cyclesPerMs_ = 0.0f;
-    float orgMix_ = 0.0f;
+    uint32_t delay_;
+    float depth_, msPerSample_, periodMs_, cyclesPerMs_, orgMix_;
     float lfoTime_ = 0.0f;
     uint32_t write_ = 0;
 };

@@ -1,6 +1,5 @@
-// An independent statement of the fader arithmetic for the tests: the
-// decibel gain read from a table built here, and a per-sample ramp that runs
-// a schedule given as a plain list.
+// An independent model of the fader arithmetic: the decibel gain from a table
+// built here, and a per-sample ramp running a schedule given as a plain list.
 #pragma once
 
 #include <cmath>
@@ -10,8 +9,8 @@
 
 namespace dsptest {
 
-// Gain for a level in dB: 2049 entries over -50 .. +50 dB, position
-// (level + 50) * 20.48 (float constants), wrapped linear interpolation in double.
+// 2049 entries over -50 .. +50 dB; position (level + 50) * 20.48 (float
+// constants), wrapped linear interpolation in double.
 inline float modelDecibelGain(float levelDb) {
     static const std::vector<float> table = [] {
         std::vector<float> t(2049);
@@ -34,45 +33,31 @@ struct ModelAction {
 };
 
 struct ModelCurve {
-    float centre = -1.0f;
-    float fall = -40.0f;
-    float rise = 0.05f;
-    float fallWidth = 0.8f;
+    float centre = -1.0f, fall = -40.0f, rise = 0.05f, fallWidth = 0.8f;
 };
 
-// Gains of the two cross-fader inputs at position x.
+// Gains of the two cross-fader inputs at position x; input B is input A
+// mirrored about position 0.
 inline void modelCrossGains(const ModelCurve& c, float x, float& gainA, float& gainB) {
-    float riseA = c.rise == 0.0f ? 0.0f : -c.centre / c.rise;
-    float fallA = (c.centre - c.fall) / c.fallWidth;
-    float riseB = c.rise == 0.0f ? 0.0f : c.centre / c.rise;
-    float fallB = (c.fall - c.centre) / c.fallWidth;
-    if (x > c.rise) {
-        gainA = 1.0f;
-    } else if (x >= 0.0f) {
-        gainA = modelDecibelGain(
-            static_cast<float>(static_cast<double>(c.centre) + static_cast<double>(riseA) * x));
-    } else if (x >= -c.fallWidth) {
-        gainA = modelDecibelGain(
-            static_cast<float>(static_cast<double>(c.centre) + static_cast<double>(fallA) * x));
-    } else {
-        gainA = 0.0f;
-    }
-    if (x < -c.rise) {
-        gainB = 1.0f;
-    } else if (x <= 0.0f) {
-        gainB = modelDecibelGain(
-            static_cast<float>(static_cast<double>(c.centre) + static_cast<double>(riseB) * x));
-    } else if (x <= c.fallWidth) {
-        gainB = modelDecibelGain(
-            static_cast<float>(static_cast<double>(c.centre) + static_cast<double>(fallB) * x));
-    } else {
-        gainB = 0.0f;
-    }
+    auto side = [&c](float pos, float sign) {
+        float riseSlope = c.rise == 0.0f ? 0.0f : -sign * c.centre / c.rise;
+        float fallSlope = sign * (c.centre - c.fall) / c.fallWidth;
+        if (sign * pos > c.rise) {
+            return 1.0f;
+        }
+        bool rising = sign > 0 ? pos >= 0.0f : pos <= 0.0f;
+        if (!rising && sign * pos < -c.fallWidth) {
+            return 0.0f;
+        }
+        double slope = rising ? riseSlope : fallSlope;
+        return modelDecibelGain(static_cast<float>(static_cast<double>(c.centre) + slope * pos));
+    };
+    gainA = side(x, 1.0f);
+    gainB = side(x, -1.0f);
 }
 
-// One ramp: a level (or cross position) scheduled by actions, evaluated per
-// sample. An action is first evaluated at its start, its end sample keeps the
-// previous gain, and the next action starts from its target.
+// One ramp: an action is first evaluated at its start, its end sample keeps
+// the previous gain, and the next action starts from its target.
 class ModelRamp {
 public:
     ModelRamp(float level, std::vector<ModelAction> schedule, bool isCross = false,
@@ -80,13 +65,9 @@ public:
         : startLevel_(level), cross_(isCross), curve_(curve),
           actions_(schedule.begin(), schedule.end()) {
         evaluate(level);
-        if (!actions_.empty()) {
-            updateSlope();
-        }
     }
 
-    // Advances one sample; returns the gain applied to it (gainA/gainB for a
-    // cross-fader are left in the accessors).
+    // Advances one sample and returns its gain (gainA/gainB for a cross-fader).
     float step() {
         if (!active_ && !actions_.empty() && p_ >= actions_.front().start) {
             active_ = true;
@@ -94,17 +75,14 @@ public:
             active_ = false;
             startLevel_ = actions_.front().target;
             actions_.pop_front();
-            if (!actions_.empty()) {
-                updateSlope();
-            }
         }
         if (active_) {
+            const ModelAction& a = actions_.front();
+            float slope = static_cast<float>((static_cast<double>(a.target) - startLevel_) /
+                                             static_cast<double>(a.end - a.start));
             float x = static_cast<float>(static_cast<double>(startLevel_) +
-                                         static_cast<double>(p_ - actions_.front().start) * slope_);
-            if (cross_) {
-                x = x < -1.0f ? -1.0f : (x > 1.0f ? 1.0f : x);
-            }
-            evaluate(x);
+                                         static_cast<double>(p_ - a.start) * slope);
+            evaluate(cross_ ? std::fmin(1.0f, std::fmax(-1.0f, x)) : x);
         }
         ++p_;
         return gain_;
@@ -114,11 +92,6 @@ public:
     float gainB() const { return gainB_; }
 
 private:
-    void updateSlope() {
-        const ModelAction& a = actions_.front();
-        slope_ = static_cast<float>((static_cast<double>(a.target) - startLevel_) /
-                                    static_cast<double>(a.end - a.start));
-    }
     void evaluate(float x) {
         if (cross_) {
             modelCrossGains(curve_, x, gainA_, gainB_);
@@ -131,10 +104,7 @@ private:
     bool cross_;
     ModelCurve curve_;
     std::deque<ModelAction> actions_;
-    float slope_ = 0.0f;
-    float gain_ = 0.0f;
-    float gainA_ = 0.0f;
-    float gainB_ = 0.0f;
+    float gain_ = 0.0f, gainA_ = 0.0f, gainB_ = 0.0f;
     bool active_ = false;
     uint32_t p_ = 0;
 };

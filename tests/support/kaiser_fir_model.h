@@ -22,8 +22,7 @@ inline std::vector<float> kaiserCoefficients(double attenuationDb, int n, bool h
         beta = 0.5842 * std::pow(attenuationDb - 21.0, 0.4) + 0.07886 * (attenuationDb - 21.0);
     }
     auto i0 = [](double z) {
-        double term = 1.0;
-        double sum = 1.0;
+        double term = 1.0, sum = 1.0;
         for (int k = 1; k < 20; ++k) {
             term = term * (z / 2.0 / k);
             sum += term * term;
@@ -34,13 +33,11 @@ inline std::vector<float> kaiserCoefficients(double attenuationDb, int n, bool h
     const double edge = static_cast<float>(highPass ? 0.5 * rate - freq : freq);
     std::vector<double> h(half + 1);
     h[0] = 2.0 * edge / rate;
+    double tail = 0.0;
     for (int i = 1; i <= half; ++i) {
         const double u = 2.0 * i / n;
         const double w = i0(beta * std::sqrt(1.0 - u * u)) / i0(beta);
         h[i] = w / (pi * i) * std::sin(2.0 * pi * edge * i / rate);
-    }
-    double tail = 0.0;
-    for (int i = 1; i <= half; ++i) {
         tail += h[i];
     }
     const double scale = 1.0 / (h[0] + 2.0 * tail);
@@ -69,8 +66,7 @@ public:
 
     float step(float x, FirPath path) {
         const int position = static_cast<int>((-static_cast<int64_t>(inputs_.size())) & (n_ - 1));
-        std::vector<float> s(n_);
-        std::vector<float> w(n_);
+        std::vector<float> s(n_), w(n_);
         for (int k = 0; k < n_; ++k) {
             const int back = ((k - position) & (n_ - 1)) + 1;
             const int64_t idx = static_cast<int64_t>(inputs_.size()) - back;
@@ -85,8 +81,7 @@ public:
             }
             y = static_cast<float>(acc);
         } else if (path == FirPath::kAmd3dnow) {
-            float a[2] = {x * c_[0], 0.0f};
-            float b[2] = {0.0f, 0.0f};
+            float a[2] = {x * c_[0], 0.0f}, b[2] = {0.0f, 0.0f};
             for (int k = 0; k < n_; k += 4) {
                 a[0] = a[0] + s[k] * w[k];
                 a[1] = a[1] + s[k + 1] * w[k + 1];
