@@ -1,5 +1,5 @@
-// The int16 <-> float converters on every path, checked value by value
-// against models written here from the stated arithmetic.
+// The int16 <-> float converters on every path against models of their
+// arithmetic written here.
 #include "core/sample_convert.h"
 #include "support/aligned_buffer.h"
 #include "support/simd_guard.h"
@@ -28,42 +28,42 @@ float bitsToFloat(uint32_t bits) {
     return f;
 }
 
-float plainToFloat(int16_t s) {
-    return static_cast<float>(s * (1.0 / 32767.0));
-}
-float plainMix(int16_t l, int16_t r) {
-    return plainToFloat(static_cast<int16_t>((l + r) >> 1));
-}
+// Plain rules: s / 32767 in double; clamp to [-1, 1] (NaN as 1), truncate.
+const auto plainToFloat = [](int16_t s) { return static_cast<float>(s * (1.0 / 32767.0)); };
+const auto plainMix = [](int16_t l, int16_t r) { return plainToFloat(int16_t((l + r) >> 1)); };
 int16_t plainToInt16(float x) {
     double c = std::isnan(x) ? 1.0 : std::fmin(1.0, std::fmax(-1.0, static_cast<double>(x)));
     return static_cast<int16_t>(std::trunc(c * 32767.0));
 }
 // Kernels: the sample in the top half, its own bits below, times float 0x30000100.
 float kernelToFloat(int16_t s) {
-    int64_t widened = static_cast<int64_t>(s) * 65536 + static_cast<uint16_t>(s);
-    return static_cast<float>(static_cast<double>(static_cast<float>(widened)) *
-                              static_cast<double>(bitsToFloat(0x30000100)));
+    float widened = static_cast<float>(int64_t(s) * 65536 + uint16_t(s));
+    return static_cast<float>(double(widened) * double(bitsToFloat(0x30000100)));
 }
-float kernelMix(int16_t l, int16_t r) {
-    return static_cast<float>(static_cast<double>(l + r) *
-                              static_cast<double>(bitsToFloat(0x37800100)));
-}
-int16_t clamp16(double v) {
-    return static_cast<int16_t>(std::fmax(-32768.0, std::fmin(32767.0, v)));
-}
+const auto kernelMix = [](int16_t l, int16_t r) {
+    return static_cast<float>(double(l + r) * double(bitsToFloat(0x37800100)));
+};
+const auto clamp16 = [](double v) { return int16_t(std::fmax(-32768.0, std::fmin(32767.0, v))); };
 int16_t amdToInt16(float x) {
     float p = x * 32767.0f;
     return std::isnan(p) ? int16_t(-32768) : clamp16(std::trunc(static_cast<double>(p)));
 }
-int16_t sseToInt16(float x) {
+int16_t sseToInt16(float x) { // ties to even
     float p = x * 32767.0f;
-    if (std::isnan(p) || std::fabs(p) >= 2147483648.0f) {
-        return -32768;
-    }
-    return clamp16(std::nearbyint(static_cast<double>(p))); // ties to even
+    bool invalid = std::isnan(p) || std::fabs(p) >= 2147483648.0f;
+    return invalid ? int16_t(-32768) : clamp16(std::nearbyint(static_cast<double>(p)));
 }
 
-TEST(PlainConversion, EdgeValues) {
+// Down-mix halves by an arithmetic shift: (-1, -2) gives -2.
+TEST(PlainConversion, EdgeValuesAndMixDown) {
+    SimdGuard guard;
+    SimdGuard::set(false, false, false);
+    int16_t pairs[6] = {1, 2, -1, -2, 32767, 32767};
+    float mixed[3];
+    EXPECT_EQ(dsp::convertToFloat(pairs, sizeof(pairs), mixed, nullptr, 2), 3u);
+    EXPECT_EQ(mixed[0], static_cast<float>(1.0 / 32767.0));
+    EXPECT_EQ(mixed[1], static_cast<float>(-2.0 / 32767.0));
+    EXPECT_EQ(mixed[2], 1.0f);
     EXPECT_EQ(sampleToFloat(32767), 1.0f);
     EXPECT_EQ(sampleToFloat(-32768), -1.0000305f);
     EXPECT_EQ(sampleToFloat(0), 0.0f);
@@ -93,18 +93,6 @@ TEST(PlainConversion, RoundTripTakesExactly33279ValuesOneStepTowardZero) {
     }
 }
 
-// Down-mix halves by an arithmetic shift: (-1, -2) gives -2.
-TEST(PlainConversion, MixDownValues) {
-    SimdGuard guard;
-    SimdGuard::set(false, false, false);
-    int16_t pairs[6] = {1, 2, -1, -2, 32767, 32767};
-    float mixed[3];
-    EXPECT_EQ(dsp::convertToFloat(pairs, sizeof(pairs), mixed, nullptr, 2), 3u);
-    EXPECT_EQ(mixed[0], static_cast<float>(1.0 / 32767.0));
-    EXPECT_EQ(mixed[1], static_cast<float>(-2.0 / 32767.0));
-    EXPECT_EQ(mixed[2], 1.0f);
-}
-
 struct Path {
     const char* name;
     bool amd3dnow, sse;
@@ -124,28 +112,26 @@ protected:
 };
 
 // Frames before the kernel/remainder split follow the kernel model, those
-// after it the plain model, each at its own position; bytes past the last
-// whole frame are ignored and nothing past n is written.
+// after it the plain model; bytes past the last whole frame are ignored and
+// nothing past n is written.
 void checkToFloat(const Path& p, const std::vector<int16_t>& src, uint32_t n) {
-    AlignedFloats a(n + 1), b(n + 1), m(n + 1);
-    a[n] = 99.0f;
-    ASSERT_EQ(dsp::convertToFloat(src.data(), n * 2 + 1, a.data(), nullptr, 1), n);
-    ASSERT_EQ(a[n], 99.0f);
-    for (uint32_t i = 0; i < n; ++i) {
-        ASSERT_EQ(a[i],
-                  i < p.kernelFrames(p.monoGroup, n) ? kernelToFloat(src[i]) : plainToFloat(src[i]))
-            << "mono n=" << n << " i=" << i;
-        // Before rounding every path lies in [s/32767, (s+1)/32767).
-        ASSERT_GE(a[i], static_cast<float>(src[i] / 32767.0));
-        ASSERT_LE(a[i], static_cast<float>((src[i] + 1) / 32767.0));
-    }
+    AlignedFloats o(n + 1), a(n), b(n), m(n);
+    o[n] = 99.0f;
+    ASSERT_EQ(dsp::convertToFloat(src.data(), n * 2 + 1, o.data(), nullptr, 1), n);
     ASSERT_EQ(dsp::convertToFloat(src.data(), n * 4 + 3, a.data(), b.data(), 2), n);
     ASSERT_EQ(dsp::convertToFloat(src.data(), n * 4 + 3, m.data(), nullptr, 2), n);
+    ASSERT_EQ(o[n], 99.0f);
+    auto model = [&](int16_t s, uint32_t group, uint32_t i) {
+        return i < p.kernelFrames(group, n) ? kernelToFloat(s) : plainToFloat(s);
+    };
     for (uint32_t i = 0; i < n; ++i) {
-        int16_t l = src[2 * i], r = src[2 * i + 1];
-        bool kernel = i < p.kernelFrames(p.stereoGroup, n);
-        ASSERT_EQ(a[i], kernel ? kernelToFloat(l) : plainToFloat(l)) << n << " " << i;
-        ASSERT_EQ(b[i], kernel ? kernelToFloat(r) : plainToFloat(r)) << n << " " << i;
+        const int16_t l = src[2 * i], r = src[2 * i + 1];
+        ASSERT_EQ(o[i], model(src[i], p.monoGroup, i)) << "mono n=" << n << " i=" << i;
+        // Before rounding every path lies in [s/32767, (s+1)/32767).
+        ASSERT_GE(o[i], static_cast<float>(src[i] / 32767.0));
+        ASSERT_LE(o[i], static_cast<float>((src[i] + 1) / 32767.0));
+        ASSERT_EQ(a[i], model(l, p.stereoGroup, i)) << n << " " << i;
+        ASSERT_EQ(b[i], model(r, p.stereoGroup, i)) << n << " " << i;
         ASSERT_EQ(m[i], i < p.kernelFrames(p.mixGroup, n) ? kernelMix(l, r) : plainMix(l, r))
             << "mix n=" << n << " i=" << i;
     }
@@ -159,8 +145,7 @@ void checkToInt16(const Path& p, const float* l, const float* r, uint32_t n) {
     ASSERT_EQ(dsp::convertToInt16(left.data(), nullptr, n, mono.data(), 1), n * 2);
     ASSERT_EQ(dsp::convertToInt16(left.data(), right.data(), n, stereo.data(), 2), n * 4);
     ASSERT_EQ(dsp::convertToInt16(left.data(), nullptr, n, dup.data(), 2), n * 4);
-    ASSERT_EQ(mono[n], 1234);
-    ASSERT_EQ(stereo[2 * n], 1234);
+    ASSERT_TRUE(mono[n] == 1234 && stereo[2 * n] == 1234);
     auto model = [&](float x, uint32_t group, uint32_t i) {
         return i < p.kernelFrames(group, n) ? p.kernelToInt16(x) : plainToInt16(x);
     };
@@ -261,10 +246,10 @@ TEST(PassThroughCopy, IdenticalWithAndWithoutSwitches) {
     for (uint32_t bytes : {0u, 15u, 16u, 33u, 40u}) {
         for (int flags = 0; flags < 8; ++flags) {
             SimdGuard::set(flags & 1, flags & 2, flags & 4);
-            std::vector<unsigned char> dst(41, 0xEE);
+            std::vector<unsigned char> dst(41, 0xEE), expected(src.begin(), src.begin() + bytes);
+            expected.resize(41, 0xEE);
             dsp::passThroughCopy(src.data(), dst.data(), bytes);
-            EXPECT_TRUE(std::equal(src.begin(), src.begin() + bytes, dst.begin())) << bytes;
-            EXPECT_EQ(dst[bytes], 0xEE) << bytes << " flags " << flags;
+            EXPECT_EQ(dst, expected) << bytes << " flags " << flags;
         }
     }
 }

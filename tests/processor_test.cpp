@@ -1,5 +1,5 @@
-// The processor base through a small processor defined here: buffer setup
-// and reuse, the standard interleaved template, tags and destruction.
+// The processor base through a small halving processor: buffer setup and
+// reuse, the standard interleaved template, tags and destruction.
 #include "core/fastmem_pool.h"
 #include "core/processor.h"
 #include "core/sample_convert.h"
@@ -39,7 +39,7 @@ int16_t halved(int16_t s) {
     return dsp::convert::floatToSample(dsp::convert::sampleToFloat(s) * 0.5f);
 }
 
-TEST(DspProcessor, SetupTakesSixAlignedPoolBuffersAndGivesThemBack) {
+TEST(DspProcessor, SetupTakesSixAlignedPoolBuffersRefusesBadChannelsAndGivesThemBack) {
     dsp::FastmemPool& pool = dsp::fastmemPool();
     const uint32_t blocks = pool.blockCount(), bytes = fastmemGetAllocatedSize();
     {
@@ -59,6 +59,10 @@ TEST(DspProcessor, SetupTakesSixAlignedPoolBuffersAndGivesThemBack) {
         EXPECT_EQ(p.ready, 0);
         EXPECT_EQ(fastmemGetAllocatedSize(), bytes);
         p.releaseBuffers(); // a second release does nothing
+        EXPECT_FALSE(p.setupBuffers(64, 0));
+        EXPECT_FALSE(p.setupBuffers(64, 3));
+        EXPECT_EQ(fastmemGetAllocatedSize(), bytes);
+        EXPECT_EQ(p.work[0], nullptr);
         ASSERT_TRUE(p.setupBuffers(64, 1));
     }
     EXPECT_EQ(pool.blockCount(), blocks);
@@ -81,60 +85,34 @@ TEST(DspProcessor, SmallerConfigureKeepsBuffersAndTheEarlierSizeAllocatesAnew) {
     EXPECT_EQ(p.inFrames, 1024u);
 }
 
-TEST(DspProcessor, PoolFailureAndBadChannelCountsLeaveNoBuffers) {
-    const uint32_t total = fastmemGetAllocatedSize();
-    HalvingProcessor p;
-    dsp::fastmemPool().setSystemAllocator([](size_t) -> void* { return nullptr; });
-    const bool ok = p.setupBuffers(64, 2);
-    dsp::fastmemPool().setSystemAllocator(nullptr);
-    EXPECT_FALSE(ok);
-    EXPECT_FALSE(p.setupBuffers(64, 0));
-    EXPECT_FALSE(p.setupBuffers(64, 3));
-    EXPECT_EQ(p.ready, 0);
-    EXPECT_EQ(fastmemGetAllocatedSize(), total);
-    for (float* w : p.work) {
-        EXPECT_EQ(w, nullptr);
-    }
-}
-
-TEST(DspProcessor, InterleavedTemplateOnAPartialStereoFrameAndOnMono) {
+// Whole frames are halved and counted per channel, bytes past the last whole
+// frame are left alone, and blocks larger than the setup go through in pieces
+// instead of overrunning the work buffers.
+TEST(DspProcessor, InterleavedTemplateOnPartialFramesMonoAndOversizedBlocks) {
     dsptest::SimdGuard guard;
     dsptest::SimdGuard::set(false, false, false);
-    HalvingProcessor p;
-    ASSERT_TRUE(p.setupBuffers(1025, 2));
-    std::vector<int16_t> src(2052), dst(2052, 555);
-    for (size_t i = 0; i < src.size(); ++i) {
-        src[i] = static_cast<int16_t>(i * 13 - 9000);
+    struct Case {
+        uint32_t setupFrames, channels, bytes;
+        int calls;
+    } const cases[] = {{1025, 2, 4103, 1}, {16, 1, 32, 1}, {10, 2, 140, 4}, {10, 1, 45, 3}};
+    for (const Case& c : cases) {
+        HalvingProcessor p;
+        ASSERT_TRUE(p.setupBuffers(c.setupFrames, c.channels));
+        const uint32_t whole = c.bytes / (2 * c.channels) * c.channels;
+        std::vector<int16_t> src(whole + 2), dst(whole + 2, 555);
+        for (size_t i = 0; i < src.size(); ++i) {
+            src[i] = static_cast<int16_t>(i * 13 - 9000);
+        }
+        EXPECT_EQ(p.processInterleaved(src.data(), dst.data(), c.bytes), c.bytes);
+        EXPECT_EQ(p.channelCalls[0], c.calls);
+        EXPECT_EQ(p.channelCalls[1], c.channels == 2 ? c.calls : 0);
+        for (size_t i = 0; i < whole; ++i) {
+            ASSERT_EQ(dst[i], halved(src[i])) << c.bytes << ": " << i;
+        }
+        EXPECT_EQ(dst[whole], 555) << c.bytes;
+        EXPECT_EQ(dst[whole + 1], 555) << c.bytes;
     }
-    EXPECT_EQ(p.processInterleaved(src.data(), dst.data(), 4103), 4103u);
-    EXPECT_EQ(p.channelCalls[0], 1);
-    EXPECT_EQ(p.channelCalls[1], 1);
-    for (size_t i = 0; i < 2050; ++i) {
-        ASSERT_EQ(dst[i], halved(src[i])) << i;
-    }
-    EXPECT_EQ(dst[2050], 555); // the 3 bytes past the last whole frame
-    EXPECT_EQ(dst[2051], 555);
-
-    HalvingProcessor mono;
-    ASSERT_TRUE(mono.setupBuffers(16, 1));
-    std::vector<int16_t> in(16, 1000), out(16);
-    EXPECT_EQ(mono.processInterleaved(in.data(), out.data(), 32), 32u);
-    EXPECT_EQ(mono.channelCalls[1], 0);
-    EXPECT_EQ(out[15], 499);
-}
-
-TEST(DspProcessor, OversizedBlocksArePiecedInsteadOfOverrunning) {
-    HalvingProcessor p;
-    ASSERT_TRUE(p.setupBuffers(10, 2));
-    std::vector<int16_t> src(2 * 35), dst(2 * 35);
-    for (size_t i = 0; i < src.size(); ++i) {
-        src[i] = static_cast<int16_t>(i * 100);
-    }
-    EXPECT_EQ(p.processInterleaved(src.data(), dst.data(), 140), 140u);
-    EXPECT_EQ(p.channelCalls[0], 4);
-    for (size_t i = 0; i < src.size(); ++i) {
-        ASSERT_EQ(dst[i], halved(src[i])) << i;
-    }
+    EXPECT_EQ(halved(1000), 499);
 }
 
 // Records the tag left in the storage when the object is freed.

@@ -1,9 +1,7 @@
-// Allocation failure on demand: each injector counts the allocations made
-// since it was armed and fails one chosen call, or every call from it on, so
-// tests can walk a failure through every allocation an init… makes.
-// FailingPool replaces the fastmem pool's system allocator; FailingHeap
-// replaces the nothrow operator new of this test program (the library's
-// every heap object) on the calling thread only.
+// Allocation failure on demand: each injector counts the allocations since it
+// was armed and fails one chosen call (failAt, 0 = none) or every call from it
+// on. FailingPool replaces the pool's system allocator; FailingHeap the
+// nothrow operator new (every library heap object) on the calling thread.
 #pragma once
 
 #include <cstdint>
@@ -13,10 +11,8 @@ namespace dsptest {
 enum class FailMode { OnlyAt, FromThenOn };
 
 struct FailingPool {
-    // Starts counting; failAt 0 never fails.
     static void arm(uint64_t failAt, FailMode mode);
-    // Restores the default allocator; returns the calls counted since arm.
-    static uint64_t disarm();
+    static uint64_t disarm(); // restores the allocator; returns the calls counted
 };
 
 struct FailingHeap {

@@ -1,8 +1,6 @@
-// The one replacement of global operator new in dsp_tests: the nothrow forms,
-// which the library uses for every heap object, can be made to fail. Storage
-// still comes from the ordinary throwing operator new, so the ordinary
-// operator delete releases it and the sanitizers and valgrind see matching
-// pairs.
+// The one replacement of global operator new in dsp_tests: the nothrow forms
+// can be made to fail. Storage comes from the throwing operator new, so the
+// ordinary operator delete releases it and the sanitizers see matching pairs.
 #include "support/allocation_failure.h"
 
 #include "core/fastmem_pool.h"
@@ -14,34 +12,34 @@
 
 namespace {
 
-// Heap counters: plain thread-local values, constant-initialised, so reading
-// them inside operator new allocates nothing.
-thread_local bool heapArmed = false;
-thread_local bool heapFromThenOn = false;
-thread_local uint64_t heapFailAt = 0;
-thread_local uint64_t heapCalls = 0;
-
-bool failHeapCall() {
-    if (!heapArmed) {
-        return false;
-    }
-    ++heapCalls;
-    return heapFailAt != 0 &&
-           (heapCalls == heapFailAt || (heapFromThenOn && heapCalls > heapFailAt));
+bool failsNow(uint64_t call, uint64_t failAt, bool fromThenOn) {
+    return failAt != 0 && (call == failAt || (fromThenOn && call > failAt));
 }
 
+// Thread-local, constant-initialised: reading them inside operator new
+// allocates nothing.
+thread_local bool heapArmed = false, heapFromThenOn = false;
+thread_local uint64_t heapFailAt = 0, heapCalls = 0;
+
 // The pool's allocator may be called from any thread.
-std::atomic<uint64_t> poolCalls{0};
-std::atomic<uint64_t> poolFailAt{0};
+std::atomic<uint64_t> poolCalls{0}, poolFailAt{0};
 std::atomic<bool> poolFromThenOn{false};
 
 void* poolAllocate(size_t bytes) {
-    const uint64_t call = ++poolCalls;
-    const uint64_t failAt = poolFailAt.load();
-    if (failAt != 0 && (call == failAt || (poolFromThenOn.load() && call > failAt))) {
+    return failsNow(++poolCalls, poolFailAt.load(), poolFromThenOn.load()) ? nullptr
+                                                                           : std::malloc(bytes);
+}
+
+template <void* (*Allocate)(std::size_t)>
+void* nothrowNew(std::size_t size) noexcept {
+    if (heapArmed && failsNow(++heapCalls, heapFailAt, heapFromThenOn)) {
         return nullptr;
     }
-    return std::malloc(bytes);
+    try {
+        return Allocate(size);
+    } catch (...) {
+        return nullptr;
+    }
 }
 
 } // namespace
@@ -75,23 +73,9 @@ uint64_t FailingHeap::disarm() {
 } // namespace dsptest
 
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    if (failHeapCall()) {
-        return nullptr;
-    }
-    try {
-        return ::operator new(size);
-    } catch (...) {
-        return nullptr;
-    }
+    return nothrowNew < ::operator new>(size);
 }
 
 void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-    if (failHeapCall()) {
-        return nullptr;
-    }
-    try {
-        return ::operator new[](size);
-    } catch (...) {
-        return nullptr;
-    }
+    return nothrowNew < ::operator new[]>(size);
 }

@@ -2,6 +2,8 @@
 
 #include "dsp.h"
 
+#include <cstring>
+
 namespace dsptest {
 
 namespace {
@@ -35,6 +37,20 @@ uint32_t slice(void* h, const int16_t* in, void* out, uint32_t bytes) {
 }
 
 constexpr uint32_t kF = kFamilyFrames;
+
+void* initChain() {
+    void* chain = dspCreate(kF, 2, 32000);
+    dspAdd(chain, initResampler(kF, 2, 2, 44100, 44100, 1, 60.0f, 60.0f, 1), 1);
+    dspAdd(chain, initChorus(kF, 2, 44100, 2, 20.0f, 2.0f, 1.0f, 50.0f, 50.0f), 2);
+    dspAdd(chain, initHqups(kF * 2, 2, 2, 44100, 0.5f, 50.0f, 5000, 1, 60.0f, 60.0f, 1, 1), 3);
+    dspAdd(chain, initStretch(kF, 2, 44100, 300.0f, 0.0f, 0.05f, 0.01f), 4);
+    return chain;
+}
+
+uint32_t destroyChain(void* chain) {
+    dspDestroy(chain);
+    return 1;
+}
 
 } // namespace
 
@@ -72,6 +88,31 @@ const std::vector<FamilyRun>& familyRuns() {
          slice, termWaveSlice, nullptr},
     };
     return runs;
+}
+
+const FamilyRun& chainRun() {
+    static const FamilyRun run{"Chain", 2, initChain, audio<dspSend>, destroyChain, nullptr};
+    return run;
+}
+
+std::vector<uint8_t> familyOutput(const FamilyRun& family, uint32_t seed) {
+    void* h = family.init();
+    if (h == nullptr) {
+        return {};
+    }
+    if (family.prepare != nullptr) {
+        family.prepare(h);
+    }
+    std::vector<uint8_t> all;
+    for (uint32_t frames : {7u, kF / 3, kF, 5u, kF}) {
+        const std::vector<int16_t> in = testSignal(frames * family.channels, seed++);
+        std::vector<uint8_t> out(kFamilyOutBytes + 4, 0);
+        const uint32_t result = family.run(h, in.data(), out.data(), frames * family.channels * 2);
+        std::memcpy(&out[kFamilyOutBytes], &result, 4);
+        all.insert(all.end(), out.begin(), out.end());
+    }
+    family.term(h);
+    return all;
 }
 
 std::vector<int16_t> testSignal(uint32_t samples, uint32_t seed) {
