@@ -116,10 +116,10 @@ TEST(RiffFile, CreatedChunksGetTheirSizesAndPadBytesOnAscend) {
     EXPECT_EQ(riff.size, 4u + 12u + 10u);
     ASSERT_TRUE(file.close());
 
-    Bytes chunks = dsptest::chunkBytes("odd ", {1, 2, 3});
-    Bytes even = dsptest::chunkBytes("even", {1, 2});
-    chunks.insert(chunks.end(), even.begin(), even.end());
-    EXPECT_EQ(dsptest::readFileBytes(path), dsptest::riffBytes("TEST", chunks));
+    EXPECT_EQ(
+        dsptest::readFileBytes(path),
+        dsptest::riffBytes("TEST", dsptest::joinBytes({dsptest::chunkBytes("odd ", {1, 2, 3}),
+                                                       dsptest::chunkBytes("even", {1, 2})})));
     std::remove(path.c_str());
 }
 
@@ -131,23 +131,14 @@ protected:
         // chunk, a LIST and a target chunk; trailing bytes after the form.
         Bytes other = dsptest::riffBytes("XXXX", dsptest::chunkBytes("junk", {9, 9}));
         Bytes chunks = dsptest::chunkBytes("odd ", {1, 2, 3, 4, 5});
-        Bytes list = dsptest::chunkBytes("LIST", [] {
-            Bytes b;
-            dsptest::appendId(b, "INFO");
-            Bytes inner = dsptest::chunkBytes("INAM", {'a', 'b'});
-            b.insert(b.end(), inner.begin(), inner.end());
-            return b;
-        }());
-        Bytes target = dsptest::chunkBytes("want", {7, 7, 7, 7});
-        chunks.insert(chunks.end(), list.begin(), list.end());
-        chunks.insert(chunks.end(), target.begin(), target.end());
-        Bytes form = dsptest::riffBytes("GOOD", chunks);
-        image_ = other;
-        goodStart_ = static_cast<int64_t>(image_.size());
-        image_.insert(image_.end(), form.begin(), form.end());
-        Bytes trailer = dsptest::chunkBytes("tail", {1, 1});
-        image_.insert(image_.end(), trailer.begin(), trailer.end());
-        dsptest::writeFileBytes(path_, image_);
+        Bytes list = dsptest::chunkBytes(
+            "LIST",
+            dsptest::joinBytes({{'I', 'N', 'F', 'O'}, dsptest::chunkBytes("INAM", {'a', 'b'})}));
+        Bytes form = dsptest::riffBytes(
+            "GOOD", dsptest::joinBytes({chunks, list, dsptest::chunkBytes("want", {7, 7, 7, 7})}));
+        goodStart_ = static_cast<int64_t>(other.size());
+        dsptest::writeFileBytes(
+            path_, dsptest::joinBytes({other, form, dsptest::chunkBytes("tail", {1, 1})}));
         ASSERT_TRUE(file_.open(path_.c_str(), RiffFile::Access::kRead));
     }
     void TearDown() override {
@@ -155,7 +146,6 @@ protected:
         std::remove(path_.c_str());
     }
     std::string path_;
-    Bytes image_;
     int64_t goodStart_ = 0;
     RiffFile file_;
 };
@@ -208,9 +198,9 @@ TEST_F(RiffDescend, FindsFormsListsAndChunksWithinTheirParent) {
 
 TEST(RiffFile, ChunkSizesPastTheEndAndReadsPastTheEndAreHarmless) {
     std::string path = dsptest::wavefileTempPath("riff_past_end.bin");
-    Bytes image = dsptest::chunkBytesWithSize("huge", 0xFFFFFFFFu, {1, 2, 3, 4});
-    Bytes next = dsptest::chunkBytes("next", {5, 6});
-    image.insert(image.end(), next.begin(), next.end());
+    Bytes image =
+        dsptest::joinBytes({dsptest::chunkBytesWithSize("huge", 0xFFFFFFFFu, {1, 2, 3, 4}),
+                            dsptest::chunkBytes("next", {5, 6})});
     dsptest::writeFileBytes(path, image);
     RiffFile file;
     ASSERT_TRUE(file.open(path.c_str(), RiffFile::Access::kRead));

@@ -26,6 +26,8 @@ namespace {
 
 namespace fs = std::filesystem;
 using dsptest::Bytes;
+using dsptest::joinBytes;
+using dsptest::le;
 
 const uint32_t kBlock = 4096;
 
@@ -56,41 +58,25 @@ ToolRun runTool(const std::string& arguments) {
     return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, slurp(out), slurp(err)};
 }
 
-Bytes le(uint32_t v, int bytes) {
-    Bytes out;
-    for (int i = 0; i < bytes; ++i) {
-        out.push_back(static_cast<uint8_t>(v >> (8 * i)));
-    }
-    return out;
-}
-
-Bytes cat(std::initializer_list<Bytes> parts) {
-    Bytes out;
-    for (const Bytes& p : parts) {
-        out.insert(out.end(), p.begin(), p.end());
-    }
-    return out;
-}
-
 // A WAVE file built here; tag 0xFFFE adds the extensible tail whose
 // sub-format is PCM (1) or float (3).
 Bytes waveBytes(uint32_t rate, uint16_t channels, const std::vector<int16_t>& samples,
                 uint16_t formatTag = 1, uint16_t bits = 16, uint16_t subFormat = 1) {
     const uint32_t align = channels * (bits / 8u);
-    Bytes fmt = cat({le(formatTag, 2), le(channels, 2), le(rate, 4), le(rate * align, 4),
-                     le(align, 2), le(bits, 2)});
+    Bytes fmt = joinBytes({le(formatTag, 2), le(channels, 2), le(rate, 4), le(rate * align, 4),
+                           le(align, 2), le(bits, 2)});
     if (formatTag == 0xFFFE) {
-        fmt = cat({fmt,
-                   le(22, 2),
-                   le(bits, 2),
-                   le(channels == 2 ? 3 : 4, 4),
-                   le(subFormat, 2),
-                   {0, 0, 0, 0, 0x10, 0, 0x80, 0, 0, 0xAA, 0, 0x38, 0x9B, 0x71}});
+        fmt = joinBytes({fmt,
+                         le(22, 2),
+                         le(bits, 2),
+                         le(channels == 2 ? 3 : 4, 4),
+                         le(subFormat, 2),
+                         {0, 0, 0, 0, 0x10, 0, 0x80, 0, 0, 0xAA, 0, 0x38, 0x9B, 0x71}});
     }
     const uint8_t* data = reinterpret_cast<const uint8_t*>(samples.data());
     return dsptest::riffBytes(
-        "WAVE", cat({dsptest::chunkBytes("fmt ", fmt),
-                     dsptest::chunkBytes("data", Bytes(data, data + 2 * samples.size()))}));
+        "WAVE", joinBytes({dsptest::chunkBytes("fmt ", fmt),
+                           dsptest::chunkBytes("data", Bytes(data, data + 2 * samples.size()))}));
 }
 
 const auto writeFile = dsptest::writeFileBytes;
