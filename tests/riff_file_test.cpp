@@ -20,56 +20,44 @@ using dsptest::Bytes;
 
 constexpr size_t kBuf = RiffFile::kBufferBytes;
 
-// Runs a random mix of seeks, writes and reads against a byte-vector model of
-// the file. Wide runs use lengths up to two buffers over ~3 buffers of file,
-// so transfers cross, straddle and bypass the buffer; narrow runs use short
-// transfers and nearby seeks, so they land at earlier and later offsets
-// within one buffered window.
+// A random mix of seeks, writes and reads against a byte-vector model of the
+// file. Wide runs: lengths up to two buffers over ~3 buffers of file, so
+// transfers cross, straddle and bypass the buffer. Narrow runs: short
+// transfers and nearby seeks within one buffered window, flushed now and then.
 void runAgainstModel(uint32_t seed, int steps, bool wide) {
     std::string path = dsptest::wavefileTempPath("riff_model.bin");
     RiffFile file;
     ASSERT_TRUE(file.open(path.c_str(), RiffFile::Access::kCreate));
     Bytes model;
-    int64_t position = 0;
+    size_t position = 0;
     std::mt19937 rng(seed);
-    auto nextLength = [&] {
-        return wide ? static_cast<size_t>(rng() % (2 * kBuf + 999)) / (rng() % 2 == 0 ? 1 : 997) + 1
-                    : static_cast<size_t>(rng() % 300) + 1;
-    };
     for (int step = 0; step < steps; ++step) {
-        int kind = static_cast<int>(rng() % 3);
+        const int kind = static_cast<int>(rng() % 3);
+        const size_t n =
+            wide ? (rng() % (2 * kBuf + 999)) / (rng() % 2 == 0 ? 1 : 997) + 1 : rng() % 300 + 1;
         if (kind == 0) {
-            int64_t target = 0;
-            if (wide) {
-                target = static_cast<int64_t>(rng() % (3 * kBuf + 500));
-            } else {
-                target = std::max<int64_t>(0, position - static_cast<int64_t>(rng() % 900) + 300);
-            }
-            ASSERT_EQ(file.seek(target, RiffFile::Origin::kBegin), target);
-            position = target;
+            position = wide ? rng() % (3 * kBuf + 500)
+                            : static_cast<size_t>(std::max<int64_t>(
+                                  0, int64_t(position) - int64_t(rng() % 900) + 300));
+            ASSERT_EQ(file.seek(int64_t(position), RiffFile::Origin::kBegin), int64_t(position));
         } else if (kind == 1) {
-            size_t n = nextLength();
             Bytes data = dsptest::patternSamples(n, static_cast<uint32_t>(step));
-            ASSERT_EQ(file.write(data.data(), n), static_cast<int64_t>(n));
-            if (model.size() < static_cast<size_t>(position) + n) {
-                model.resize(static_cast<size_t>(position) + n, 0);
-            }
+            ASSERT_EQ(file.write(data.data(), n), int64_t(n));
+            model.resize(std::max(model.size(), position + n), 0);
             std::copy(data.begin(), data.end(), model.begin() + position);
-            position += static_cast<int64_t>(n);
+            position += n;
         } else {
-            size_t n = nextLength();
             Bytes got(n + 1, 0xEE);
-            size_t expected = static_cast<size_t>(position) >= model.size()
-                                  ? 0
-                                  : std::min(n, model.size() - static_cast<size_t>(position));
-            ASSERT_EQ(file.read(got.data(), n), static_cast<int64_t>(expected)) << "step " << step;
+            const size_t expected =
+                position >= model.size() ? 0 : std::min(n, model.size() - position);
+            ASSERT_EQ(file.read(got.data(), n), int64_t(expected)) << "step " << step;
             ASSERT_TRUE(std::equal(got.begin(), got.begin() + expected, model.begin() + position))
                 << "step " << step;
             EXPECT_EQ(got[n], 0xEE);
-            position += static_cast<int64_t>(expected);
+            position += expected;
         }
-        ASSERT_EQ(file.tell(), position);
-        ASSERT_EQ(file.size(), static_cast<int64_t>(model.size()));
+        ASSERT_EQ(file.tell(), int64_t(position));
+        ASSERT_EQ(file.size(), int64_t(model.size()));
         if (!wide && step % 500 == 499) {
             ASSERT_TRUE(file.flush());
             ASSERT_EQ(dsptest::readFileBytes(path), model) << "step " << step;
