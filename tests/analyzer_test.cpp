@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <random>
 #include <vector>
@@ -71,19 +72,16 @@ void* failingAlloc(size_t) {
 }
 
 TEST(Analyzer, InitRefusesArgumentsOutsideTheLimitsAndFailedAllocations) {
-    EXPECT_EQ(initFft(256, 2, 0, 100), nullptr);
-    EXPECT_EQ(initFft(256, 2, 3, 100), nullptr);
-    EXPECT_EQ(initFft(256, 1, 2, 100), nullptr); // two spectra need stereo
-    EXPECT_EQ(initFft(255, 1, 1, 100), nullptr);
-    EXPECT_EQ(initFft(2, 1, 1, 100), nullptr);
-    EXPECT_EQ(initFft(65536, 1, 1, 100), nullptr);
-    EXPECT_EQ(initFft(256, 3, 1, 100), nullptr);
-    EXPECT_EQ(initFftAnalyze(64, 1, 384, 1024), nullptr);
-    EXPECT_EQ(initFftAnalyze(64, 1, 512, 511), nullptr);  // history shorter than the size
-    EXPECT_EQ(initFftAnalyze(600, 1, 512, 512), nullptr); // history shorter than the hop
-    EXPECT_EQ(initFftAnalyze(64, 0, 512, 512), nullptr);
-    EXPECT_EQ(initEnvAnalyze(256, 1, 0), nullptr);
-    EXPECT_EQ(initEnvAnalyze(256, 1, 66), nullptr);
+    // Spectra 0 or 3, two of mono, sizes not a power of two or out of range,
+    // 3 channels, histories shorter than the size or the hop, rates 0 and 66.
+    for (void* h :
+         {initFft(256, 2, 0, 100), initFft(256, 2, 3, 100), initFft(256, 1, 2, 100),
+          initFft(255, 1, 1, 100), initFft(2, 1, 1, 100), initFft(65536, 1, 1, 100),
+          initFft(256, 3, 1, 100), initFftAnalyze(64, 1, 384, 1024),
+          initFftAnalyze(64, 1, 512, 511), initFftAnalyze(600, 1, 512, 512),
+          initFftAnalyze(64, 0, 512, 512), initEnvAnalyze(256, 1, 0), initEnvAnalyze(256, 1, 66)}) {
+        EXPECT_EQ(h, nullptr);
+    }
     for (void* h : {initFft(4, 1, 1, 100), initFft(32768, 2, 2, 100),
                     initFftAnalyze(600, 2, 512, 600), initEnvAnalyze(256, 2, 8000)}) {
         ASSERT_NE(h, nullptr);
@@ -103,30 +101,30 @@ TEST(Analyzer, InitRefusesArgumentsOutsideTheLimitsAndFailedAllocations) {
     EXPECT_EQ(pool.blockCount(), blocks);
 }
 
+// Null, another family's handle and each analyzer with the other kinds'
+// calls: refused, nothing written, no history touched.
 TEST(Analyzer, WrongHandlesAndKindsAreRefusedWithoutTouchingAnything) {
     void* chorus = initChorus(256, 1, 44100, 3, 20.0f, 2.0f, 1.5f, 30.0f, 100.0f);
-    ASSERT_NE(chorus, nullptr);
-    std::vector<int16_t> src(512, 1000);
-    std::vector<float> out(512, 7.0f);
-    for (void* h : {static_cast<void*>(nullptr), chorus}) {
-        EXPECT_EQ(doFft(h, src.data(), out.data(), 512), 0u);
-        EXPECT_EQ(doFftAnalyze(h, src.data(), out.data(), 512), 0u);
-        EXPECT_EQ(doEnvAnalyze(h, src.data(), out.data(), 512), 0u);
-        EXPECT_EQ(termFft(h), 0u);
-        EXPECT_EQ(termFftAnalyze(h), 0u);
-        EXPECT_EQ(termEnvAnalyze(h), 0u);
-    }
-    EXPECT_EQ(termChorus(chorus), 1u);
     void* fft = initFft(256, 1, 1, 100);
     void* sliding = initFftAnalyze(64, 1, 256, 256);
     void* env = initEnvAnalyze(256, 1, 44100);
-    ASSERT_TRUE(fft && sliding && env);
-    EXPECT_EQ(doFftAnalyze(fft, src.data(), out.data(), 128), 0u);
-    EXPECT_EQ(doEnvAnalyze(fft, src.data(), out.data(), 128), 0u);
-    EXPECT_EQ(doFft(sliding, src.data(), out.data(), 128), 0u);
-    EXPECT_EQ(doEnvAnalyze(sliding, src.data(), out.data(), 128), 0u);
-    EXPECT_EQ(doFft(env, src.data(), out.data(), 128), 0u);
-    EXPECT_EQ(doFftAnalyze(env, src.data(), out.data(), 128), 0u);
+    ASSERT_TRUE(chorus && fft && sliding && env);
+    std::vector<int16_t> src(512, 1000);
+    std::vector<float> out(512, 7.0f);
+    using Call = uint32_t (*)(void*, const int16_t*, float*, uint32_t);
+    const Call calls[] = {doFft, doFftAnalyze, doEnvAnalyze};
+    void* const handles[] = {fft, sliding, env, nullptr, chorus};
+    for (int h = 0; h < 5; ++h) {
+        for (int c = 0; c < 3; ++c) {
+            if (c != h) {
+                EXPECT_EQ(calls[c](handles[h], src.data(), out.data(), 512), 0u) << h << c;
+            }
+        }
+    }
+    for (uint32_t (*term)(void*) : {termFft, termFftAnalyze, termEnvAnalyze}) {
+        EXPECT_EQ(term(nullptr), 0u);
+        EXPECT_EQ(term(chorus), 0u);
+    }
     for (float v : out) {
         ASSERT_EQ(v, 7.0f);
     }
@@ -134,6 +132,7 @@ TEST(Analyzer, WrongHandlesAndKindsAreRefusedWithoutTouchingAnything) {
     for (uint32_t i = 0; i < 256; ++i) {
         ASSERT_EQ(s->slidingEngines[0].history[i], 0.0f);
     }
+    EXPECT_EQ(termChorus(chorus), 1u);
     // Any of the three names destroys any analyzer.
     EXPECT_EQ(termEnvAnalyze(fft), 1u);
     EXPECT_EQ(termFft(sliding), 1u);
@@ -212,7 +211,7 @@ TEST(DoFftAnalyze, FirstFrameHoldsZerosThenTheHopAndSilenceReadsMinus120) {
     termFftAnalyze(h);
     void* quiet = initFftAnalyze(128, 1, 512, 1024);
     std::vector<int16_t> silence(128, 0);
-    EXPECT_EQ(doFftAnalyze(quiet, silence.data(), out.data(), bytesOf(silence)), 1u);
+    ASSERT_EQ(doFftAnalyze(quiet, silence.data(), out.data(), bytesOf(silence)), 1u);
     for (float v : out) {
         ASSERT_EQ(v, -120.0f);
     }
@@ -309,36 +308,22 @@ TEST(DoEnvAnalyze, StereoIsLeftEnvelopesThenRightOnes) {
     termEnvAnalyze(h);
 }
 
-TEST(DoEnvAnalyze, NullOutputStillAdvancesTheFilters) {
-    const uint32_t frames = 256;
-    void* withOut = initEnvAnalyze(frames, 2, 44100);
-    void* without = initEnvAnalyze(frames, 2, 44100);
-    ASSERT_TRUE(withOut && without);
-    std::vector<int16_t> first = noise(2 * frames, 10, 32767), second = noise(2 * frames, 11);
-    std::vector<float> a(2 * frames), b(2 * frames);
-    EXPECT_EQ(doEnvAnalyze(withOut, first.data(), a.data(), bytesOf(first)), 1u);
-    EXPECT_EQ(doEnvAnalyze(without, first.data(), nullptr, bytesOf(first)), 1u);
-    doEnvAnalyze(withOut, second.data(), a.data(), bytesOf(second));
-    doEnvAnalyze(without, second.data(), b.data(), bytesOf(second));
-    EXPECT_EQ(a, b);
-    termEnvAnalyze(withOut);
-    termEnvAnalyze(without);
-}
-
-TEST(DoEnvAnalyze, BlockSizeDoesNotChangeTheEnvelope) {
+// Pieces of 100 frames (the first with no output, which still advances the
+// filters), then one call far longer than the work buffers.
+TEST(DoEnvAnalyze, BlockSizeAndANullOutputDoNotChangeTheEnvelope) {
     const uint32_t total = 1000;
     std::vector<int16_t> src = noise(total, 12, 32767);
     void* big = initEnvAnalyze(total, 1, 22050);
     void* small = initEnvAnalyze(128, 1, 22050);
     ASSERT_TRUE(big && small);
     std::vector<float> a(total), b(total);
-    doEnvAnalyze(big, src.data(), a.data(), bytesOf(src));
-    // Pieces of 100 frames, then one call far longer than the work buffers.
-    for (uint32_t start = 0; start < 500; start += 100) {
+    EXPECT_EQ(doEnvAnalyze(big, src.data(), a.data(), bytesOf(src)), 1u);
+    EXPECT_EQ(doEnvAnalyze(small, src.data(), nullptr, 200), 1u);
+    for (uint32_t start = 100; start < 500; start += 100) {
         doEnvAnalyze(small, src.data() + start, b.data() + start, 200);
     }
     doEnvAnalyze(small, src.data() + 500, b.data() + 500, 1000);
-    EXPECT_EQ(a, b);
+    EXPECT_TRUE(std::equal(a.begin() + 100, a.end(), b.begin() + 100));
     termEnvAnalyze(big);
     termEnvAnalyze(small);
 }

@@ -20,56 +20,44 @@ using dsptest::Bytes;
 
 constexpr size_t kBuf = RiffFile::kBufferBytes;
 
-// Runs a random mix of seeks, writes and reads against a byte-vector model of
-// the file. Wide runs use lengths up to two buffers over ~3 buffers of file,
-// so transfers cross, straddle and bypass the buffer; narrow runs use short
-// transfers and nearby seeks, so they land at earlier and later offsets
-// within one buffered window.
+// A random mix of seeks, writes and reads against a byte-vector model of the
+// file. Wide runs: lengths up to two buffers over ~3 buffers of file, so
+// transfers cross, straddle and bypass the buffer. Narrow runs: short
+// transfers and nearby seeks within one buffered window, flushed now and then.
 void runAgainstModel(uint32_t seed, int steps, bool wide) {
     std::string path = dsptest::wavefileTempPath("riff_model.bin");
     RiffFile file;
     ASSERT_TRUE(file.open(path.c_str(), RiffFile::Access::kCreate));
     Bytes model;
-    int64_t position = 0;
+    size_t position = 0;
     std::mt19937 rng(seed);
-    auto nextLength = [&] {
-        return wide ? static_cast<size_t>(rng() % (2 * kBuf + 999)) / (rng() % 2 == 0 ? 1 : 997) + 1
-                    : static_cast<size_t>(rng() % 300) + 1;
-    };
     for (int step = 0; step < steps; ++step) {
-        int kind = static_cast<int>(rng() % 3);
+        const int kind = static_cast<int>(rng() % 3);
+        const size_t n =
+            wide ? (rng() % (2 * kBuf + 999)) / (rng() % 2 == 0 ? 1 : 997) + 1 : rng() % 300 + 1;
         if (kind == 0) {
-            int64_t target = 0;
-            if (wide) {
-                target = static_cast<int64_t>(rng() % (3 * kBuf + 500));
-            } else {
-                target = std::max<int64_t>(0, position - static_cast<int64_t>(rng() % 900) + 300);
-            }
-            ASSERT_EQ(file.seek(target, RiffFile::Origin::kBegin), target);
-            position = target;
+            position = wide ? rng() % (3 * kBuf + 500)
+                            : static_cast<size_t>(std::max<int64_t>(
+                                  0, int64_t(position) - int64_t(rng() % 900) + 300));
+            ASSERT_EQ(file.seek(int64_t(position), RiffFile::Origin::kBegin), int64_t(position));
         } else if (kind == 1) {
-            size_t n = nextLength();
             Bytes data = dsptest::patternSamples(n, static_cast<uint32_t>(step));
-            ASSERT_EQ(file.write(data.data(), n), static_cast<int64_t>(n));
-            if (model.size() < static_cast<size_t>(position) + n) {
-                model.resize(static_cast<size_t>(position) + n, 0);
-            }
+            ASSERT_EQ(file.write(data.data(), n), int64_t(n));
+            model.resize(std::max(model.size(), position + n), 0);
             std::copy(data.begin(), data.end(), model.begin() + position);
-            position += static_cast<int64_t>(n);
+            position += n;
         } else {
-            size_t n = nextLength();
             Bytes got(n + 1, 0xEE);
-            size_t expected = static_cast<size_t>(position) >= model.size()
-                                  ? 0
-                                  : std::min(n, model.size() - static_cast<size_t>(position));
-            ASSERT_EQ(file.read(got.data(), n), static_cast<int64_t>(expected)) << "step " << step;
+            const size_t expected =
+                position >= model.size() ? 0 : std::min(n, model.size() - position);
+            ASSERT_EQ(file.read(got.data(), n), int64_t(expected)) << "step " << step;
             ASSERT_TRUE(std::equal(got.begin(), got.begin() + expected, model.begin() + position))
                 << "step " << step;
             EXPECT_EQ(got[n], 0xEE);
-            position += static_cast<int64_t>(expected);
+            position += expected;
         }
-        ASSERT_EQ(file.tell(), position);
-        ASSERT_EQ(file.size(), static_cast<int64_t>(model.size()));
+        ASSERT_EQ(file.tell(), int64_t(position));
+        ASSERT_EQ(file.size(), int64_t(model.size()));
         if (!wide && step % 500 == 499) {
             ASSERT_TRUE(file.flush());
             ASSERT_EQ(dsptest::readFileBytes(path), model) << "step " << step;
@@ -116,10 +104,10 @@ TEST(RiffFile, CreatedChunksGetTheirSizesAndPadBytesOnAscend) {
     EXPECT_EQ(riff.size, 4u + 12u + 10u);
     ASSERT_TRUE(file.close());
 
-    Bytes chunks = dsptest::chunkBytes("odd ", {1, 2, 3});
-    Bytes even = dsptest::chunkBytes("even", {1, 2});
-    chunks.insert(chunks.end(), even.begin(), even.end());
-    EXPECT_EQ(dsptest::readFileBytes(path), dsptest::riffBytes("TEST", chunks));
+    EXPECT_EQ(
+        dsptest::readFileBytes(path),
+        dsptest::riffBytes("TEST", dsptest::joinBytes({dsptest::chunkBytes("odd ", {1, 2, 3}),
+                                                       dsptest::chunkBytes("even", {1, 2})})));
     std::remove(path.c_str());
 }
 
@@ -131,23 +119,14 @@ protected:
         // chunk, a LIST and a target chunk; trailing bytes after the form.
         Bytes other = dsptest::riffBytes("XXXX", dsptest::chunkBytes("junk", {9, 9}));
         Bytes chunks = dsptest::chunkBytes("odd ", {1, 2, 3, 4, 5});
-        Bytes list = dsptest::chunkBytes("LIST", [] {
-            Bytes b;
-            dsptest::appendId(b, "INFO");
-            Bytes inner = dsptest::chunkBytes("INAM", {'a', 'b'});
-            b.insert(b.end(), inner.begin(), inner.end());
-            return b;
-        }());
-        Bytes target = dsptest::chunkBytes("want", {7, 7, 7, 7});
-        chunks.insert(chunks.end(), list.begin(), list.end());
-        chunks.insert(chunks.end(), target.begin(), target.end());
-        Bytes form = dsptest::riffBytes("GOOD", chunks);
-        image_ = other;
-        goodStart_ = static_cast<int64_t>(image_.size());
-        image_.insert(image_.end(), form.begin(), form.end());
-        Bytes trailer = dsptest::chunkBytes("tail", {1, 1});
-        image_.insert(image_.end(), trailer.begin(), trailer.end());
-        dsptest::writeFileBytes(path_, image_);
+        Bytes list = dsptest::chunkBytes(
+            "LIST",
+            dsptest::joinBytes({{'I', 'N', 'F', 'O'}, dsptest::chunkBytes("INAM", {'a', 'b'})}));
+        Bytes form = dsptest::riffBytes(
+            "GOOD", dsptest::joinBytes({chunks, list, dsptest::chunkBytes("want", {7, 7, 7, 7})}));
+        goodStart_ = static_cast<int64_t>(other.size());
+        dsptest::writeFileBytes(
+            path_, dsptest::joinBytes({other, form, dsptest::chunkBytes("tail", {1, 1})}));
         ASSERT_TRUE(file_.open(path_.c_str(), RiffFile::Access::kRead));
     }
     void TearDown() override {
@@ -155,7 +134,6 @@ protected:
         std::remove(path_.c_str());
     }
     std::string path_;
-    Bytes image_;
     int64_t goodStart_ = 0;
     RiffFile file_;
 };
@@ -208,9 +186,9 @@ TEST_F(RiffDescend, FindsFormsListsAndChunksWithinTheirParent) {
 
 TEST(RiffFile, ChunkSizesPastTheEndAndReadsPastTheEndAreHarmless) {
     std::string path = dsptest::wavefileTempPath("riff_past_end.bin");
-    Bytes image = dsptest::chunkBytesWithSize("huge", 0xFFFFFFFFu, {1, 2, 3, 4});
-    Bytes next = dsptest::chunkBytes("next", {5, 6});
-    image.insert(image.end(), next.begin(), next.end());
+    Bytes image =
+        dsptest::joinBytes({dsptest::chunkBytesWithSize("huge", 0xFFFFFFFFu, {1, 2, 3, 4}),
+                            dsptest::chunkBytes("next", {5, 6})});
     dsptest::writeFileBytes(path, image);
     RiffFile file;
     ASSERT_TRUE(file.open(path.c_str(), RiffFile::Access::kRead));

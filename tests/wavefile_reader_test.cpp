@@ -18,14 +18,7 @@ namespace {
 
 using dsptest::Bytes;
 using dsptest::chunkBytes;
-
-Bytes join(std::initializer_list<Bytes> parts) {
-    Bytes out;
-    for (const Bytes& p : parts) {
-        out.insert(out.end(), p.begin(), p.end());
-    }
-    return out;
-}
+constexpr auto join = dsptest::joinBytes;
 
 Bytes waveWith(const Bytes& chunks) {
     return dsptest::riffBytes("WAVE", chunks);
@@ -197,9 +190,8 @@ TEST_F(WavefileReaderTest, CallerBuffersAreFollowedAndOwnBuffersExtended) {
 
 TEST_F(WavefileReaderTest, DataSizePastTheEndOpensAndReadsShort) {
     Bytes image = dsptest::canonicalWave(1, 8000, dsptest::patternSamples(100));
-    image[40] = 0x00; // data size 307200, as an unfinished writer leaves it
-    image[41] = 0xB0;
-    image[42] = 0x04;
+    const Bytes size = dsptest::le(307200, 4); // as an unfinished writer leaves it
+    std::copy(size.begin(), size.end(), image.begin() + 40);
     open(image);
     EXPECT_EQ(header()->dataBytes, 307200u);
     std::vector<uint8_t> got(1000);

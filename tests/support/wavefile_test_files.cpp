@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <fstream>
 #include <iterator>
 
@@ -13,9 +14,7 @@ std::string wavefileTempPath(const std::string& name) {
     const ::testing::TestInfo* test = ::testing::UnitTest::GetInstance()->current_test_info();
     std::string owner = test != nullptr ? std::string(test->test_suite_name()) + "." + test->name()
                                         : std::string("shared");
-    for (char& ch : owner) {
-        ch = ch == '/' ? '_' : ch;
-    }
+    std::replace(owner.begin(), owner.end(), '/', '_');
     return std::string(DSP_TEST_TMPDIR) + "/wavefile_" + owner + "_" + name;
 }
 
@@ -30,29 +29,32 @@ Bytes readFileBytes(const std::string& path) {
     return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
-static void appendLe(Bytes& out, uint32_t value, int bytes) {
+Bytes joinBytes(std::initializer_list<Bytes> parts) {
+    Bytes out;
+    for (const Bytes& p : parts) {
+        out.insert(out.end(), p.begin(), p.end());
+    }
+    return out;
+}
+
+Bytes le(uint32_t value, int bytes) {
+    Bytes out;
     for (int i = 0; i < bytes; ++i) {
         out.push_back(static_cast<uint8_t>(value >> (8 * i)));
     }
-}
-
-void appendId(Bytes& out, const char* id) {
-    for (int i = 0; i < 4; ++i) {
-        out.push_back(static_cast<uint8_t>(id[i]));
-    }
+    return out;
 }
 
 uint32_t loadLe32(const Bytes& bytes, size_t at) {
-    return static_cast<uint32_t>(bytes.at(at)) | (static_cast<uint32_t>(bytes.at(at + 1)) << 8) |
-           (static_cast<uint32_t>(bytes.at(at + 2)) << 16) |
-           (static_cast<uint32_t>(bytes.at(at + 3)) << 24);
+    uint32_t v = 0;
+    for (int i = 3; i >= 0; --i) {
+        v = (v << 8) | bytes.at(at + i);
+    }
+    return v;
 }
 
 Bytes chunkBytesWithSize(const char* id, uint32_t size, const Bytes& body) {
-    Bytes out;
-    appendId(out, id);
-    appendLe(out, size, 4);
-    out.insert(out.end(), body.begin(), body.end());
+    Bytes out = joinBytes({Bytes(id, id + 4), le(size, 4), body});
     if (body.size() % 2 != 0) {
         out.push_back(0);
     }
@@ -64,12 +66,7 @@ Bytes chunkBytes(const char* id, const Bytes& body) {
 }
 
 Bytes riffBytesWithSize(const char* form, uint32_t size, const Bytes& chunks) {
-    Bytes out;
-    appendId(out, "RIFF");
-    appendLe(out, size, 4);
-    appendId(out, form);
-    out.insert(out.end(), chunks.begin(), chunks.end());
-    return out;
+    return joinBytes({{'R', 'I', 'F', 'F'}, le(size, 4), Bytes(form, form + 4), chunks});
 }
 
 Bytes riffBytes(const char* form, const Bytes& chunks) {
@@ -77,17 +74,8 @@ Bytes riffBytes(const char* form, const Bytes& chunks) {
 }
 
 Bytes pcmFormatBody(uint16_t channels, uint32_t rate, bool withExtraSize, uint16_t extraSize) {
-    Bytes out;
-    appendLe(out, 1, 2);
-    appendLe(out, channels, 2);
-    appendLe(out, rate, 4);
-    appendLe(out, rate * 2u * channels, 4);
-    appendLe(out, 2u * channels, 2);
-    appendLe(out, 16, 2);
-    if (withExtraSize) {
-        appendLe(out, extraSize, 2);
-    }
-    return out;
+    return joinBytes({le(1, 2), le(channels, 2), le(rate, 4), le(rate * 2u * channels, 4),
+                      le(2u * channels, 2), le(16, 2), withExtraSize ? le(extraSize, 2) : Bytes()});
 }
 
 Bytes patternSamples(size_t bytes, uint32_t seed) {
@@ -101,10 +89,8 @@ Bytes patternSamples(size_t bytes, uint32_t seed) {
 }
 
 Bytes canonicalWave(uint16_t channels, uint32_t rate, const Bytes& samples) {
-    Bytes chunks = chunkBytes("fmt ", pcmFormatBody(channels, rate));
-    Bytes data = chunkBytes("data", samples);
-    chunks.insert(chunks.end(), data.begin(), data.end());
-    return riffBytes("WAVE", chunks);
+    return riffBytes("WAVE", joinBytes({chunkBytes("fmt ", pcmFormatBody(channels, rate)),
+                                        chunkBytes("data", samples)}));
 }
 
 float wavefileSeconds(void* reader) {

@@ -1,8 +1,9 @@
-// Helpers for the WAVE and RIFF tests: scratch paths, whole-file I/O and byte
-// images of RIFF files built chunk by chunk.
+// Helpers for the WAVE, RIFF and tool tests: scratch paths, whole-file I/O
+// and byte images of RIFF files built chunk by chunk.
 #pragma once
 
 #include <cstdint>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -10,18 +11,17 @@ namespace dsptest {
 
 using Bytes = std::vector<uint8_t>;
 
-// A path in the test scratch directory, specific to the running test (ctest
-// runs tests in parallel processes).
+// A scratch path specific to the running test (ctest runs tests in parallel).
 std::string wavefileTempPath(const std::string& name);
 
 void writeFileBytes(const std::string& path, const Bytes& bytes);
 Bytes readFileBytes(const std::string& path);
 
-void appendId(Bytes& out, const char* id);
+Bytes joinBytes(std::initializer_list<Bytes> parts);
+Bytes le(uint32_t value, int bytes); // little-endian
 uint32_t loadLe32(const Bytes& bytes, size_t at);
 
-// One chunk: id, size (the body's unless given), body and a pad byte when
-// the body is odd.
+// One chunk: id, size (the body's unless given), body, a pad byte if odd.
 Bytes chunkBytesWithSize(const char* id, uint32_t size, const Bytes& body);
 Bytes chunkBytes(const char* id, const Bytes& body);
 // "RIFF", size (4 + chunks unless given), form type, then the chunks.
@@ -32,14 +32,12 @@ Bytes riffBytes(const char* form, const Bytes& chunks);
 Bytes pcmFormatBody(uint16_t channels, uint32_t rate, bool withExtraSize = false,
                     uint16_t extraSize = 0);
 
-// Deterministic sample bytes.
 Bytes patternSamples(size_t bytes, uint32_t seed = 1);
 
 // The canonical 44-byte-header file around `samples`.
 Bytes canonicalWave(uint16_t channels, uint32_t rate, const Bytes& samples);
 
-// The reader's header.seconds by value (the field sits at an odd offset of a
-// packed record, so tests never bind references to it).
+// The reader's header.seconds by value (a packed field at an odd offset).
 float wavefileSeconds(void* reader);
 
 } // namespace dsptest
