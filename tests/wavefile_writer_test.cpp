@@ -37,16 +37,6 @@ Bytes expectedFile(const WavefileFormat& f, const Bytes& samples) {
                                     dsptest::chunkBytes("data", samples)}));
 }
 
-// Writes in odd-sized pieces, as a host's blocks may come.
-void writeWithLibrary(const std::string& path, const WavefileFormat& f, const Bytes& samples) {
-    void* h = initWavefileOut(path.c_str(), &f);
-    for (size_t at = 0; at < samples.size(); at += 12345) {
-        int32_t n = static_cast<int32_t>(std::min<size_t>(12345, samples.size() - at));
-        ASSERT_EQ(writeWavefileOut(h, &samples[at], n), n);
-    }
-    ASSERT_EQ(termWavefileOut(h), samples.size());
-}
-
 // Everything the reader delivers from the first sample up to dataBytes.
 Bytes readWithLibrary(const std::string& path, WavefileFormat& format) {
     void* h = initWavefileIn(path.c_str(), 1000);
@@ -162,6 +152,16 @@ TEST_F(WavefileWriterTest, WriteBackFailuresAreReported) {
 }
 
 #if !defined(_WIN32)
+// Writes in odd-sized pieces, as a host's blocks may come.
+void writeWithLibrary(const std::string& path, const WavefileFormat& f, const Bytes& samples) {
+    void* h = initWavefileOut(path.c_str(), &f);
+    for (size_t at = 0; at < samples.size(); at += 12345) {
+        int32_t n = static_cast<int32_t>(std::min<size_t>(12345, samples.size() - at));
+        ASSERT_EQ(writeWavefileOut(h, &samples[at], n), n);
+    }
+    ASSERT_EQ(termWavefileOut(h), samples.size());
+}
+
 bool run(const std::string& command) {
     return std::system(command.c_str()) == 0;
 }
