@@ -59,7 +59,8 @@ void BM_SplitStereoToFloat(benchmark::State& state) {
     Buffers b;
     selectPath(static_cast<Path>(state.range(0)));
     for (auto _ : state) {
-        dsp::convertToFloat(b.interleaved.data(), kFrames * 4, b.left, b.right, 2);
+        dsp::convertToFloat(dsp::currentRules().rule, b.interleaved.data(), kFrames * 4, b.left,
+                            b.right, 2);
         benchmark::DoNotOptimize(b.left);
         benchmark::ClobberMemory();
     }
@@ -71,7 +72,8 @@ void BM_MixDownStereoToFloat(benchmark::State& state) {
     Buffers b;
     selectPath(static_cast<Path>(state.range(0)));
     for (auto _ : state) {
-        dsp::convertToFloat(b.interleaved.data(), kFrames * 4, b.left, nullptr, 2);
+        dsp::convertToFloat(dsp::currentRules().rule, b.interleaved.data(), kFrames * 4, b.left,
+                            nullptr, 2);
         benchmark::DoNotOptimize(b.left);
         benchmark::ClobberMemory();
     }
@@ -83,7 +85,8 @@ void BM_MergeStereoToInt16(benchmark::State& state) {
     Buffers b;
     selectPath(static_cast<Path>(state.range(0)));
     for (auto _ : state) {
-        dsp::convertToInt16(b.left, b.right, kFrames, b.interleaved.data(), 2);
+        dsp::convertToInt16(dsp::currentRules().rule, b.left, b.right, kFrames,
+                            b.interleaved.data(), 2);
         benchmark::DoNotOptimize(b.interleaved.data());
         benchmark::ClobberMemory();
     }
@@ -95,7 +98,8 @@ void BM_DuplicateMonoToStereo(benchmark::State& state) {
     Buffers b;
     selectPath(static_cast<Path>(state.range(0)));
     for (auto _ : state) {
-        dsp::convertToInt16(b.left, nullptr, kFrames, b.interleaved.data(), 2);
+        dsp::convertToInt16(dsp::currentRules().rule, b.left, nullptr, kFrames,
+                            b.interleaved.data(), 2);
         benchmark::DoNotOptimize(b.interleaved.data());
         benchmark::ClobberMemory();
     }
@@ -134,7 +138,8 @@ void BM_StreamSplitToFloat(benchmark::State& state) {
     selectPath(static_cast<Path>(state.range(0)));
     for (auto _ : state) {
         forEachBlock([&](size_t at, uint32_t frames) {
-            dsp::convertToFloat(stream.data() + at, frames * 4, w.left, w.right, 2);
+            dsp::convertToFloat(dsp::currentRules().rule, stream.data() + at, frames * 4, w.left,
+                                w.right, 2);
             benchmark::ClobberMemory();
         });
     }
@@ -148,7 +153,8 @@ void BM_StreamMergeToInt16(benchmark::State& state) {
     selectPath(static_cast<Path>(state.range(0)));
     for (auto _ : state) {
         forEachBlock([&](size_t at, uint32_t frames) {
-            dsp::convertToInt16(w.left, w.right, frames, stream.data() + at, 2);
+            dsp::convertToInt16(dsp::currentRules().rule, w.left, w.right, frames,
+                                stream.data() + at, 2);
             benchmark::ClobberMemory();
         });
     }

@@ -1,7 +1,6 @@
 // Throughput of doHqups from 44100 Hz stereo to 48000 Hz, in input frames
 // per second, with the bandwidth analysis and limit filter (active mode) on
 // and off, on the plain and SSE paths.
-#include "core/simd_flags.h"
 #include "dsp.h"
 
 #include <benchmark/benchmark.h>
@@ -13,12 +12,17 @@ namespace {
 
 constexpr uint32_t kFrames = 4096;
 
+// The host's switches: SSE (with MMX) or none.
+void setSwitches(bool sse) {
+    dspEnableMmx(sse ? 1 : 0);
+    dspEnable3dnow(0);
+    dspEnableSse(sse ? 1 : 0);
+}
+
 void BM_DoHqups(benchmark::State& state) {
     const uint32_t activeMode = static_cast<uint32_t>(state.range(0));
     const bool sse = state.range(1) != 0;
-    dsp::simdFlags.mmx = sse ? 1 : 0;
-    dsp::simdFlags.amd3dnow = 0;
-    dsp::simdFlags.sse = sse ? 1 : 0;
+    setSwitches(sse);
     void* handle =
         initHqupsBySrcsize(kFrames, 2, 2, 44100, 0.5f, 50.0f, 5000, 0, 60.0f, 60.0f, activeMode, 1);
     if (handle == nullptr) {
@@ -39,7 +43,7 @@ void BM_DoHqups(benchmark::State& state) {
     }
     state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * kFrames);
     termHqups(handle);
-    dsp::simdFlags = dsp::SimdFlags{0, 0, 0};
+    setSwitches(false);
 }
 
 BENCHMARK(BM_DoHqups)

@@ -51,8 +51,8 @@ void BM_OursPitch(benchmark::State& state) {
     const std::vector<int16_t>& in = input();
     std::vector<int16_t> out(kBlock * kChannels);
     for (auto _ : state) {
-        void* h = initPitchShift(kBlock, kChannels, kRate, static_cast<float>(kCents), 0.0f,
-                                 0.05f, 0.01f);
+        void* h = initPitchShift(kBlock, kChannels, kRate, static_cast<float>(kCents), 0.0f, 0.05f,
+                                 0.01f);
         for (uint32_t at = 0; at < kFrames; at += kBlock) {
             uint32_t n = kFrames - at < kBlock ? kFrames - at : kBlock;
             benchmark::DoNotOptimize(

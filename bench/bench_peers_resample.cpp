@@ -38,8 +38,8 @@ void BM_Ours(benchmark::State& state) {
     const std::vector<int16_t>& in = input();
     std::vector<int16_t> out(kOutBlock * kChannels);
     for (auto _ : state) {
-        void* h = initResampler(kBlock, kChannels, kChannels, kRate, kOutRate, interpolation,
-                                60.0f, 60.0f, filterOn);
+        void* h = initResampler(kBlock, kChannels, kChannels, kRate, kOutRate, interpolation, 60.0f,
+                                60.0f, filterOn);
         for (uint32_t at = 0; at < kFrames; at += kBlock) {
             uint32_t n = kFrames - at < kBlock ? kFrames - at : kBlock;
             benchmark::DoNotOptimize(
@@ -136,11 +136,7 @@ void BM_Soxr(benchmark::State& state) {
     }
     finish(state);
 }
-BENCHMARK(BM_Soxr)
-    ->ArgName("recipe")
-    ->Arg(SOXR_QQ)
-    ->Arg(SOXR_LQ)
-    ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Soxr)->ArgName("recipe")->Arg(SOXR_QQ)->Arg(SOXR_LQ)->Unit(benchmark::kMillisecond);
 #endif
 
 } // namespace

@@ -243,15 +243,15 @@ std::vector<int16_t> samples(dspfuzz::ByteReader& in, size_t count) {
 // given and ignores a change of channel count, so allow for both, and never
 // less than its whole output buffers.
 uint32_t roomFor(const dsp::DspProcessor* p, uint32_t estimate) {
-    const uint64_t scaled = static_cast<uint64_t>(estimate) * p->outChannels / p->inChannels;
-    const uint64_t whole = static_cast<uint64_t>(p->outFrames) * 2 * p->outChannels;
+    const uint64_t scaled = static_cast<uint64_t>(estimate) * p->outChannels() / p->inChannels();
+    const uint64_t whole = static_cast<uint64_t>(p->outFrames()) * 2 * p->outChannels();
     return static_cast<uint32_t>((scaled > whole ? scaled : whole) + 64);
 }
 
 void doSlot(Slot& s, dspfuzz::ByteReader& in) {
     const dsp::DspProcessor* p = static_cast<const dsp::DspProcessor*>(s.handle);
-    const uint32_t frames = s.family == Family::Fft ? p->inFrames : in.range(0, p->inFrames);
-    const uint32_t channels = p->inChannels;
+    const uint32_t frames = s.family == Family::Fft ? p->inFrames() : in.range(0, p->inFrames());
+    const uint32_t channels = p->inChannels();
     const uint32_t bytes = frames * 2 * channels;
     std::vector<int16_t> src = samples(in, static_cast<size_t>(frames) * channels);
     std::vector<int16_t> dst;

@@ -4,8 +4,12 @@
  * The whole interface is this set of plain C functions. Processors, chains
  * and WAVE readers/writers are opaque handles (void*). A processor is created
  * by its init... function, driven by its do.../set.../get... functions and
- * destroyed by its term... function; every call other than init returns 0
- * when given a handle of another family or a null handle.
+ * destroyed by its term... function; each of these calls other than init
+ * checks the processor's family and returns 0, doing nothing, when given a
+ * handle of another family or a null handle. Chains and WAVE readers/writers
+ * carry no such mark: their calls refuse a null handle (returning 0 or null,
+ * or doing nothing) but cannot recognise any other wrong handle, so they must
+ * only be given a handle of their own kind.
  *
  * Samples are 16-bit signed, little-endian, interleaved, mono or stereo.
  * Block sizes are given in frames at init and in bytes at do...; levels in dB,
@@ -74,7 +78,12 @@ typedef struct SliceRecord {
 } SliceRecord;
 
 /* ---------------------------------------------------------------------------
- * Processing chain
+ * Processing chain: runs its processors in ascending order of the dspAdd key
+ * (equal keys in the order added), each reconfigured for its predecessor's
+ * output format, and destroys them in dspClear and dspDestroy. An analyzer or
+ * a wave slicer in a chain processes nothing and passes on 0 frames, so the
+ * processors after it get none and the chain outputs nothing: dspSend writes
+ * nothing and returns 0.
  * ------------------------------------------------------------------------- */
 DSP_API void* dspCreate(uint32_t frames, uint32_t channels, uint32_t rate);
 DSP_API uint32_t dspAdd(void* chain, void* processor, uint32_t order);
@@ -195,7 +204,8 @@ DSP_API uint32_t doStretch(void* handle, const int16_t* src, int16_t* dst, uint3
 DSP_API uint32_t termStretch(void* handle);
 
 /* ---------------------------------------------------------------------------
- * Wave slice (cuts a signal into slices at its attacks)
+ * Wave slice (cuts a signal into slices at its attacks; only through its own
+ * doWaveSlice: in a chain it processes nothing, see the chain above)
  * ------------------------------------------------------------------------- */
 DSP_API void* initWaveSlice(uint32_t frames, uint32_t channels, uint32_t rate, float startGateDb,
                             float endGateDb, float risePercent, float minSeconds);
@@ -204,7 +214,8 @@ DSP_API SliceRecord* getWaveSlice(void* handle, uint32_t index);
 DSP_API uint32_t termWaveSlice(void* handle);
 
 /* ---------------------------------------------------------------------------
- * Analyzers: block spectra, sliding spectra, amplitude envelopes
+ * Analyzers: block spectra, sliding spectra, amplitude envelopes (only through
+ * their own do... calls: in a chain they process nothing, see the chain above)
  * ------------------------------------------------------------------------- */
 DSP_API void* initFft(uint32_t frames, uint32_t channels, uint32_t spectra, uint32_t rangeDb);
 DSP_API void* initFftAnalyze(uint32_t frames, uint32_t channels, uint32_t fftSize,

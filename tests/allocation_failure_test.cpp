@@ -1,6 +1,7 @@
 // Every init…, a chain being built and the WAVE files, with each allocation
 // failing in turn from the pool and from the heap: a clean 0 or refusal, and
 // the pool ends as it began (leaked heap objects show under the sanitizers).
+// And what fresh pool memory holds never shows in an output.
 #include "core/fastmem_pool.h"
 #include "dsp.h"
 #include "support/allocation_failure.h"
@@ -9,8 +10,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
-#include <new>
+#include <cstdlib>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -28,19 +31,11 @@ struct Injector {
 const Injector kPool{"pool", FailingPool::arm, FailingPool::disarm};
 const Injector kHeap{"heap", FailingHeap::arm, FailingHeap::disarm};
 
-bool heapFailureTakesEffect() {
-    FailingHeap::arm(1, FailMode::OnlyAt);
-    void* probe = ::operator new(16, std::nothrow);
-    FailingHeap::disarm();
-    ::operator delete(probe);
-    return probe == nullptr;
-}
-
 class AllocationFailure : public ::testing::TestWithParam<Injector> {
 protected:
     void SetUp() override {
-        if (heap() && !heapFailureTakesEffect()) {
-            GTEST_SKIP() << "the nothrow operator new cannot be replaced on this platform";
+        if (heap() && !FailingHeap::works()) {
+            GTEST_SKIP() << dsptest::kNoFailingHeap;
         }
         size_ = fastmemGetAllocatedSize();
         count_ = dsp::fastmemPool().blockCount();
@@ -194,6 +189,48 @@ TEST_P(AllocationFailure, WavefilesSurviveHeapFailure) {
     EXPECT_GE(writes, 2u);
     EXPECT_GE(reads, 2u);
     std::remove(path.c_str());
+}
+
+// Fresh pool memory is never read before it is written: every family and the
+// chain give the same output whether the pool hands out memory holding zeros,
+// NaNs, huge finite values or a loud tone. (A Hqups processor once read its
+// output buffers past a short block.)
+enum class Fill { Zeros, NaNs, Huge, Tone };
+Fill fill = Fill::Zeros;
+
+void* filledAllocation(size_t bytes) {
+    void* p = std::malloc(bytes);
+    if (p != nullptr && fill == Fill::Tone) {
+        // A stray peak at 0.4 of the rate, where the Hqups bandwidth analysis
+        // looks for the source's cut-off.
+        float* f = static_cast<float*>(p);
+        for (size_t i = 0; i < bytes / sizeof(float); ++i) {
+            f[i] = 0.8f * static_cast<float>(std::sin(2.0 * 3.141592653589793 * 0.4 * i));
+        }
+    } else if (p != nullptr) { // floats of 0, NaN or about 3.4e38
+        std::memset(p, fill == Fill::Zeros ? 0 : fill == Fill::NaNs ? 0xFF : 0x7F, bytes);
+    }
+    return p;
+}
+
+std::vector<uint8_t> runWithFill(Fill value, const dsptest::FamilyRun& family) {
+    fill = value;
+    dsp::fastmemPool().setSystemAllocator(&filledAllocation);
+    std::vector<uint8_t> out = dsptest::familyOutput(family, 1);
+    dsp::fastmemPool().setSystemAllocator(nullptr);
+    return out;
+}
+
+TEST(FreshMemory, OutputsDoNotDependOnWhatFreshPoolMemoryHolds) {
+    std::vector<dsptest::FamilyRun> cases = dsptest::familyRuns();
+    cases.push_back(dsptest::chainRun());
+    for (const dsptest::FamilyRun& c : cases) {
+        const std::vector<uint8_t> zeros = runWithFill(Fill::Zeros, c);
+        ASSERT_FALSE(zeros.empty()) << c.name;
+        for (Fill other : {Fill::NaNs, Fill::Huge, Fill::Tone}) {
+            EXPECT_EQ(runWithFill(other, c), zeros) << c.name << " fill " << int(other);
+        }
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(, AllocationFailure, ::testing::Values(kPool, kHeap),

@@ -1,11 +1,11 @@
-// Chorus: setup values, the voice loop against the model in
-// support/chorus_model.h, block and channel independence, setters, exports.
-#include "core/fastmem_pool.h"
+// Chorus: the sine table, setup values, the voice loop against the model in
+// support/chorus_model.h, block and channel independence, setters.
+#include "core/lookup_tables.h"
 #include "core/sample_convert.h"
 #include "dsp.h"
 #include "effects/chorus_processor.h"
 #include "support/chorus_model.h"
-#include "support/filter_noise.h"
+#include "support/signals.h"
 
 #include <gtest/gtest.h>
 
@@ -16,11 +16,33 @@
 namespace {
 
 using dsp::ChorusProcessor;
-using dsp::ChorusVoices;
 using dsp::convert::floatToSample;
 using dsp::convert::sampleToFloat;
 using dsptest::ChorusModel;
-using dsptest::filterNoise;
+using dsptest::noise;
+
+// The chorus LFO's table: 1025 entries over a cycle, read with wrapped
+// interpolation in both directions.
+TEST(SineTable, EntriesLookupWrappingInBothDirectionsAndRebuilding) {
+    const dsp::SineTable& t = dsp::sineTable();
+    EXPECT_EQ(t.scale(), 162.97466f);
+    EXPECT_EQ(t.mask(), 1023u);
+    for (uint32_t k = 0; k <= 1024; ++k) {
+        ASSERT_EQ(t.entry(k), static_cast<float>(std::sin(k * (6.283185307179586 / 1024))));
+    }
+    EXPECT_NEAR(t.lookup(7.0), 0.65698, 1e-5); // index 1140 wraps to 116
+    // At -1.0 the index is -162 (entry 862) and the negative fraction
+    // interpolates toward the lower entry.
+    const double w = -1.0 * t.scale(), fraction = w + 162;
+    EXPECT_EQ(t.lookup(-1.0),
+              t.entry(862) + fraction * (static_cast<double>(t.entry(863)) - t.entry(862)));
+    EXPECT_NEAR(t.lookup(-1.0), -0.84150, 1e-5);
+    EXPECT_NEAR(t.lookup(6.283185307179586), 0.0, 1e-5); // just below the wrap
+    dsp::SineTable small;                                // a built table rebuilt smaller
+    ASSERT_TRUE(small.build(6.283185307179586, 1024) && small.build(6.283185307179586, 256));
+    EXPECT_EQ(small.mask(), 255u);
+    EXPECT_NEAR(small.lookup(1.0), std::sin(1.0), 1e-3);
+}
 
 ChorusProcessor* makeChorus(uint32_t frames, uint32_t channels, uint32_t voices, float speed,
                             float mix, float orgMix) {
@@ -31,22 +53,16 @@ ChorusProcessor* makeChorus(uint32_t frames, uint32_t channels, uint32_t voices,
 TEST(Chorus, SetupValuesAndFixedDelaysAtSpeedZero) {
     ChorusProcessor* c = makeChorus(2048, 2, 4, 0.0f, 25.0f, 0.0f);
     ASSERT_NE(c, nullptr);
-    const double pi = 3.141592653589793;
-    const float phases[] = {0.0f, static_cast<float>(pi / 2), static_cast<float>(pi),
-                            static_cast<float>(3 * pi / 2)};
-    for (const ChorusVoices& v : c->voiceSets) {
-        EXPECT_EQ(v.delay, 882u);
-        EXPECT_EQ(v.depth, 88.2f);
-        EXPECT_EQ(v.mask, 65535u);
-        EXPECT_TRUE(std::equal(phases, phases + 4, v.phaseOffsets));
-    }
-    // sin of the offsets through the table (0, 1, ~0, ~-1): delays 882, 970,
-    // 882 and 793 for an impulse.
+    // 20 ms and 2 ms at 44100 Hz are 882 and 88.2 samples; sin of the phase
+    // offsets (0, pi/2, pi, 3pi/2) through the table is 0, 1, ~0 and ~-1:
+    // delays 882, 970, 882 and 793 for an impulse, on either channel.
     std::vector<float> in(2048, 0.0f), out(2048);
     in[0] = 1.0f;
-    c->processChannel(0, in.data(), out.data(), 2048);
-    for (uint32_t n = 0; n < 2048; ++n) {
-        ASSERT_EQ(out[n], n == 882 ? 0.5f : (n == 970 || n == 793) ? 0.25f : 0.0f) << n;
+    for (uint32_t channel = 0; channel < 2; ++channel) {
+        c->processChannel(channel, in.data(), out.data(), 2048);
+        for (uint32_t n = 0; n < 2048; ++n) {
+            ASSERT_EQ(out[n], n == 882 ? 0.5f : (n == 970 || n == 793) ? 0.25f : 0.0f) << n;
+        }
     }
     termChorus(c);
 
@@ -75,7 +91,7 @@ TEST(Chorus, VoicesMatchTheModelSampleForSample) {
                              k.orgMix);
         ASSERT_NE(h, nullptr);
         ChorusModel model(k.rate, k.voices, k.delayMs, k.depthMs, k.speed, k.mix, k.orgMix);
-        std::vector<float> in = filterNoise(k.frames, 7), out(k.frames);
+        std::vector<float> in = noise(k.frames, 7), out(k.frames);
         for (int pass = 0; pass < 2; ++pass) {
             static_cast<ChorusProcessor*>(h)->processChannel(0, in.data(), out.data(), k.frames);
             for (uint32_t n = 0; n < k.frames; ++n) {
@@ -89,7 +105,7 @@ TEST(Chorus, VoicesMatchTheModelSampleForSample) {
 }
 
 // Stereo in uneven blocks: each channel equals the model fed that channel;
-// a mono processor runs voiceSets[0] only.
+// a mono processor runs the left voice set only.
 TEST(Chorus, StereoInAnyBlocksEqualsTheModelPerChannel) {
     const uint32_t frames = 6000;
     void* h = initChorus(1024, 2, 48000, 4, 12.0f, 3.0f, 0.05f, 30.0f, 80.0f);
@@ -108,64 +124,54 @@ TEST(Chorus, StereoInAnyBlocksEqualsTheModelPerChannel) {
     }
     termChorus(h);
 
+    // Mono: the chain slot runs set 0; set 1 has not moved, so its first
+    // block is a fresh chorus's.
     ChorusProcessor* c = makeChorus(128, 1, 2, 0.2f, 40.0f, 70.0f);
-    std::vector<float> in(128, 0.5f), out(128);
+    std::vector<float> in = noise(256, 3), out(256);
+    ChorusModel set0(44100, 2, 20.0f, 2.0f, 0.2f, 40.0f, 70.0f), set1 = set0;
     c->processChained(in.data(), nullptr, out.data(), nullptr, 128);
-    EXPECT_EQ(c->voiceSets[0].writeIndex, 128u);
-    EXPECT_EQ(c->voiceSets[1].writeIndex, 0u);
-    EXPECT_EQ(c->voiceSets[1].lfoTime, 0.0f);
+    c->processChannel(1, in.data() + 128, out.data() + 128, 128);
+    for (uint32_t n = 0; n < 128; ++n) {
+        ASSERT_EQ(out[n], set0.step(in[n])) << n;
+        ASSERT_EQ(out[128 + n], set1.step(in[128 + n])) << n;
+    }
     termChorus(c);
 }
 
-// Setters reach both sets and keep the history and the LFO; configure
+// Setters reach both sets and keep the history and the LFO running; configure
 // restarts both and gives every voice the last level set.
 TEST(Chorus, SettersApplyToBothSetsAndConfigureStartsAgain) {
-    void* h = initChorus(256, 1, 44100, 4, 20.0f, 2.0f, 0.5f, 40.0f, 70.0f);
+    void* h = initChorus(256, 2, 44100, 4, 20.0f, 2.0f, 0.5f, 40.0f, 70.0f);
     ChorusProcessor* c = static_cast<ChorusProcessor*>(h);
+    const ChorusModel started(44100, 4, 20.0f, 2.0f, 0.5f, 40.0f, 70.0f);
+    ChorusModel models[2] = {started, started};
+    std::vector<float> in = noise(512, 5), out(256);
+    auto expectBothMatch = [&](const float* block, uint32_t frames) {
+        for (uint32_t channel = 0; channel < 2; ++channel) {
+            c->processChannel(channel, block, out.data(), frames);
+            for (uint32_t n = 0; n < frames; ++n) {
+                ASSERT_EQ(out[n], models[channel].step(block[n])) << channel << " " << n;
+            }
+        }
+    };
+    expectBothMatch(in.data(), 256);
     EXPECT_EQ(setChorusOrgMix(h, 25.0f) + setChorusSpeed(h, 1.5f) + setChorusDepth(h, 3.0f) +
                   setChorusDelaytime(h, 10.0f) + setChorusMix(h, 1, 60.0f),
               5u);
     EXPECT_EQ(setChorusMix(h, 4, 99.0f), 1u); // beyond the voices: ignored
-    for (const ChorusVoices& v : c->voiceSets) {
-        EXPECT_EQ(v.orgMix, 0.25f);
-        EXPECT_EQ(v.periodMs, 1500.0f);
-        EXPECT_EQ(v.delay, 441u);
-        EXPECT_EQ(v.voiceMix[0], 0.4f);
-        EXPECT_EQ(v.voiceMix[1], 0.6f);
+    for (ChorusModel& m : models) {
+        m.setOrgMix(25.0f);
+        m.setSpeed(1.5f);
+        m.setDepth(3.0f);
+        m.setDelayTime(10.0f);
+        m.setVoiceMix(1, 60.0f);
     }
-    std::vector<float> in = filterNoise(256, 5), out(256);
-    c->processChannel(0, in.data(), out.data(), 256);
-    EXPECT_NE(c->voiceSets[0].lfoTime, 0.0f);
+    expectBothMatch(in.data() + 256, 256);
     c->configure(128, 2, 22050);
-    EXPECT_EQ(c->outRate, 22050u);
-    ChorusModel model(22050, 4, 10.0f, 3.0f, 1.5f, 60.0f, 25.0f);
-    c->processChannel(1, in.data(), out.data(), 128);
-    for (uint32_t n = 0; n < 128; ++n) {
-        ASSERT_EQ(out[n], model.step(in[n])) << n;
-    }
+    EXPECT_EQ(c->outRate(), 22050u);
+    models[0] = models[1] = ChorusModel(22050, 4, 10.0f, 3.0f, 1.5f, 60.0f, 25.0f);
+    expectBothMatch(in.data(), 128);
     termChorus(h);
-}
-
-TEST(Chorus, ForeignHandlesAndFailedInitsAreRefused) {
-    void* fader = initFader(64, 1, 44100, 0.0f, 0.0f, 0.0f);
-    int16_t buf[64] = {};
-    for (void* h : {static_cast<void*>(nullptr), fader}) {
-        EXPECT_EQ(setChorusOrgMix(h, 1.0f) + setChorusMix(h, 0, 1.0f) + setChorusSpeed(h, 1.0f) +
-                      setChorusDepth(h, 1.0f) + setChorusDelaytime(h, 1.0f) +
-                      doChorus(h, buf, buf, 64) + termChorus(h),
-                  0u);
-    }
-    termFader(fader);
-
-    const uint32_t total = fastmemGetAllocatedSize();
-    // Histories of a billion voices cannot exist.
-    EXPECT_EQ(initChorus(256, 2, 44100, 1000000000u, 20.0f, 2.0f, 1.0f, 50.0f, 50.0f), nullptr);
-    EXPECT_EQ(initChorus(256, 2, 44100, 0xFFFFFFFFu, 20.0f, 2.0f, 1.0f, 50.0f, 50.0f), nullptr);
-    dsp::fastmemPool().setSystemAllocator([](size_t) -> void* { return nullptr; });
-    void* h = initChorus(256, 2, 44100, 2, 20.0f, 2.0f, 1.0f, 50.0f, 50.0f);
-    dsp::fastmemPool().setSystemAllocator(nullptr);
-    EXPECT_EQ(h, nullptr);
-    EXPECT_EQ(fastmemGetAllocatedSize(), total);
 }
 
 } // namespace

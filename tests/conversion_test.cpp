@@ -55,12 +55,13 @@ int16_t sseToInt16(float x) { // ties to even
 }
 
 // Down-mix halves by an arithmetic shift: (-1, -2) gives -2.
-TEST(PlainConversion, EdgeValuesAndMixDown) {
+TEST(PlainConversion, EdgeValuesMixDownAndRoundTrip) {
     SimdGuard guard;
     SimdGuard::set(false, false, false);
     int16_t pairs[6] = {1, 2, -1, -2, 32767, 32767};
     float mixed[3];
-    EXPECT_EQ(dsp::convertToFloat(pairs, sizeof(pairs), mixed, nullptr, 2), 3u);
+    EXPECT_EQ(
+        dsp::convertToFloat(dsp::currentRules().rule, pairs, sizeof(pairs), mixed, nullptr, 2), 3u);
     EXPECT_EQ(mixed[0], static_cast<float>(1.0 / 32767.0));
     EXPECT_EQ(mixed[1], static_cast<float>(-2.0 / 32767.0));
     EXPECT_EQ(mixed[2], 1.0f);
@@ -73,9 +74,7 @@ TEST(PlainConversion, EdgeValuesAndMixDown) {
     for (const auto& c : cases) {
         EXPECT_EQ(floatToSample(c.first), c.second) << c.first;
     }
-}
-
-TEST(PlainConversion, RoundTripTakesExactly33279ValuesOneStepTowardZero) {
+    // The round trip takes exactly 33279 values one step toward zero.
     auto roundTrip = [](int s) { return floatToSample(sampleToFloat(static_cast<int16_t>(s))); };
     int changed = 0;
     for (int s = -32768; s <= 32767; ++s) {
@@ -117,9 +116,15 @@ protected:
 void checkToFloat(const Path& p, const std::vector<int16_t>& src, uint32_t n) {
     AlignedFloats o(n + 1), a(n), b(n), m(n);
     o[n] = 99.0f;
-    ASSERT_EQ(dsp::convertToFloat(src.data(), n * 2 + 1, o.data(), nullptr, 1), n);
-    ASSERT_EQ(dsp::convertToFloat(src.data(), n * 4 + 3, a.data(), b.data(), 2), n);
-    ASSERT_EQ(dsp::convertToFloat(src.data(), n * 4 + 3, m.data(), nullptr, 2), n);
+    ASSERT_EQ(
+        dsp::convertToFloat(dsp::currentRules().rule, src.data(), n * 2 + 1, o.data(), nullptr, 1),
+        n);
+    ASSERT_EQ(
+        dsp::convertToFloat(dsp::currentRules().rule, src.data(), n * 4 + 3, a.data(), b.data(), 2),
+        n);
+    ASSERT_EQ(
+        dsp::convertToFloat(dsp::currentRules().rule, src.data(), n * 4 + 3, m.data(), nullptr, 2),
+        n);
     ASSERT_EQ(o[n], 99.0f);
     auto model = [&](int16_t s, uint32_t group, uint32_t i) {
         return i < p.kernelFrames(group, n) ? kernelToFloat(s) : plainToFloat(s);
@@ -142,9 +147,14 @@ void checkToInt16(const Path& p, const float* l, const float* r, uint32_t n) {
     std::copy(l, l + n, left.data());
     std::copy(r, r + n, right.data());
     std::vector<int16_t> mono(n + 1, 1234), stereo(2 * n + 1, 1234), dup(2 * n);
-    ASSERT_EQ(dsp::convertToInt16(left.data(), nullptr, n, mono.data(), 1), n * 2);
-    ASSERT_EQ(dsp::convertToInt16(left.data(), right.data(), n, stereo.data(), 2), n * 4);
-    ASSERT_EQ(dsp::convertToInt16(left.data(), nullptr, n, dup.data(), 2), n * 4);
+    ASSERT_EQ(
+        dsp::convertToInt16(dsp::currentRules().rule, left.data(), nullptr, n, mono.data(), 1),
+        n * 2);
+    ASSERT_EQ(dsp::convertToInt16(dsp::currentRules().rule, left.data(), right.data(), n,
+                                  stereo.data(), 2),
+              n * 4);
+    ASSERT_EQ(dsp::convertToInt16(dsp::currentRules().rule, left.data(), nullptr, n, dup.data(), 2),
+              n * 4);
     ASSERT_TRUE(mono[n] == 1234 && stereo[2 * n] == 1234);
     auto model = [&](float x, uint32_t group, uint32_t i) {
         return i < p.kernelFrames(group, n) ? p.kernelToInt16(x) : plainToInt16(x);
@@ -196,7 +206,7 @@ INSTANTIATE_TEST_SUITE_P(Paths, ConversionPathTest,
 // The listed kernel-share results: SSE converts 8 of 13 by its kernel
 // (nearest, full int16 range) and 5 by the plain rules; 3DNow! converts 12 by
 // its truncating kernel and wins when SSE is on too.
-TEST(VectorConversion, KernelShareAndRemainderValues) {
+TEST(VectorConversion, KernelShareRemainderValuesAndUnalignedLeads) {
     SimdGuard guard;
     AlignedFloats in(13);
     const float values[5] = {0.5f, -0.5f, 1.5f, -1.5f, -1.0f};
@@ -209,23 +219,20 @@ TEST(VectorConversion, KernelShareAndRemainderValues) {
                                       32767, -32768, -32767, 16383,  -16383, 32767};
     std::vector<int16_t> out(13);
     SimdGuard::set(false, false, true);
-    dsp::convertToInt16(in.data(), nullptr, 13, out.data(), 1);
+    dsp::convertToInt16(dsp::currentRules().rule, in.data(), nullptr, 13, out.data(), 1);
     EXPECT_EQ(out, sse);
     SimdGuard::set(false, true, true);
-    dsp::convertToInt16(in.data(), nullptr, 13, out.data(), 1);
+    dsp::convertToInt16(dsp::currentRules().rule, in.data(), nullptr, 13, out.data(), 1);
     EXPECT_EQ(out, amd);
-}
-
-TEST(VectorConversion, SseUnalignedLeftIsLedByPlainFrames) {
-    SimdGuard guard;
+    // An unaligned left buffer is led by plain frames up to the next boundary.
     SimdGuard::set(false, false, true);
     for (size_t offset = 1; offset < 4; ++offset) {
         AlignedFloats left(20, offset), right(20, offset);
         std::fill(left.data(), left.data() + 20, 0.5f);
         std::fill(right.data(), right.data() + 20, -0.5f);
         int16_t mono[20], stereo[40];
-        dsp::convertToInt16(left.data(), nullptr, 20, mono, 1);
-        dsp::convertToInt16(left.data(), right.data(), 20, stereo, 2);
+        dsp::convertToInt16(dsp::currentRules().rule, left.data(), nullptr, 20, mono, 1);
+        dsp::convertToInt16(dsp::currentRules().rule, left.data(), right.data(), 20, stereo, 2);
         const uint32_t lead = static_cast<uint32_t>(4 - offset);
         for (uint32_t i = 0; i < 20; ++i) {
             bool monoKernel = i >= lead && i < lead + (20 - lead) / 8 * 8;

@@ -2,6 +2,7 @@
 // the window and the sliding history.
 #include "analysis/fft_engine.h"
 #include "support/fft_reference.h"
+#include "support/signals.h"
 #include "support/simd_guard.h"
 
 #include <gtest/gtest.h>
@@ -9,7 +10,6 @@
 #include <cmath>
 #include <memory>
 #include <new>
-#include <random>
 #include <vector>
 
 namespace {
@@ -17,16 +17,6 @@ namespace {
 using dsp::BlockFftEngine;
 using dsp::FftEngine;
 using dsptest::DirectDft;
-
-std::vector<float> randomSignal(uint32_t n, uint32_t seed) {
-    std::mt19937 rng(seed);
-    std::uniform_real_distribution<float> dist(-1.0f, 1.0f);
-    std::vector<float> x(n);
-    for (float& v : x) {
-        v = dist(rng);
-    }
-    return x;
-}
 
 // A few float roundings per stage: 2^-22 * max|x| * sqrt(N) * log2(N).
 double errorBound(uint32_t n, double maxAbs) {
@@ -67,13 +57,13 @@ void expectMatchesDft(FftEngine& engine, const std::vector<float>& x) {
 TEST(RealFft, MatchesDirectDftFreshAndWithTablesOfALargerSize) {
     auto big = std::unique_ptr<FftEngine>(new (std::nothrow) FftEngine());
     ASSERT_NE(big, nullptr);
-    std::vector<float> warmUp = randomSignal(32768, 1);
+    std::vector<float> warmUp = dsptest::noise(32768, 1);
     big->realFft(warmUp.data(), 32768);
     for (uint32_t n = 4; n <= 32768; n *= 2) {
         auto fresh = std::unique_ptr<FftEngine>(new (std::nothrow) FftEngine());
         ASSERT_NE(fresh, nullptr);
-        expectMatchesDft(*fresh, randomSignal(n, n));
-        expectMatchesDft(*big, randomSignal(n, 100 + n));
+        expectMatchesDft(*fresh, dsptest::noise(n, n));
+        expectMatchesDft(*big, dsptest::noise(n, 100 + n));
     }
 }
 
@@ -86,8 +76,8 @@ TEST(RealFft, TablesEqualTheirConstructionRulesExactly) {
         std::vector<float> x(n, 0.0f);
         engine.realFft(x.data(), n);
         const uint32_t nw = n / 4, nc = n / 4;
-        ASSERT_EQ(engine.bitrevWork[0], static_cast<int32_t>(nw));
-        ASSERT_EQ(engine.bitrevWork[1], static_cast<int32_t>(nc));
+        ASSERT_EQ(engine.complexTableSize(), nw);
+        ASSERT_EQ(engine.postTableSize(), nc);
         std::vector<float> w(nw + nc, 0.0f);
         std::vector<bool> set(nw + nc, false);
         auto put = [&](uint32_t i, float v) {
@@ -137,51 +127,56 @@ TEST(RealFft, TablesEqualTheirConstructionRulesExactly) {
         }
         for (uint32_t i = 0; i < nw + nc; ++i) {
             if (set[i]) {
-                ASSERT_EQ(engine.twiddles[i], w[i]) << "N = " << n << ", entry " << i;
+                ASSERT_EQ(engine.twiddles()[i], w[i]) << "N = " << n << ", entry " << i;
             }
         }
     }
 }
 
+// Silence reads the floor, -rangeDb, in every bin.
 TEST(FftEngine, SetupBuildsTheShiftedHannWindowAndRefusesUnsupportedSizes) {
     FftEngine engine;
     for (uint32_t n : {0u, 2u, 3u, 96u, 65536u}) {
         EXPECT_FALSE(engine.setup(1, 65536, n, 120.0f)) << n;
-        EXPECT_EQ(engine.ready, 0);
+        EXPECT_EQ(engine.window(), nullptr);
     }
     ASSERT_TRUE(engine.setup(64, 512, 256, 90.0f));
-    EXPECT_EQ(engine.ready, 1);
-    EXPECT_EQ(engine.floorDb, -90.0f);
-    EXPECT_EQ(engine.keepCount, 448u);
-    EXPECT_EQ(engine.historyLength, 512u);
+    EXPECT_EQ(engine.historyLength(), 512u);
     for (uint32_t i = 0; i < 256; ++i) {
-        ASSERT_EQ(engine.window[i], static_cast<float>(dsptest::referenceWindow(i, 256))) << i;
+        ASSERT_EQ(engine.window()[i], static_cast<float>(dsptest::referenceWindow(i, 256))) << i;
     }
+    const std::vector<float> silence(64, 0.0f);
+    std::vector<float> db(128, 0.0f);
+    engine.analyze(silence.data());
+    EXPECT_EQ(engine.magnitudesDb(db.data()), 128u);
+    EXPECT_EQ(db, std::vector<float>(128, -90.0f));
     EXPECT_FALSE(engine.setup(16, 64, 48, 120.0f));
-    EXPECT_EQ(engine.fftSize, 256u);
+    EXPECT_EQ(engine.fftSize(), 256u);
 }
 
-TEST(FftEngine, SlidingHistoryShiftsByTheHopWithAndWithoutSse) {
+// With a switch on, the history moves by the 16-byte block copy.
+TEST(FftEngine, SlidingHistoryShiftsByTheHopWithAndWithoutTheBlockCopy) {
     const uint32_t hop = 37, length = 300, n = 256;
-    for (bool sse : {false, true}) {
+    for (bool blockCopy : {false, true}) {
         dsptest::SimdGuard guard;
-        dsptest::SimdGuard::set(false, false, sse);
+        dsptest::SimdGuard::set(false, false, blockCopy);
         FftEngine engine;
         ASSERT_TRUE(engine.setup(hop, length, n, 120.0f));
-        std::vector<float> stream = randomSignal(hop * 20, 11);
+        std::vector<float> stream = dsptest::noise(hop * 20, 11);
         // First frame: length - hop zeros, then the hop's samples.
         engine.loadFrame(stream.data());
+        const float* history = engine.history();
         for (uint32_t i = 0; i < length; ++i) {
-            ASSERT_EQ(engine.history[i], i < length - hop ? 0.0f : stream[i - (length - hop)]) << i;
+            ASSERT_EQ(history[i], i < length - hop ? 0.0f : stream[i - (length - hop)]) << i;
         }
         for (uint32_t i = 0; i < n; ++i) {
-            ASSERT_EQ(engine.frame[i], engine.history[length - n + i] * engine.window[i]);
+            ASSERT_EQ(engine.frame()[i], history[length - n + i] * engine.window()[i]);
         }
         for (uint32_t call = 1; call < 20; ++call) {
             engine.loadFrame(stream.data() + call * hop);
         }
         for (uint32_t i = 0; i < length; ++i) {
-            ASSERT_EQ(engine.history[i], stream[20 * hop - length + i]) << i;
+            ASSERT_EQ(history[i], stream[20 * hop - length + i]) << i;
         }
     }
 }
@@ -190,18 +185,18 @@ TEST(FftEngine, SlidingHistoryShiftsByTheHopWithAndWithoutSse) {
 TEST(FftEngine, ASmallerSecondSetupReusesBuffersAndStaysCorrect) {
     BlockFftEngine engine;
     ASSERT_TRUE(engine.setup(0, 0, 4096, 120.0f));
-    std::vector<float> x = randomSignal(4096, 5);
+    std::vector<float> x = dsptest::noise(4096, 5);
     engine.analyze(x.data());
-    float* frame = engine.frame;
+    const float* frame = engine.frame();
     ASSERT_TRUE(engine.setup(0, 0, 512, 100.0f));
-    EXPECT_EQ(engine.frame, frame);
-    EXPECT_EQ(engine.bitrevWork[0], 1024);
+    EXPECT_EQ(engine.frame(), frame);
+    EXPECT_EQ(engine.complexTableSize(), 1024u);
     engine.analyze(x.data());
     std::vector<float> windowed(512);
     for (uint32_t i = 0; i < 512; ++i) {
-        windowed[i] = engine.window[i] * x[i];
+        windowed[i] = engine.window()[i] * x[i];
     }
-    std::vector<float> frameCopy(engine.frame, engine.frame + 512);
+    std::vector<float> frameCopy(frame, frame + 512);
     expectMatchesDft(engine, windowed);
     engine.realFft(windowed.data(), 512);
     EXPECT_EQ(frameCopy, windowed);

@@ -1,11 +1,12 @@
 // The Hqups upsampler through its exports: sizes, the 48 kHz pass, the stereo
 // and mono analysis against converters and generators driven by hand,
-// configuration and the handle checks.
+// configuration, modes and setters.
 #include "core/fastmem_pool.h"
 #include "core/processor.h"
 #include "core/sample_convert.h"
 #include "dsp.h"
 #include "rate/hqups_processor.h"
+#include "support/signals.h"
 #include "support/simd_guard.h"
 
 #include <gtest/gtest.h>
@@ -16,6 +17,7 @@
 namespace {
 
 using dsp::HqupsProcessor;
+using dsptest::pcmTones;
 
 struct HqupsHandle {
     void* handle;
@@ -31,22 +33,6 @@ void* bySource(uint32_t frames, uint32_t channels, uint32_t rate, float harmonic
                               harmonics, mix, 5000, 0, 60.0f, 60.0f, mode, 1);
 }
 
-std::vector<int16_t> tones(size_t frames, uint32_t channels, double rate,
-                           std::initializer_list<double> freqs, double amplitude) {
-    std::vector<int16_t> v(frames * channels);
-    for (size_t t = 0; t < frames; ++t) {
-        for (uint32_t c = 0; c < channels; ++c) {
-            double x = 0.0;
-            int k = 0;
-            for (double f : freqs) {
-                x += amplitude * std::sin(2 * M_PI * f * t / rate + c * 0.7 + k++);
-            }
-            v[t * channels + c] = static_cast<int16_t>(std::lrint(x * 32767.0));
-        }
-    }
-    return v;
-}
-
 TEST(Hqups, InitSizesTheConvertedBlock) {
     const uint32_t poolBytes = fastmemGetAllocatedSize();
     {
@@ -55,8 +41,8 @@ TEST(Hqups, InitSizesTheConvertedBlock) {
         // band buffers and the spectrum: each pool block costs 15 bytes of slack.
         EXPECT_EQ(fastmemGetAllocatedSize() - poolBytes, 2 * (1024 * 4 + 15) + 4 * (1114 * 4 + 15) +
                                                              2 * (2 * (1114 * 4 + 15) + 1024 + 15));
-        EXPECT_EQ(h.get()->outFrames, 1114u);
-        const std::vector<int16_t> src = tones(1024, 2, 44100, {1000.0}, 0.5);
+        EXPECT_EQ(h.get()->outFrames(), 1114u);
+        const std::vector<int16_t> src = pcmTones(1024, 2, 44100, {1000.0}, 0.5);
         std::vector<int16_t> dst(2 * 1114 + 16, 0x5555);
         EXPECT_EQ(doHqups(h.handle, src.data(), dst.data(), 4096), 4456u);
         EXPECT_EQ(dst[2 * 1114], 0x5555);
@@ -67,58 +53,44 @@ TEST(Hqups, InitSizesTheConvertedBlock) {
     // By output size at 22050 Hz: 1000 frames need 460 source frames, which
     // convert to 1001, and the buffers hold them.
     HqupsHandle h(initHqups(1000, 2, 2, 22050, 0.5f, 50.0f, 5000, 1, 60.0f, 60.0f, 1, 1));
-    EXPECT_EQ(h.get()->inFrames, 460u);
-    EXPECT_EQ(h.get()->outFrames, 1000u);
-    EXPECT_GE(h.get()->outputCapacity, 1001u);
-    EXPECT_GE(h.get()->generators[1].frames, 1001u);
-    const std::vector<int16_t> src = tones(460, 2, 22050, {3000.0, 7000.0}, 0.4);
+    EXPECT_EQ(h.get()->inFrames(), 460u);
+    EXPECT_EQ(h.get()->outFrames(), 1000u);
+    EXPECT_GE(h.get()->outputCapacity(), 1001u);
+    EXPECT_GE(h.get()->generator(1).blockFrames(), 1001u);
+    const std::vector<int16_t> src = pcmTones(460, 2, 22050, {3000.0, 7000.0}, 0.4);
     std::vector<int16_t> dst(2 * 1001);
     for (int block = 0; block < 3; ++block) {
         EXPECT_EQ(doHqups(h.handle, src.data(), dst.data(), 460 * 4), 1001u * 4);
     }
 }
 
-// At 48 kHz each channel is exactly its generator on the unconverted samples.
-TEST(Hqups, SourceAt48kHzIsOnlyShaped) {
-    dsptest::SimdGuard guard;
-    dsptest::SimdGuard::set(false, false, false);
-    const std::vector<int16_t> src = tones(3 * 512, 2, 48000, {6000.0, 9000.0}, 0.3);
-    HqupsHandle h(bySource(512, 2, 48000, 0.9f, 70.0f, 0));
-    dsp::HarmonicGenerator gen[2];
-    for (dsp::HarmonicGenerator& g : gen) {
-        ASSERT_EQ(g.setup(512, 48000, 0.9f, 70.0f, 5000, 0, 16), 1u);
-    }
-    std::vector<float> inL(512), inR(512), outL(512), outR(512);
-    std::vector<int16_t> expected(1024), dst(1024);
-    for (int b = 0; b < 3; ++b) {
-        dsp::convertToFloat(src.data() + b * 1024, 2048, inL.data(), inR.data(), 2);
-        gen[0].process(inL.data(), outL.data(), 0.0f, 512);
-        gen[1].process(inR.data(), outR.data(), 0.0f, 512);
-        dsp::convertToInt16(outL.data(), outR.data(), 512, expected.data(), 2);
-        ASSERT_EQ(doHqups(h.handle, src.data() + b * 1024, dst.data(), 2048), 2048u);
-        ASSERT_EQ(dst, expected) << b;
-    }
-}
-
-// Stereo: both generators take the cutoff that generator 0's analyzer finds
-// in the mix of the converted channels. Mono analyses its only channel and,
-// with stereo out, writes it to both sides.
-TEST(Hqups, AnalysisMatchesConvertersAndGeneratorsDrivenByHand) {
+// Stereo: in active mode both generators take the cutoff that generator 0's
+// analyzer finds in the mix of the converted channels. Mono analyses its only
+// channel and, with stereo out, writes it to both sides. At 48 kHz the
+// converters copy and only the generators act.
+TEST(Hqups, MatchesConvertersAndGeneratorsDrivenByHand) {
     dsptest::SimdGuard guard;
     const struct {
         uint32_t channels, rate, frames;
         bool sse;
-    } cases[] = {{2, 44100, 1114, false}, {2, 44100, 1114, true}, {1, 32000, 1536, false}};
+        uint32_t mode;
+    } cases[] = {{2, 44100, 1114, false, 1},
+                 {2, 44100, 1114, true, 1},
+                 {1, 32000, 1536, false, 1},
+                 {2, 48000, 1024, false, 0}};
     for (const auto& k : cases) {
         dsptest::SimdGuard::set(k.sse, false, k.sse);
-        HqupsHandle h(bySource(1024, k.channels, k.rate, 0.6f, 80.0f, 1, 2));
+        const dsp::ArithmeticRule rule = dsp::currentRules().rule;
+        HqupsHandle h(bySource(1024, k.channels, k.rate, 0.6f, 80.0f, k.mode, 2));
         dsp::RateConverter conv[2];
         dsp::HarmonicGenerator gen[2];
         for (int c = 0; c < 2; ++c) {
-            ASSERT_EQ(conv[c].setup(1024, k.rate, 48000, 0, 60.0f, 60.0f, 1, 0.1f), k.frames);
-            ASSERT_EQ(gen[c].setup(k.frames, 48000, 0.6f, 80.0f, 5000, 1, 16), 1u);
+            ASSERT_TRUE(conv[c].setup(1024, k.rate, 48000, {0, 60.0f, 60.0f, 1}));
+            ASSERT_EQ(conv[c].blockOutputFrames(), k.frames);
+            ASSERT_EQ(gen[c].setup(k.frames, 48000, 0.6f, 80.0f, 5000, k.mode, 16), 1u);
         }
-        const std::vector<int16_t> src = tones(4 * 1024, k.channels, k.rate, {2000.0, 9000.0}, 0.3);
+        const std::vector<int16_t> src =
+            pcmTones(4 * 1024, k.channels, k.rate, {2000.0, 9000.0}, 0.3);
         std::vector<float> in[2], up[2], out[2], mixed(k.frames);
         for (int c = 0; c < 2; ++c) {
             in[c].resize(1024);
@@ -129,11 +101,12 @@ TEST(Hqups, AnalysisMatchesConvertersAndGeneratorsDrivenByHand) {
         float cutoff = 0.0f;
         for (int b = 0; b < 4; ++b) {
             const int16_t* block = src.data() + b * 1024 * k.channels;
-            dsp::convertToFloat(block, 2048 * k.channels, in[0].data(), in[1].data(), k.channels);
+            dsp::convertToFloat(rule, block, 2048 * k.channels, in[0].data(), in[1].data(),
+                                k.channels);
             if (k.channels == 1) {
                 conv[0].convert(in[0].data(), up[0].data(), 1024);
-                gen[0].processDetecting(up[0].data(), out[0].data(), k.frames);
-                dsp::convertToInt16(out[0].data(), nullptr, k.frames, expected.data(), 2);
+                gen[0].processDetecting(rule, up[0].data(), out[0].data(), k.frames);
+                dsp::convertToInt16(rule, out[0].data(), nullptr, k.frames, expected.data(), 2);
             } else {
                 for (int c = 0; c < 2; ++c) {
                     ASSERT_EQ(conv[c].convert(in[c].data(), up[c].data(), 1024), k.frames);
@@ -141,16 +114,17 @@ TEST(Hqups, AnalysisMatchesConvertersAndGeneratorsDrivenByHand) {
                 for (uint32_t i = 0; i < k.frames; ++i) {
                     mixed[i] = (up[1][i] + up[0][i]) * 0.5f;
                 }
-                cutoff = gen[0].analyzeCutoff(mixed.data());
+                cutoff = k.mode == 1 ? gen[0].analyzeCutoff(mixed.data()) : 0.0f;
                 for (int c = 0; c < 2; ++c) {
-                    gen[c].process(up[c].data(), out[c].data(), cutoff, k.frames);
+                    gen[c].process(rule, up[c].data(), out[c].data(), cutoff, k.frames);
                 }
-                dsp::convertToInt16(out[0].data(), out[1].data(), k.frames, expected.data(), 2);
+                dsp::convertToInt16(rule, out[0].data(), out[1].data(), k.frames, expected.data(),
+                                    2);
             }
             ASSERT_EQ(doHqups(h.handle, block, dst.data(), 2048 * k.channels), 4 * k.frames);
             ASSERT_EQ(dst, expected) << k.channels << " " << k.sse << " " << b;
             if (k.channels == 2) {
-                EXPECT_EQ(h.get()->generators[1].cutoffHz, cutoff);
+                EXPECT_EQ(h.get()->generator(1).cutoffHz(), cutoff);
             }
         }
         EXPECT_EQ(h.get()->processChannel(2, in[0].data(), out[0].data(), 1024), 0u);
@@ -163,67 +137,57 @@ TEST(Hqups, ConfigureRebuildsForTheNewFormat) {
     HqupsProcessor* p = h.get();
     setHqupsActiveMode(h.handle, 3);
     p->configure(2048, 1, 32000);
-    EXPECT_EQ(p->outFrames, 3072u);
-    EXPECT_EQ(p->generators[0].frames, 3072u);
-    EXPECT_EQ(p->generators[0].dryDelay.length, 8u);
-    const std::vector<int16_t> src = tones(2048, 2, 32000, {5000.0}, 0.5);
+    EXPECT_EQ(p->outFrames(), 3072u);
+    EXPECT_EQ(p->generator(0).blockFrames(), 3072u);
+    EXPECT_EQ(p->generator(0).dryDelayLength(), 8u);
+    const std::vector<int16_t> src = pcmTones(2048, 2, 32000, {5000.0}, 0.5);
     std::vector<int16_t> dst(2 * 3072);
     EXPECT_EQ(doHqups(h.handle, src.data(), dst.data(), 4096), 6144u);
     // Smaller again: buffers kept, the output size follows.
-    float* kept = p->work[2];
+    float* kept = p->work(2);
     setHqupsActiveMode(h.handle, 1);
     p->configure(1024, 2, 44100);
-    EXPECT_EQ(p->work[2], kept);
-    EXPECT_EQ(p->generators[1].dryDelay.length, 16u);
+    EXPECT_EQ(p->work(2), kept);
+    EXPECT_EQ(p->generator(1).dryDelayLength(), 16u);
     EXPECT_EQ(doHqups(h.handle, src.data(), dst.data(), 4096), 4456u);
     // A format it cannot serve leaves it passing nothing.
     p->configure(1024, 5, 44100);
-    EXPECT_EQ(p->ready, 0);
+    EXPECT_FALSE(p->isReady());
     EXPECT_EQ(doHqups(h.handle, src.data(), dst.data(), 4096), 0u);
 }
 
 TEST(Hqups, LargerBlocksAreTakenInPieces) {
     HqupsHandle whole(bySource(2048, 2, 48000, 0.0f, 50.0f, 0));
     HqupsHandle pieces(bySource(512, 2, 48000, 0.0f, 50.0f, 0));
-    const std::vector<int16_t> src = tones(2048, 2, 48000, {4000.0}, 0.5);
+    const std::vector<int16_t> src = pcmTones(2048, 2, 48000, {4000.0}, 0.5);
     std::vector<int16_t> a(4096), b(4096);
     EXPECT_EQ(doHqups(whole.handle, src.data(), a.data(), 8192), 8192u);
     EXPECT_EQ(doHqups(pieces.handle, src.data(), b.data(), 8192), 8192u);
     EXPECT_EQ(a, b);
 }
 
-TEST(Hqups, RefusalsSettersAndOtherHandles) {
-    EXPECT_EQ(bySource(1024, 2, 0, 0.0f, 50.0f, 0), nullptr);
-    EXPECT_EQ(initHqups(1000, 2, 2, 0, 0.0f, 50.0f, 5000, 0, 60.0f, 60.0f, 0, 1), nullptr);
-    EXPECT_EQ(bySource(1024, 3, 44100, 0.0f, 50.0f, 0), nullptr);
-    EXPECT_EQ(bySource(1024, 2, 44100, 0.0f, 50.0f, 0, 4), nullptr);
-    { // an unknown mode at init counts as 0: the short dry delay
+// An unknown mode at init counts as 0 (the short dry delay). The setters
+// reach both channels: set afterwards or given at init, the same output.
+TEST(Hqups, UnknownModesAndSetters) {
+    {
         HqupsHandle h(bySource(512, 1, 44100, 0.0f, 50.0f, 9));
-        EXPECT_EQ(h.get()->activeMode, 0u);
-        EXPECT_EQ(h.get()->generators[0].dryDelay.length, 8u);
+        EXPECT_EQ(h.get()->settings().activeMode, 0u);
+        EXPECT_EQ(h.get()->generator(0).dryDelayLength(), 8u);
     }
     HqupsHandle h(bySource(1024, 2, 44100, 0.0f, 50.0f, 0));
+    HqupsHandle given(bySource(1024, 2, 44100, -1.0f, 25.0f, 0));
     EXPECT_EQ(setHqupsHarmonics(h.handle, -1.0f), 1u);
     EXPECT_EQ(setHqupsMix(h.handle, 25.0f), 1u);
+    const std::vector<int16_t> src = pcmTones(1024, 2, 44100, {6000.0, 11000.0}, 0.45);
+    std::vector<int16_t> out(2 * 1114), expected(2 * 1114);
+    EXPECT_EQ(doHqups(h.handle, src.data(), out.data(), 4096), 4456u);
+    EXPECT_EQ(doHqups(given.handle, src.data(), expected.data(), 4096), 4456u);
+    EXPECT_EQ(out, expected);
     EXPECT_EQ(setHqupsActiveMode(h.handle, 1), 1u);
-    for (const dsp::HarmonicGenerator& g : h.get()->generators) {
-        EXPECT_EQ(g.curve.count, 47);
-        EXPECT_EQ(g.mixGain, static_cast<float>(25.0 * 0.01));
-        EXPECT_EQ(g.activeMode, 1u);
-        EXPECT_EQ(g.dryDelay.length, 8u); // the delay follows the mode at setup only
+    for (int c = 0; c < 2; ++c) {
+        EXPECT_EQ(h.get()->generator(c).activeMode(), 1u);
+        EXPECT_EQ(h.get()->generator(c).dryDelayLength(), 8u); // follows the mode at setup only
     }
-    void* other = initResampler(64, 1, 1, 44100, 48000, 0, 60, 60, 0);
-    int16_t buffer[8] = {};
-    for (void* wrong : {other, static_cast<void*>(nullptr)}) {
-        EXPECT_EQ(setHqupsHarmonics(wrong, 1.0f), 0u);
-        EXPECT_EQ(setHqupsMix(wrong, 1.0f), 0u);
-        EXPECT_EQ(setHqupsActiveMode(wrong, 1), 0u);
-        EXPECT_EQ(doHqups(wrong, buffer, buffer, 16), 0u);
-        EXPECT_EQ(getHqupsDstSize(wrong, 100), 0u);
-        EXPECT_EQ(getHqupsSrcSize(wrong, 100), 0u);
-        EXPECT_EQ(termHqups(wrong), 0u);
-    }
-    EXPECT_EQ(termResampler(other), 1u);
 }
 
 } // namespace

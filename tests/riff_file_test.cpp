@@ -1,6 +1,7 @@
 // The buffered RIFF file layer: buffering against an in-memory model of the
-// file, chunk creation with sizes and pad bytes, chunk searches and their
-// limits, and refusal of bad paths and bad access.
+// file, chunk searches and their limits, and refusal of bad paths and bad
+// access. (Chunk creation, sizes and pad bytes show in the WAVE writer's
+// exact files.)
 #include "wavefile/riff_file.h"
 
 #include "support/wavefile_test_files.h"
@@ -73,115 +74,67 @@ TEST(RiffFile, RandomSeeksReadsAndWritesMatchAPlainModel) {
     runAgainstModel(8, 4000, false);
 }
 
-TEST(RiffFile, CreatedChunksGetTheirSizesAndPadBytesOnAscend) {
-    std::string path = dsptest::wavefileTempPath("riff_create.bin");
+// An "XXXX" RIFF form first, then the one searched for with an odd chunk, a
+// LIST and a target chunk; trailing bytes after the form. Searches find forms,
+// lists and chunks skipping others and pad bytes, stay inside the parent and
+// restore the position when nothing is found.
+TEST(RiffDescend, FindsFormsListsAndChunksWithinTheirParent) {
+    const std::string path = dsptest::wavefileTempPath("riff_descend.bin");
+    const Bytes other = dsptest::riffBytes("XXXX", dsptest::chunkBytes("junk", {9, 9}));
+    const Bytes info = dsptest::chunkBytes(
+        "LIST",
+        dsptest::joinBytes({{'I', 'N', 'F', 'O'}, dsptest::chunkBytes("INAM", {'a', 'b'})}));
+    const Bytes form = dsptest::riffBytes(
+        "GOOD", dsptest::joinBytes({dsptest::chunkBytes("odd ", {1, 2, 3, 4, 5}), info,
+                                    dsptest::chunkBytes("want", {7, 7, 7, 7})}));
+    const int64_t goodStart = static_cast<int64_t>(other.size());
+    dsptest::writeFileBytes(path,
+                            dsptest::joinBytes({other, form, dsptest::chunkBytes("tail", {1, 1})}));
     RiffFile file;
-    ASSERT_TRUE(file.open(path.c_str(), RiffFile::Access::kCreate));
-    RiffChunk riff;
-    riff.formType = makeFourcc('T', 'E', 'S', 'T');
-    ASSERT_TRUE(file.createChunk(riff, true));
-    EXPECT_EQ(riff.id, dsp::kFourccRiff);
-    EXPECT_EQ(riff.dataOffset, 8u);
-    EXPECT_EQ(file.tell(), 12);
-
-    RiffChunk odd;
-    odd.id = makeFourcc('o', 'd', 'd', ' ');
-    odd.size = 1000; // provisional, corrected on ascend
-    ASSERT_TRUE(file.createChunk(odd, false));
-    const uint8_t three[3] = {1, 2, 3};
-    ASSERT_EQ(file.write(three, 3), 3);
-    ASSERT_TRUE(file.ascend(odd));
-    EXPECT_EQ(odd.size, 3u);
-    EXPECT_EQ(file.tell(), 12 + 8 + 4);
-
-    RiffChunk exact;
-    exact.id = makeFourcc('e', 'v', 'e', 'n');
-    exact.size = 2;
-    ASSERT_TRUE(file.createChunk(exact, false));
-    ASSERT_EQ(file.write(three, 2), 2);
-    ASSERT_TRUE(file.ascend(exact));
-    ASSERT_TRUE(file.ascend(riff));
-    EXPECT_EQ(riff.size, 4u + 12u + 10u);
-    ASSERT_TRUE(file.close());
-
-    EXPECT_EQ(
-        dsptest::readFileBytes(path),
-        dsptest::riffBytes("TEST", dsptest::joinBytes({dsptest::chunkBytes("odd ", {1, 2, 3}),
-                                                       dsptest::chunkBytes("even", {1, 2})})));
-    std::remove(path.c_str());
-}
-
-class RiffDescend : public ::testing::Test {
-protected:
-    void SetUp() override {
-        path_ = dsptest::wavefileTempPath("riff_descend.bin");
-        // An "XXXX" RIFF form first, then the one searched for with an odd
-        // chunk, a LIST and a target chunk; trailing bytes after the form.
-        Bytes other = dsptest::riffBytes("XXXX", dsptest::chunkBytes("junk", {9, 9}));
-        Bytes chunks = dsptest::chunkBytes("odd ", {1, 2, 3, 4, 5});
-        Bytes list = dsptest::chunkBytes(
-            "LIST",
-            dsptest::joinBytes({{'I', 'N', 'F', 'O'}, dsptest::chunkBytes("INAM", {'a', 'b'})}));
-        Bytes form = dsptest::riffBytes(
-            "GOOD", dsptest::joinBytes({chunks, list, dsptest::chunkBytes("want", {7, 7, 7, 7})}));
-        goodStart_ = static_cast<int64_t>(other.size());
-        dsptest::writeFileBytes(
-            path_, dsptest::joinBytes({other, form, dsptest::chunkBytes("tail", {1, 1})}));
-        ASSERT_TRUE(file_.open(path_.c_str(), RiffFile::Access::kRead));
-    }
-    void TearDown() override {
-        file_.close();
-        std::remove(path_.c_str());
-    }
-    std::string path_;
-    int64_t goodStart_ = 0;
-    RiffFile file_;
-};
-
-// Finds forms, lists and chunks skipping others and pad bytes; searches stay
-// inside the parent and restore the position when nothing is found.
-TEST_F(RiffDescend, FindsFormsListsAndChunksWithinTheirParent) {
+    ASSERT_TRUE(file.open(path.c_str(), RiffFile::Access::kRead));
     RiffChunk riff;
     riff.formType = makeFourcc('W', 'A', 'V', 'E');
-    EXPECT_FALSE(file_.descend(riff, nullptr, RiffFile::Search::kRiff));
-    EXPECT_EQ(file_.tell(), 0);
+    EXPECT_FALSE(file.descend(riff, nullptr, RiffFile::Search::kRiff));
+    EXPECT_EQ(file.tell(), 0);
     riff.formType = makeFourcc('G', 'O', 'O', 'D');
-    ASSERT_TRUE(file_.descend(riff, nullptr, RiffFile::Search::kRiff));
-    EXPECT_EQ(riff.dataOffset, static_cast<uint64_t>(goodStart_ + 8));
-    EXPECT_EQ(file_.tell(), goodStart_ + 12);
+    ASSERT_TRUE(file.descend(riff, nullptr, RiffFile::Search::kRiff));
+    EXPECT_EQ(riff.dataOffset, static_cast<uint64_t>(goodStart + 8));
+    EXPECT_EQ(file.tell(), goodStart + 12);
 
     RiffChunk list;
     list.formType = makeFourcc('I', 'N', 'F', 'O');
-    ASSERT_TRUE(file_.descend(list, &riff, RiffFile::Search::kList));
+    ASSERT_TRUE(file.descend(list, &riff, RiffFile::Search::kList));
     RiffChunk name;
-    ASSERT_TRUE(file_.descend(name, &list, RiffFile::Search::kNext));
+    ASSERT_TRUE(file.descend(name, &list, RiffFile::Search::kNext));
     EXPECT_EQ(name.id, makeFourcc('I', 'N', 'A', 'M'));
     EXPECT_EQ(name.size, 2u);
-    ASSERT_TRUE(file_.ascend(name));
-    ASSERT_TRUE(file_.ascend(list));
+    ASSERT_TRUE(file.ascend(name));
+    ASSERT_TRUE(file.ascend(list));
 
     RiffChunk want;
     want.id = makeFourcc('w', 'a', 'n', 't');
-    ASSERT_TRUE(file_.descend(want, &riff, RiffFile::Search::kChunk));
+    ASSERT_TRUE(file.descend(want, &riff, RiffFile::Search::kChunk));
     uint8_t body[4] = {};
-    ASSERT_EQ(file_.read(body, 4), 4);
+    ASSERT_EQ(file.read(body, 4), 4);
     EXPECT_EQ(body[0], 7);
-    ASSERT_TRUE(file_.ascend(want));
+    ASSERT_TRUE(file.ascend(want));
     const int64_t formEnd = static_cast<int64_t>(riff.dataOffset) + riff.size;
-    EXPECT_EQ(file_.tell(), formEnd);
+    EXPECT_EQ(file.tell(), formEnd);
 
-    ASSERT_EQ(file_.seek(goodStart_ + 12, RiffFile::Origin::kBegin), goodStart_ + 12);
+    ASSERT_EQ(file.seek(goodStart + 12, RiffFile::Origin::kBegin), goodStart + 12);
     RiffChunk tail;
     tail.id = makeFourcc('t', 'a', 'i', 'l');
-    EXPECT_FALSE(file_.descend(tail, &riff, RiffFile::Search::kChunk));
-    EXPECT_EQ(file_.tell(), goodStart_ + 12);
+    EXPECT_FALSE(file.descend(tail, &riff, RiffFile::Search::kChunk));
+    EXPECT_EQ(file.tell(), goodStart + 12);
     // Without a parent the search runs on past the form's end; from there a
     // search inside the parent finds nothing.
-    EXPECT_TRUE(file_.descend(tail, nullptr, RiffFile::Search::kChunk));
-    EXPECT_FALSE(file_.descend(tail, &riff, RiffFile::Search::kNext));
+    EXPECT_TRUE(file.descend(tail, nullptr, RiffFile::Search::kChunk));
+    EXPECT_FALSE(file.descend(tail, &riff, RiffFile::Search::kNext));
     RiffChunk none;
     none.id = makeFourcc('n', 'o', 'n', 'e');
-    EXPECT_FALSE(file_.descend(none, nullptr, RiffFile::Search::kChunk));
+    EXPECT_FALSE(file.descend(none, nullptr, RiffFile::Search::kChunk));
+    file.close();
+    std::remove(path.c_str());
 }
 
 TEST(RiffFile, ChunkSizesPastTheEndAndReadsPastTheEndAreHarmless) {

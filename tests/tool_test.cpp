@@ -155,6 +155,9 @@ protected:
         writeFile(input_, waveBytes(44100, 2, signal_));
         std::remove(output_.c_str());
     }
+    std::string effectArgs(const std::string& effects) const {
+        return input_ + " " + output_ + " " + effects;
+    }
     std::string input_ = tempPath("input.wav");
     std::string output_ = tempPath("output.wav");
     std::vector<int16_t> signal_;
@@ -216,7 +219,7 @@ TEST_F(ToolTest, EffectsMatchTheLibrary) {
     };
     for (const EffectCase& e : cases) {
         SCOPED_TRACE(e.arguments);
-        ToolRun r = runTool("--quiet " + input_ + " " + output_ + " " + e.arguments);
+        ToolRun r = runTool("--quiet " + effectArgs(e.arguments));
         ASSERT_EQ(r.status, 0) << r.err;
         Wave w = readWave(output_);
         EXPECT_EQ(w.formatTag, 1);
@@ -239,7 +242,7 @@ TEST_F(ToolTest, EffectsMatchTheLibrary) {
 TEST_F(ToolTest, MonoInputAndExtensiblePcmAreAccepted) {
     std::vector<int16_t> mono = testSignal(22050, 1, 0.7);
     writeFile(input_, waveBytes(22050, 1, mono, 0xFFFE));
-    ToolRun r = runTool("--quiet " + input_ + " " + output_ + " gain 0");
+    ToolRun r = runTool("--quiet " + effectArgs("gain 0"));
     ASSERT_EQ(r.status, 0) << r.err;
     Wave w = readWave(output_);
     EXPECT_EQ(w.channels, 1);
@@ -270,8 +273,9 @@ TEST_F(ToolTest, CrossfadeMatchesTheLibrary) {
         for (uint32_t i = 0; i < n; ++i) {
             size_t f = t + i;
             for (int c = 0; c < 2; ++c) {
-                a[2 * i + c] = f < lenA ? signal_[2 * f + c] : 0;
-                bb[2 * i + c] = f >= bStart && f - bStart < lenB ? other[2 * (f - bStart) + c] : 0;
+                a[2 * i + c] = f < lenA ? signal_[2 * f + c] : int16_t{0};
+                bb[2 * i + c] =
+                    f >= bStart && f - bStart < lenB ? other[2 * (f - bStart) + c] : int16_t{0};
             }
         }
         doCrossFade(fader, a.data(), bb.data(), mixed.data(), n * 4);
@@ -348,16 +352,20 @@ TEST_F(ToolTest, DemoRunsAndReports) {
     EXPECT_NEAR(static_cast<double>(w.samples.size()) / 2 / 48000, 4.0, 0.01);
 }
 
-// Errors: one line naming the problem, the right status, nothing written.
-TEST_F(ToolTest, ErrorsGiveOneLineAndTheRightStatus) {
+// Errors: one line naming the problem, the right status, and no output: none
+// created, an existing one untouched, no temporary file left behind. A
+// truncated input fails only after the output was started.
+TEST_F(ToolTest, ErrorsGiveOneLineAndTheRightStatusAndWriteNothing) {
     const std::string eightBit = tempPath("eight.wav"), three = tempPath("three.wav"),
-                      floatExt = tempPath("float.wav"), text = tempPath("text.wav");
+                      floatExt = tempPath("float.wav"), text = tempPath("text.wav"),
+                      truncated = tempPath("truncated.wav");
     writeFile(eightBit, waveBytes(8000, 1, std::vector<int16_t>(100), 1, 8));
     writeFile(three, waveBytes(8000, 3, std::vector<int16_t>(300)));
     writeFile(floatExt, waveBytes(8000, 1, std::vector<int16_t>(300), 0xFFFE, 16, 3));
     writeFile(text, {'t', 'e', 'x', 't'});
+    const Bytes whole = waveBytes(44100, 2, signal_);
+    writeFile(truncated, Bytes(whole.begin(), whole.begin() + whole.size() / 2));
     auto gain = [&](const std::string& in) { return in + " " + output_ + " gain 1"; };
-    auto effect = [&](const std::string& e) { return input_ + " " + output_ + " " + e; };
     struct ErrorCase {
         std::string arguments;
         int status;
@@ -370,13 +378,14 @@ TEST_F(ToolTest, ErrorsGiveOneLineAndTheRightStatus) {
         {gain(eightBit), 1, "not 16-bit PCM"},
         {gain(three), 1, "not 16-bit PCM"},
         {gain(floatExt), 1, "not 16-bit PCM"},
-        {effect("reverb 3"), 2, "unknown effect 'reverb'"},
+        {gain(truncated), 1, "ends early"},
+        {effectArgs("reverb 3"), 2, "unknown effect 'reverb'"},
         {input_, 2, "expected IN.wav OUT.wav"},
-        {effect("lowpass 4"), 2, "lowpass: missing argument"},
-        {effect("lowpass 4 30000"), 2, "below half the sample rate"},
-        {effect("pitch 5000"), 2, "CENTS must be between"},
-        {effect("gain loud"), 2, "DB must be a number"},
-        {effect("resample 48000 fast"), 2, "unknown option 'fast'"},
+        {effectArgs("lowpass 4"), 2, "lowpass: missing argument"},
+        {effectArgs("lowpass 4 30000"), 2, "below half the sample rate"},
+        {effectArgs("pitch 5000"), 2, "CENTS must be between"},
+        {effectArgs("gain loud"), 2, "DB must be a number"},
+        {effectArgs("resample 48000 fast"), 2, "unknown option 'fast'"},
         {input_ + " " + input_ + " gain 1", 2, "is the input file"},
         {input_ + " " + tempPath("no/such/dir/out.wav") + " gain 1", 1, "no directory"},
         {"crossfade " + input_ + " " + input_ + " " + output_ + " 5", 2, "longer than"},
@@ -385,33 +394,52 @@ TEST_F(ToolTest, ErrorsGiveOneLineAndTheRightStatus) {
         {"", 2, "nothing to do"},
     };
     for (const ErrorCase& c : cases) {
-        ToolRun r = runTool(c.arguments);
-        EXPECT_EQ(r.status, c.status) << c.arguments << "\n" << r.err;
-        EXPECT_NE(r.err.find(c.message), std::string::npos) << c.arguments << "\n" << r.err;
-        EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << c.arguments << "\n" << r.err;
-        EXPECT_TRUE(r.err.rfind("dsp: ", 0) == 0) << r.err;
-        EXPECT_FALSE(fs::exists(output_)) << c.arguments;
+        for (bool existing : {false, true}) {
+            if (existing) {
+                writeFile(output_, {'k', 'e', 'e', 'p'});
+            }
+            ToolRun r = runTool(c.arguments);
+            EXPECT_EQ(r.status, c.status) << c.arguments << "\n" << r.err;
+            EXPECT_NE(r.err.find(c.message), std::string::npos) << c.arguments << "\n" << r.err;
+            EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << c.arguments;
+            EXPECT_TRUE(r.err.rfind("dsp: ", 0) == 0) << r.err;
+            if (existing) {
+                EXPECT_EQ(slurp(output_), "keep") << c.arguments;
+                std::remove(output_.c_str());
+            } else {
+                EXPECT_FALSE(fs::exists(output_)) << c.arguments;
+            }
+        }
     }
-}
-
-TEST_F(ToolTest, AFailedRunLeavesAnExistingOutputUntouched) {
-    writeFile(output_, {'k', 'e', 'e', 'p'});
-    ToolRun r = runTool(input_ + " " + output_ + " lowpass 4 30000");
-    EXPECT_EQ(r.status, 2);
-    EXPECT_EQ(slurp(output_), "keep");
-    // A truncated input fails after the output was started: still untouched.
-    Bytes bytes = waveBytes(44100, 2, signal_);
-    std::string truncated = tempPath("truncated.wav");
-    writeFile(truncated, Bytes(bytes.begin(), bytes.begin() + bytes.size() / 2));
-    r = runTool(truncated + " " + output_ + " gain 1");
-    EXPECT_EQ(r.status, 1) << r.err;
-    EXPECT_NE(r.err.find("ends early"), std::string::npos) << r.err;
-    EXPECT_EQ(slurp(output_), "keep");
-    // No temporary files are left behind.
     for (const auto& entry : fs::directory_iterator(tempPath())) {
         EXPECT_EQ(entry.path().filename().string().find(".part"), std::string::npos)
             << entry.path();
     }
+}
+
+// Every effect --help lists is refused, with its usage, when given too many
+// arguments (the count is checked before the values).
+TEST_F(ToolTest, EveryEffectInTheHelpRefusesExtraArgumentsWithItsUsage) {
+    ToolRun help = runTool("--help");
+    ASSERT_EQ(help.status, 0);
+    std::istringstream lines(help.out.substr(help.out.find("copy):\n")));
+    std::vector<std::string> names;
+    for (std::string line; std::getline(lines, line) && line != "Commands:";) {
+        if (line.rfind("  ", 0) != 0 || line.rfind("      ", 0) == 0) {
+            continue; // not a usage line
+        }
+        const std::string usage = line.substr(2);
+        names.push_back(usage.substr(0, usage.find(' ')));
+        ToolRun r = runTool(effectArgs(names.back() + " 1 2 3 4 5 6 x"));
+        EXPECT_EQ(r.status, 2) << usage;
+        EXPECT_EQ(r.err.rfind("dsp: " + names.back() + ": too many arguments ('", 0), 0u) << r.err;
+        const std::string tail = "'); usage: " + usage + "\n";
+        EXPECT_TRUE(r.err.size() > tail.size() &&
+                    r.err.compare(r.err.size() - tail.size(), tail.size(), tail) == 0)
+            << r.err;
+    }
+    EXPECT_EQ(names, (std::vector<std::string>{"lowpass", "highpass", "resample", "hqups", "chorus",
+                                               "pitch", "stretch", "tempo", "gain", "fade"}));
 }
 
 } // namespace

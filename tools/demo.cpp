@@ -80,46 +80,27 @@ std::vector<int16_t> synthesiseMusic() {
     return samples;
 }
 
-} // namespace
-
-int runDemo(const std::vector<std::string>& args, const Options& options) {
-    if (args.size() > 1) {
-        throw UsageError("usage: dsp demo [OUT.wav]");
+void printChain(const std::vector<std::string>& chain) {
+    std::printf("  chain    ");
+    for (size_t i = 0; i < chain.size(); ++i) {
+        std::printf("%s%s", i ? "\n           -> " : "", chain[i].c_str());
     }
-    const std::string outPath = args.empty() ? "demo.wav" : args[0];
-    std::filesystem::path out(outPath);
-    std::string sourcePath = (out.parent_path() / (out.stem().string() + "-source.wav")).string();
+    std::printf("\n");
+}
 
-    std::vector<int16_t> music = synthesiseMusic();
-    writeWholeFile(sourcePath, AudioFormat{kRate, 2}, music);
-
-    std::vector<EffectSpec> effects =
-        parseEffects({"resample", "48000", "cubic", "chorus", "3", "20", "2", "1.5", "30", "100",
-                      "fade", "0.5", "1.0"});
-    Options quiet = options;
-    quiet.quiet = true;
-    ProcessResult r = processFile(sourcePath, outPath, effects, options);
-    std::vector<Slice> slices = findSlices(outPath, SliceOptions{}, quiet);
-    FileLevels levels = measureLevels(outPath, quiet);
-
-    if (options.quiet) {
-        return 0;
-    }
+void printReport(const std::string& sourcePath, const std::string& outPath, const ProcessResult& r,
+                 const FileLevels& levels, const std::vector<Slice>& slices) {
     const double seconds = static_cast<double>(r.framesIn) / r.inFormat.rate;
     std::printf("dsp demo\n");
     std::printf("  source   %s: %.2f s of synthesised music (plucked melody, a chord, "
                 "percussive bursts), %s\n",
                 sourcePath.c_str(), seconds, formatDescription(r.inFormat).c_str());
-    std::printf("  chain    ");
-    for (size_t i = 0; i < r.chain.size(); ++i) {
-        std::printf("%s%s", i ? "\n           -> " : "", r.chain[i].c_str());
-    }
-    std::printf("\n");
+    printChain(r.chain);
     std::printf("  output   %s: %.2f s, %s, %llu frames (%llu bytes of samples)\n", outPath.c_str(),
                 static_cast<double>(r.framesOut) / r.outFormat.rate,
                 formatDescription(r.outFormat).c_str(),
                 static_cast<unsigned long long>(r.framesOut),
-                static_cast<unsigned long long>(r.framesOut * 2 * r.outFormat.channels));
+                static_cast<unsigned long long>(r.framesOut) * 2 * r.outFormat.channels);
     if (r.elapsedSeconds > 0.0) {
         std::printf("  speed    %.1f ms for %.2f s of audio: %.0fx real time\n",
                     r.elapsedSeconds * 1000.0, seconds, seconds / r.elapsedSeconds);
@@ -133,6 +114,30 @@ int runDemo(const std::vector<std::string>& args, const Options& options) {
     for (size_t i = 0; i < slices.size(); ++i) {
         std::printf("           %2zu  %.3f s - %.3f s\n", i + 1, slices[i].startSeconds,
                     slices[i].endSeconds);
+    }
+}
+
+} // namespace
+
+int runDemo(const std::vector<std::string>& args, const Options& options) {
+    if (args.size() > 1) {
+        throw UsageError("usage: dsp demo [OUT.wav]");
+    }
+    const std::string outPath = args.empty() ? "demo.wav" : args[0];
+    std::filesystem::path out(outPath);
+    std::string sourcePath = (out.parent_path() / (out.stem().string() + "-source.wav")).string();
+    writeWholeFile(sourcePath, AudioFormat{kRate, 2}, synthesiseMusic());
+
+    std::vector<EffectSpec> effects =
+        parseEffects({"resample", "48000", "cubic", "chorus", "3", "20", "2", "1.5", "30", "100",
+                      "fade", "0.5", "1.0"});
+    ProcessResult r = processFile(sourcePath, outPath, effects, options);
+    Options quiet = options;
+    quiet.quiet = true;
+    std::vector<Slice> slices = findSlices(outPath, SliceOptions{}, quiet);
+    FileLevels levels = measureLevels(outPath, quiet);
+    if (!options.quiet) {
+        printReport(sourcePath, outPath, r, levels, slices);
     }
     return 0;
 }

@@ -1,10 +1,13 @@
 #include "effects.h"
 
 #include "cli_error.h"
+#include "numbers.h"
 
 #include <cmath>
-#include <cstdlib>
+#include <functional>
+#include <iterator>
 #include <sstream>
+#include <utility>
 
 namespace cli {
 
@@ -19,100 +22,141 @@ constexpr uint32_t kHqupsBandEdgeHz = 5000;
 constexpr float kFaderFloorDb = -50.0f; // the fader's lowest level
 constexpr uint32_t kChorusHistory = 65536;
 
-struct EffectInfo {
-    const char* name;
-    const char* usage;
-    const char* help;
-};
+// The words after an effect's name, read with messages that name the effect.
+class EffectArgs {
+public:
+    EffectArgs(const EffectSpec& effect, const char* usage) : effect_(effect), usage_(usage) {}
 
-const EffectInfo kEffects[] = {
-    {"lowpass", "lowpass ORDER HZ", "Chebyshev low-pass (1 dB ripple), ORDER 1..32"},
-    {"highpass", "highpass ORDER HZ", "Chebyshev high-pass (1 dB ripple), ORDER 1..32"},
-    {"resample", "resample RATE [linear|cubic] [mono|stereo]",
-     "change the sample rate (default cubic, channels kept)"},
-    {"hqups", "hqups [HARMONICS] [MIX%] [active]",
-     "upsample to 48000 Hz adding harmonics (default 0.3 50; active limits them to the band "
-     "above the source's bandwidth)"},
-    {"chorus", "chorus [VOICES DELAY_MS DEPTH_MS PERIOD_S MIX% DRY%]",
-     "multi-voice chorus (default 3 20 2 1.5 30 100)"},
-    {"pitch", "pitch CENTS", "shift the pitch, -1200..1200 cents, keeping the duration"},
-    {"stretch", "stretch SCALE",
-     "change the duration keeping the pitch: SCALE in thousandths of an octave, -2000..3000 "
-     "(1000 halves the duration, -1000 doubles it)"},
-    {"tempo", "tempo FACTOR", "the same given as a speed factor, 0.25..8 (1.25 plays 25% faster)"},
-    {"gain", "gain DB", "change the level, -50..50 dB"},
-    {"fade", "fade IN_S [OUT_S]",
-     "fade in from -50 dB over IN_S seconds and out over OUT_S (default IN_S) at the end"},
-};
+    const std::string& name() const { return effect_.name; }
+    size_t count() const { return effect_.args.size(); }
+    const std::string& word(size_t index) const { return effect_.args.at(index); }
 
-const EffectInfo& info(const std::string& name) {
-    for (const EffectInfo& e : kEffects) {
-        if (name == e.name) {
-            return e;
+    // Refuses fewer than lo or more than hi words.
+    void requireCount(size_t lo, size_t hi) const {
+        if (count() < lo) {
+            refuse("missing argument");
+        }
+        if (count() > hi) {
+            refuse("too many arguments ('" + word(hi) + "')");
         }
     }
-    throw UsageError("unknown effect '" + name + "'");
-}
 
-double number(const EffectSpec& e, size_t index, const char* what) {
-    const std::string& word = e.args.at(index);
-    char* end = nullptr;
-    double v = std::strtod(word.c_str(), &end);
-    if (word.empty() || end == nullptr || *end != '\0' || !std::isfinite(v)) {
-        throw UsageError(std::string(e.name) + ": " + what + " must be a number, not '" + word +
-                         "'");
+    // The word at index as a finite number from lo to hi.
+    double number(size_t index, const char* what, double lo, double hi) const {
+        double v = 0.0;
+        if (!readNumber(word(index), v) || !std::isfinite(v)) {
+            fail(std::string(what) + " must be a number, not '" + word(index) + "'");
+        }
+        if (v < lo || v > hi) {
+            std::ostringstream range;
+            range << lo << " and " << hi;
+            fail(std::string(what) + " must be between " + range.str() + ", not " + word(index));
+        }
+        return v;
     }
-    return v;
-}
 
-double numberIn(const EffectSpec& e, size_t index, const char* what, double lo, double hi) {
-    double v = number(e, index, what);
-    if (v < lo || v > hi) {
-        std::ostringstream msg;
-        msg << e.name << ": " << what << " must be between " << lo << " and " << hi << ", not "
-            << e.args[index];
-        throw UsageError(msg.str());
+    // The same, a whole number.
+    double whole(size_t index, const char* what, double lo, double hi) const {
+        double v = number(index, what, lo, hi);
+        if (v != std::floor(v)) {
+            fail(std::string(what) + " must be a whole number, not " + word(index));
+        }
+        return v;
     }
-    return v;
-}
 
-double wholeIn(const EffectSpec& e, size_t index, const char* what, double lo, double hi) {
-    double v = numberIn(e, index, what, lo, hi);
-    if (v != std::floor(v)) {
-        throw UsageError(e.name + ": " + what + " must be a whole number, not " + e.args[index]);
+    // A problem with the words as a whole: the message repeats the usage.
+    [[noreturn]] void refuse(const std::string& problem) const {
+        fail(problem + "; usage: " + usage_);
     }
-    return v;
-}
 
-bool isNumber(const std::string& word) {
-    char* end = nullptr;
-    std::strtod(word.c_str(), &end);
-    return !word.empty() && end != nullptr && *end == '\0';
-}
-
-void requireCount(const EffectSpec& e, size_t lo, size_t hi) {
-    if (e.args.size() < lo) {
-        throw UsageError(e.name + ": missing argument; usage: " + info(e.name).usage);
+private:
+    [[noreturn]] void fail(const std::string& problem) const {
+        throw UsageError(name() + ": " + problem);
     }
-    if (e.args.size() > hi) {
-        throw UsageError(e.name + ": too many arguments ('" + e.args[hi] +
-                         "'); usage: " + info(e.name).usage);
+
+    const EffectSpec& effect_;
+    const char* usage_;
+};
+
+// An optional number of an effect, read into a member of its settings.
+template <typename Settings>
+struct NumberField {
+    const char* what;
+    double lo, hi;
+    float Settings::*member;
+
+    void read(const EffectArgs& a, size_t index, Settings& s) const {
+        s.*member = static_cast<float>(a.number(index, what, lo, hi));
     }
+};
+
+// The one number of an effect that takes exactly one.
+double onlyNumber(const EffectArgs& a, const char* what, double lo, double hi) {
+    a.requireCount(1, 1);
+    return a.number(0, what, lo, hi);
 }
 
-// Settings of each effect, checked; shared by parsing (validation) and building.
+// Where an effect's processor joins the chain: the format and block size
+// there, and how to append the processor (the chain owns it from then on).
+struct Stage {
+    const std::string& effect;
+    AudioFormat format;
+    uint32_t blockFrames;
+    double inputSeconds; // the length of the whole input as it arrives here
+    std::function<void(uint32_t (*term)(void*), void* processor, const std::string& what)> append;
+};
+
+std::string fixed(double v, int digits) {
+    std::ostringstream s;
+    s.setf(std::ios::fixed);
+    s.precision(digits);
+    s << v;
+    return s.str();
+}
+
+// Each effect: its settings, checked as far as they do not depend on the
+// format (parse), and its processor made for the format where it joins the
+// chain (build).
+
+struct FilterSettings {
+    bool highpass;
+    uint32_t order;
+    double hz;
+};
+
+FilterSettings parseFilter(const EffectArgs& a) {
+    a.requireCount(2, 2);
+    FilterSettings s;
+    s.highpass = a.name() == "highpass";
+    s.order = static_cast<uint32_t>(a.whole(0, "ORDER", 1, 32));
+    s.hz = a.number(1, "HZ", 1e-3, 1e6);
+    return s;
+}
+
+void buildFilter(const FilterSettings& s, const Stage& at) {
+    const AudioFormat& f = at.format;
+    if (s.hz >= f.rate / 2.0) {
+        throw UsageError(at.effect + ": HZ must be below half the sample rate (" +
+                         std::to_string(f.rate / 2) + " Hz here)");
+    }
+    at.append(termIirFilter,
+              initIirFilter(at.blockFrames, f.channels, f.rate, s.order, static_cast<float>(s.hz),
+                            s.highpass ? 1 : 0),
+              at.effect + " order " + std::to_string(s.order) + " at " + fixed(s.hz, 0) + " Hz");
+}
+
 struct ResampleSettings {
     uint32_t rate;
     uint32_t interpolation = 1;
     uint32_t channels = 0; // 0 = keep
 };
 
-ResampleSettings resampleSettings(const EffectSpec& e) {
-    requireCount(e, 1, 3);
+ResampleSettings parseResample(const EffectArgs& a) {
+    a.requireCount(1, 3);
     ResampleSettings s;
-    s.rate = static_cast<uint32_t>(wholeIn(e, 0, "RATE", 1000, 768000));
-    for (size_t i = 1; i < e.args.size(); ++i) {
-        const std::string& w = e.args[i];
+    s.rate = static_cast<uint32_t>(a.whole(0, "RATE", 1000, 768000));
+    for (size_t i = 1; i < a.count(); ++i) {
+        const std::string& w = a.word(i);
         if (w == "linear") {
             s.interpolation = 0;
         } else if (w == "cubic") {
@@ -122,10 +166,22 @@ ResampleSettings resampleSettings(const EffectSpec& e) {
         } else if (w == "stereo") {
             s.channels = 2;
         } else {
-            throw UsageError("resample: unknown option '" + w + "'; usage: " + info(e.name).usage);
+            a.refuse("unknown option '" + w + "'");
         }
     }
     return s;
+}
+
+void buildResample(const ResampleSettings& s, const Stage& at) {
+    const AudioFormat& f = at.format;
+    const uint32_t outChannels = s.channels != 0 ? s.channels : f.channels;
+    const char* channelChange =
+        outChannels == f.channels ? "" : (outChannels == 2 ? ", to stereo" : ", to mono");
+    at.append(termResampler,
+              initResampler(at.blockFrames, f.channels, outChannels, f.rate, s.rate,
+                            s.interpolation, kFilterAttenuationDb, kFilterSlopeDbPerOctave, 1),
+              "resample " + std::to_string(f.rate) + " -> " + std::to_string(s.rate) + " Hz " +
+                  (s.interpolation ? "cubic" : "linear") + channelChange);
 }
 
 struct HqupsSettings {
@@ -134,24 +190,35 @@ struct HqupsSettings {
     uint32_t active = 0;
 };
 
-HqupsSettings hqupsSettings(const EffectSpec& e) {
-    requireCount(e, 0, 3);
+HqupsSettings parseHqups(const EffectArgs& a) {
+    a.requireCount(0, 3);
+    static const NumberField<HqupsSettings> kNumbers[] = {
+        {"HARMONICS", 0.0, 1.0, &HqupsSettings::harmonics},
+        {"MIX%", 0.0, 400.0, &HqupsSettings::mix},
+    };
     HqupsSettings s;
     size_t numbers = 0;
-    for (size_t i = 0; i < e.args.size(); ++i) {
-        if (e.args[i] == "active") {
+    for (size_t i = 0; i < a.count(); ++i) {
+        if (a.word(i) == "active") {
             s.active = 1;
-        } else if (numbers == 0) {
-            s.harmonics = static_cast<float>(numberIn(e, i, "HARMONICS", 0.0, 1.0));
-            ++numbers;
-        } else if (numbers == 1) {
-            s.mix = static_cast<float>(numberIn(e, i, "MIX%", 0.0, 400.0));
-            ++numbers;
+        } else if (numbers < std::size(kNumbers)) {
+            kNumbers[numbers++].read(a, i, s);
         } else {
-            throw UsageError("hqups: too many numbers; usage: " + std::string(info(e.name).usage));
+            a.refuse("too many numbers");
         }
     }
     return s;
+}
+
+void buildHqups(const HqupsSettings& s, const Stage& at) {
+    const AudioFormat& f = at.format;
+    at.append(termHqups,
+              initHqupsBySrcsize(at.blockFrames, f.channels, f.channels, f.rate, s.harmonics, s.mix,
+                                 kHqupsBandEdgeHz, 1, kFilterAttenuationDb, kFilterSlopeDbPerOctave,
+                                 s.active, 1),
+              "hqups " + std::to_string(f.rate) + " -> 48000 Hz, harmonics " +
+                  fixed(s.harmonics, 2) + ", mix " + fixed(s.mix, 0) + "%" +
+                  (s.active ? ", active" : ""));
 }
 
 struct ChorusSettings {
@@ -163,27 +230,22 @@ struct ChorusSettings {
     float dry = 100.0f;
 };
 
-ChorusSettings chorusSettings(const EffectSpec& e) {
-    requireCount(e, 0, 6);
+ChorusSettings parseChorus(const EffectArgs& a) {
+    a.requireCount(0, 6);
+    // The numbers after VOICES, in order.
+    static const NumberField<ChorusSettings> kNumbers[] = {
+        {"DELAY_MS", 0.0, 1000.0, &ChorusSettings::delayMs},
+        {"DEPTH_MS", 0.0, 1000.0, &ChorusSettings::depthMs},
+        {"PERIOD_S", 0.0, 3600.0, &ChorusSettings::periodS},
+        {"MIX%", 0.0, 400.0, &ChorusSettings::mix},
+        {"DRY%", 0.0, 400.0, &ChorusSettings::dry},
+    };
     ChorusSettings s;
-    size_t n = e.args.size();
-    if (n > 0) {
-        s.voices = static_cast<uint32_t>(wholeIn(e, 0, "VOICES", 0, 16));
+    if (a.count() > 0) {
+        s.voices = static_cast<uint32_t>(a.whole(0, "VOICES", 0, 16));
     }
-    if (n > 1) {
-        s.delayMs = static_cast<float>(numberIn(e, 1, "DELAY_MS", 0.0, 1000.0));
-    }
-    if (n > 2) {
-        s.depthMs = static_cast<float>(numberIn(e, 2, "DEPTH_MS", 0.0, 1000.0));
-    }
-    if (n > 3) {
-        s.periodS = static_cast<float>(numberIn(e, 3, "PERIOD_S", 0.0, 3600.0));
-    }
-    if (n > 4) {
-        s.mix = static_cast<float>(numberIn(e, 4, "MIX%", 0.0, 400.0));
-    }
-    if (n > 5) {
-        s.dry = static_cast<float>(numberIn(e, 5, "DRY%", 0.0, 400.0));
+    for (size_t i = 1; i < a.count(); ++i) {
+        kNumbers[i - 1].read(a, i, s);
     }
     if (s.depthMs > s.delayMs) {
         throw UsageError("chorus: DEPTH_MS must not exceed DELAY_MS (the swept delay would go "
@@ -195,77 +257,173 @@ ChorusSettings chorusSettings(const EffectSpec& e) {
     return s;
 }
 
+void buildChorus(const ChorusSettings& s, const Stage& at) {
+    const AudioFormat& f = at.format;
+    double samples = (s.delayMs + s.depthMs) * 0.001 * f.rate;
+    if (samples >= kChorusHistory) {
+        throw UsageError("chorus: DELAY_MS + DEPTH_MS is too long for " + std::to_string(f.rate) +
+                         " Hz");
+    }
+    at.append(termChorus,
+              initChorus(at.blockFrames, f.channels, f.rate, s.voices, s.delayMs, s.depthMs,
+                         s.periodS, s.mix, s.dry),
+              "chorus " + std::to_string(s.voices) + " voices, " + fixed(s.delayMs, 1) +
+                  " ms +/- " + fixed(s.depthMs, 1) + " ms every " + fixed(s.periodS, 2) +
+                  " s, mix " + fixed(s.mix, 0) + "%, dry " + fixed(s.dry, 0) + "%");
+}
+
+struct PitchSettings {
+    float cents;
+};
+
+PitchSettings parsePitch(const EffectArgs& a) {
+    return {static_cast<float>(onlyNumber(a, "CENTS", -1200.0, 1200.0))};
+}
+
+void buildPitch(const PitchSettings& s, const Stage& at) {
+    const AudioFormat& f = at.format;
+    at.append(termPitchShift,
+              initPitchShift(at.blockFrames, f.channels, f.rate, s.cents, 0.0f, kGrainSeconds,
+                             kSpacingSeconds),
+              "pitch " + fixed(s.cents, 1) + " cents");
+}
+
+// stretch and tempo: the same processor, its scale given two ways.
+struct StretchSettings {
+    double scale;
+    std::string description;
+};
+
+void buildStretch(const StretchSettings& s, const Stage& at) {
+    const AudioFormat& f = at.format;
+    at.append(termStretch,
+              initStretch(at.blockFrames, f.channels, f.rate, static_cast<float>(s.scale), 0.0f,
+                          kGrainSeconds, kSpacingSeconds),
+              s.description);
+}
+
+StretchSettings parseStretch(const EffectArgs& a) {
+    double scale = onlyNumber(a, "SCALE", -2000.0, 3000.0);
+    return {scale, "stretch scale " + fixed(scale, 0)};
+}
+
+StretchSettings parseTempo(const EffectArgs& a) {
+    double scale = 1000.0 * std::log2(onlyNumber(a, "FACTOR", 0.25, 8.0));
+    return {scale, "tempo x" + a.word(0) + " (scale " + fixed(scale, 1) + ")"};
+}
+
+struct GainSettings {
+    float db;
+};
+
+GainSettings parseGain(const EffectArgs& a) {
+    return {static_cast<float>(onlyNumber(a, "DB", -50.0, 50.0))};
+}
+
+void buildGain(const GainSettings& s, const Stage& at) {
+    const AudioFormat& f = at.format;
+    at.append(termFader, initFader(at.blockFrames, f.channels, f.rate, 0.0f, s.db, 0.0f),
+              "gain " + fixed(s.db, 1) + " dB");
+}
+
 struct FadeSettings {
     double in;
     double out;
 };
 
-FadeSettings fadeSettings(const EffectSpec& e) {
-    requireCount(e, 1, 2);
+FadeSettings parseFade(const EffectArgs& a) {
+    a.requireCount(1, 2);
     FadeSettings s;
-    s.in = numberIn(e, 0, "IN_S", 0.0, 3600.0);
-    s.out = e.args.size() > 1 ? numberIn(e, 1, "OUT_S", 0.0, 3600.0) : s.in;
+    s.in = a.number(0, "IN_S", 0.0, 3600.0);
+    s.out = a.count() > 1 ? a.number(1, "OUT_S", 0.0, 3600.0) : s.in;
     return s;
 }
 
-// Checks everything that does not depend on the format.
-void validate(const EffectSpec& e) {
-    const std::string& n = e.name;
-    if (n == "lowpass" || n == "highpass") {
-        requireCount(e, 2, 2);
-        wholeIn(e, 0, "ORDER", 1, 32);
-        numberIn(e, 1, "HZ", 1e-3, 1e6);
-    } else if (n == "resample") {
-        resampleSettings(e);
-    } else if (n == "hqups") {
-        hqupsSettings(e);
-    } else if (n == "chorus") {
-        chorusSettings(e);
-    } else if (n == "pitch") {
-        requireCount(e, 1, 1);
-        numberIn(e, 0, "CENTS", -1200.0, 1200.0);
-    } else if (n == "stretch") {
-        requireCount(e, 1, 1);
-        numberIn(e, 0, "SCALE", -2000.0, 3000.0);
-    } else if (n == "tempo") {
-        requireCount(e, 1, 1);
-        numberIn(e, 0, "FACTOR", 0.25, 8.0);
-    } else if (n == "gain") {
-        requireCount(e, 1, 1);
-        numberIn(e, 0, "DB", -50.0, 50.0);
-    } else if (n == "fade") {
-        fadeSettings(e);
-    } else {
-        info(n); // throws
+void buildFade(const FadeSettings& s, const Stage& at) {
+    const AudioFormat& f = at.format;
+    float startLevel = s.in > 0.0 ? kFaderFloorDb : 0.0f;
+    void* fader = initFader(at.blockFrames, f.channels, f.rate, 0.0f, startLevel, 0.0f);
+    at.append(termFader, fader, "fade in " + fixed(s.in, 2) + " s, out " + fixed(s.out, 2) + " s");
+    // Actions must start after the fader's first sample.
+    const double firstSample = 1.5 / f.rate;
+    if (s.in > 0.0) {
+        setFaderAction(fader, 0, static_cast<float>(firstSample),
+                       static_cast<float>(std::fmax(s.in, 2 * firstSample)), 0.0f);
+    }
+    if (s.out > 0.0) {
+        double start = std::fmax(at.inputSeconds - s.out, firstSample);
+        double end = std::fmax(at.inputSeconds, start + firstSample);
+        setFaderAction(fader, 0, static_cast<float>(start), static_cast<float>(end), kFaderFloorDb);
     }
 }
 
-std::string fixed(double v, int digits) {
-    std::ostringstream s;
-    s.setf(std::ios::fixed);
-    s.precision(digits);
-    s << v;
-    return s.str();
+// One effect of the command line: what --help shows, how its words become
+// settings and how the settings become a processor of the chain.
+struct EffectEntry {
+    const char* name;
+    const char* usage;
+    const char* help;
+    std::any (*parse)(const EffectArgs& args);
+    void (*build)(const std::any& settings, const Stage& at);
+};
+
+// An entry from a parser and a builder that agree on the settings' type.
+template <auto parse, auto build>
+EffectEntry effect(const char* name, const char* usage, const char* help) {
+    using Settings = decltype(parse(std::declval<const EffectArgs&>()));
+    return {
+        name, usage, help, [](const EffectArgs& a) { return std::any(parse(a)); },
+        [](const std::any& s, const Stage& at) { build(std::any_cast<const Settings&>(s), at); }};
 }
 
-} // namespace
+// In the order --help lists them.
+const EffectEntry kEffects[] = {
+    effect<parseFilter, buildFilter>("lowpass", "lowpass ORDER HZ",
+                                     "Chebyshev low-pass (1 dB ripple), ORDER 1..32"),
+    effect<parseFilter, buildFilter>("highpass", "highpass ORDER HZ",
+                                     "Chebyshev high-pass (1 dB ripple), ORDER 1..32"),
+    effect<parseResample, buildResample>("resample", "resample RATE [linear|cubic] [mono|stereo]",
+                                         "change the sample rate (default cubic, channels kept)"),
+    effect<parseHqups, buildHqups>(
+        "hqups", "hqups [HARMONICS] [MIX%] [active]",
+        "upsample to 48000 Hz adding harmonics (default 0.3 50; active limits them to the band "
+        "above the source's bandwidth)"),
+    effect<parseChorus, buildChorus>("chorus",
+                                     "chorus [VOICES DELAY_MS DEPTH_MS PERIOD_S MIX% DRY%]",
+                                     "multi-voice chorus (default 3 20 2 1.5 30 100)"),
+    effect<parsePitch, buildPitch>("pitch", "pitch CENTS",
+                                   "shift the pitch, -1200..1200 cents, keeping the duration"),
+    effect<parseStretch, buildStretch>(
+        "stretch", "stretch SCALE",
+        "change the duration keeping the pitch: SCALE in thousandths of an octave, -2000..3000 "
+        "(1000 halves the duration, -1000 doubles it)"),
+    effect<parseTempo, buildStretch>(
+        "tempo", "tempo FACTOR",
+        "the same given as a speed factor, 0.25..8 (1.25 plays 25% faster)"),
+    effect<parseGain, buildGain>("gain", "gain DB", "change the level, -50..50 dB"),
+    effect<parseFade, buildFade>(
+        "fade", "fade IN_S [OUT_S]",
+        "fade in from -50 dB over IN_S seconds and out over OUT_S (default IN_S) at the end"),
+};
 
-bool isEffectName(const std::string& word) {
-    for (const EffectInfo& e : kEffects) {
-        if (word == e.name) {
-            return true;
+const EffectEntry* findEffect(const std::string& name) {
+    for (const EffectEntry& e : kEffects) {
+        if (name == e.name) {
+            return &e;
         }
     }
-    return false;
+    return nullptr;
 }
 
-std::vector<EffectSpec> parseEffects(const std::vector<std::string>& words) {
+// Groups the words into effects, each followed by its arguments.
+std::vector<EffectSpec> splitEffects(const std::vector<std::string>& words) {
     std::vector<EffectSpec> effects;
     for (const std::string& w : words) {
         if (isEffectName(w)) {
-            effects.push_back(EffectSpec{w, {}});
+            effects.push_back(EffectSpec{w, {}, {}});
         } else if (effects.empty()) {
-            if (isNumber(w)) {
+            double ignored;
+            if (readNumber(w, ignored)) {
                 throw UsageError("'" + w + "' does not follow an effect");
             }
             throw UsageError("unknown effect '" + w + "' (see dsp --help)");
@@ -273,15 +431,27 @@ std::vector<EffectSpec> parseEffects(const std::vector<std::string>& words) {
             effects.back().args.push_back(w);
         }
     }
-    for (const EffectSpec& e : effects) {
-        validate(e);
+    return effects;
+}
+
+} // namespace
+
+bool isEffectName(const std::string& word) {
+    return findEffect(word) != nullptr;
+}
+
+std::vector<EffectSpec> parseEffects(const std::vector<std::string>& words) {
+    std::vector<EffectSpec> effects = splitEffects(words);
+    for (EffectSpec& e : effects) {
+        const EffectEntry* entry = findEffect(e.name);
+        e.settings = entry->parse(EffectArgs(e, entry->usage));
     }
     return effects;
 }
 
 std::string effectsHelp() {
     std::ostringstream out;
-    for (const EffectInfo& e : kEffects) {
+    for (const EffectEntry& e : kEffects) {
         out << "  " << e.usage << "\n      " << e.help << "\n";
     }
     return out.str();
@@ -326,99 +496,34 @@ void Chain::append(uint32_t (*term)(void*), void* processor, const std::string& 
     descriptions_.push_back(what);
 }
 
-void Chain::add(const EffectSpec& e, uint64_t totalFrames) {
-    const AudioFormat now = outputFormat();
-    // Frames per block at this point of the chain (the size estimate scales
-    // bytes of the source's channel count).
+uint32_t Chain::blockFramesHere() const {
+    // The size estimate scales bytes of the source's channel count.
     const uint32_t frames = static_cast<uint32_t>(
         dspGetDstSize(chain_, blockFrames_ * 2 * source_.channels) / (2 * source_.channels));
-    const uint32_t block = frames > 0 ? frames : 1;
-    const std::string& n = e.name;
-    if (n == "lowpass" || n == "highpass") {
-        uint32_t order = static_cast<uint32_t>(number(e, 0, "ORDER"));
-        double hz = number(e, 1, "HZ");
-        if (hz >= now.rate / 2.0) {
-            throw UsageError(n + ": HZ must be below half the sample rate (" +
-                             std::to_string(now.rate / 2) + " Hz here)");
-        }
-        append(termIirFilter,
-               initIirFilter(block, now.channels, now.rate, order, static_cast<float>(hz),
-                             n == "highpass" ? 1 : 0),
-               n + " order " + std::to_string(order) + " at " + fixed(hz, 0) + " Hz");
-    } else if (n == "resample") {
-        ResampleSettings s = resampleSettings(e);
-        uint32_t outChannels = s.channels != 0 ? s.channels : now.channels;
-        append(termResampler,
-               initResampler(block, now.channels, outChannels, now.rate, s.rate, s.interpolation,
-                             kFilterAttenuationDb, kFilterSlopeDbPerOctave, 1),
-               "resample " + std::to_string(now.rate) + " -> " + std::to_string(s.rate) + " Hz " +
-                   (s.interpolation ? "cubic" : "linear") +
-                   (outChannels != now.channels ? (outChannels == 2 ? ", to stereo" : ", to mono")
-                                                : ""));
-    } else if (n == "hqups") {
-        HqupsSettings s = hqupsSettings(e);
-        append(termHqups,
-               initHqupsBySrcsize(block, now.channels, now.channels, now.rate, s.harmonics, s.mix,
-                                  kHqupsBandEdgeHz, 1, kFilterAttenuationDb,
-                                  kFilterSlopeDbPerOctave, s.active, 1),
-               "hqups " + std::to_string(now.rate) + " -> 48000 Hz, harmonics " +
-                   fixed(s.harmonics, 2) + ", mix " + fixed(s.mix, 0) + "%" +
-                   (s.active ? ", active" : ""));
-    } else if (n == "chorus") {
-        ChorusSettings s = chorusSettings(e);
-        double samples = (s.delayMs + s.depthMs) * 0.001 * now.rate;
-        if (samples >= kChorusHistory) {
-            throw UsageError("chorus: DELAY_MS + DEPTH_MS is too long for " +
-                             std::to_string(now.rate) + " Hz");
-        }
-        append(termChorus,
-               initChorus(block, now.channels, now.rate, s.voices, s.delayMs, s.depthMs, s.periodS,
-                          s.mix, s.dry),
-               "chorus " + std::to_string(s.voices) + " voices, " + fixed(s.delayMs, 1) +
-                   " ms +/- " + fixed(s.depthMs, 1) + " ms every " + fixed(s.periodS, 2) +
-                   " s, mix " + fixed(s.mix, 0) + "%, dry " + fixed(s.dry, 0) + "%");
-    } else if (n == "pitch") {
-        float cents = static_cast<float>(number(e, 0, "CENTS"));
-        append(termPitchShift,
-               initPitchShift(block, now.channels, now.rate, cents, 0.0f, kGrainSeconds,
-                              kSpacingSeconds),
-               "pitch " + fixed(cents, 1) + " cents");
-    } else if (n == "stretch" || n == "tempo") {
-        double scale =
-            n == "stretch" ? number(e, 0, "SCALE") : 1000.0 * std::log2(number(e, 0, "FACTOR"));
-        append(termStretch,
-               initStretch(block, now.channels, now.rate, static_cast<float>(scale), 0.0f,
-                           kGrainSeconds, kSpacingSeconds),
-               n == "stretch" ? "stretch scale " + fixed(scale, 0)
-                              : "tempo x" + e.args[0] + " (scale " + fixed(scale, 1) + ")");
-    } else if (n == "gain") {
-        float db = static_cast<float>(number(e, 0, "DB"));
-        append(termFader, initFader(block, now.channels, now.rate, 0.0f, db, 0.0f),
-               "gain " + fixed(db, 1) + " dB");
-    } else if (n == "fade") {
-        FadeSettings s = fadeSettings(e);
-        // Length of the audio arriving at the fader, in seconds of its rate.
-        uint64_t inBytes = totalFrames * 2 * source_.channels;
-        uint64_t here = inBytes <= 0xFFFFFFFFu
-                            ? dspGetDstSize(chain_, static_cast<uint32_t>(inBytes))
-                            : inBytes;
-        double length = static_cast<double>(here / (2 * source_.channels)) / now.rate;
-        float startLevel = s.in > 0.0 ? kFaderFloorDb : 0.0f;
-        void* fader = initFader(block, now.channels, now.rate, 0.0f, startLevel, 0.0f);
-        append(termFader, fader, "fade in " + fixed(s.in, 2) + " s, out " + fixed(s.out, 2) + " s");
-        // Actions must start after the fader's first sample.
-        const double firstSample = 1.5 / now.rate;
-        if (s.in > 0.0) {
-            setFaderAction(fader, 0, static_cast<float>(firstSample),
-                           static_cast<float>(std::fmax(s.in, 2 * firstSample)), 0.0f);
-        }
-        if (s.out > 0.0) {
-            double start = std::fmax(length - s.out, firstSample);
-            double end = std::fmax(length, start + firstSample);
-            setFaderAction(fader, 0, static_cast<float>(start), static_cast<float>(end),
-                           kFaderFloorDb);
-        }
+    return frames > 0 ? frames : 1;
+}
+
+double Chain::secondsHere(uint64_t totalFrames) const {
+    const uint64_t inBytes = totalFrames * 2 * source_.channels;
+    const uint64_t here =
+        inBytes <= 0xFFFFFFFFu ? dspGetDstSize(chain_, static_cast<uint32_t>(inBytes)) : inBytes;
+    // Whole frames of the output so far.
+    const uint64_t frames = here / (uint64_t{2} * source_.channels);
+    return static_cast<double>(frames) / dspGetDstRate(chain_);
+}
+
+void Chain::add(const EffectSpec& e, uint64_t totalFrames) {
+    const EffectEntry* entry = findEffect(e.name);
+    if (entry == nullptr) {
+        throw UsageError("unknown effect '" + e.name + "'");
     }
+    const Stage at{e.name, outputFormat(), blockFramesHere(), secondsHere(totalFrames),
+                   [this](uint32_t (*term)(void*), void* processor, const std::string& what) {
+                       append(term, processor, what);
+                   }};
+    // A spec made by hand, not by parseEffects, is read here.
+    entry->build(e.settings.has_value() ? e.settings : entry->parse(EffectArgs(e, entry->usage)),
+                 at);
 }
 
 } // namespace cli

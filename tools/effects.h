@@ -4,6 +4,7 @@
 
 #include "wav_io.h"
 
+#include <any>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -13,10 +14,14 @@ namespace cli {
 struct EffectSpec {
     std::string name;
     std::vector<std::string> args;
+    // The arguments as checked settings of this effect, made by parseEffects
+    // (left empty, Chain::add reads them from args with the same parser).
+    std::any settings;
 };
 
 // Splits the words after IN and OUT into effects (none: a plain copy through
-// an empty chain); throws UsageError for an unknown effect or malformed arguments (checked against the rules of each
+// an empty chain) and reads each one's settings; throws UsageError for an
+// unknown effect or malformed arguments (checked against the rules of each
 // effect that do not depend on the format).
 std::vector<EffectSpec> parseEffects(const std::vector<std::string>& words);
 
@@ -34,7 +39,8 @@ public:
     Chain& operator=(const Chain&) = delete;
 
     // Creates the effect's processor for the chain's current output format
-    // and appends it. totalFrames is the length of the whole input (for fades).
+    // and appends it; throws UsageError for settings that do not suit that
+    // format. totalFrames is the length of the whole input (for fades).
     void add(const EffectSpec& effect, uint64_t totalFrames);
 
     AudioFormat outputFormat() const;
@@ -47,6 +53,11 @@ public:
 
 private:
     void append(uint32_t (*term)(void*), void* processor, const std::string& what);
+    // Frames per block at the chain's current end.
+    uint32_t blockFramesHere() const;
+    // Seconds of audio that reach the chain's current end from a whole input
+    // of totalFrames frames.
+    double secondsHere(uint64_t totalFrames) const;
 
     void* chain_ = nullptr;
     uint32_t blockFrames_;

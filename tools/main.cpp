@@ -45,6 +45,31 @@ void printHelp() {
                 "Exit status: 0 success, 1 failure, 2 usage error.\n");
 }
 
+// The commands named by their first word; any other first word is an input
+// file to process.
+struct Command {
+    const char* name;
+    int (*run)(const std::vector<std::string>& args, const cli::Options& options);
+};
+
+const Command kCommands[] = {
+    {"demo", cli::runDemo},         {"info", cli::runInfo},     {"spectrum", cli::runSpectrum},
+    {"envelope", cli::runEnvelope}, {"slices", cli::runSlices}, {"crossfade", cli::runCrossfade},
+};
+
+int runCommand(const std::vector<std::string>& args, const cli::Options& options) {
+    if (args.empty()) {
+        throw cli::UsageError("nothing to do");
+    }
+    const std::vector<std::string> rest(args.begin() + 1, args.end());
+    for (const Command& c : kCommands) {
+        if (args[0] == c.name) {
+            return c.run(rest, options);
+        }
+    }
+    return cli::runProcess(args, options);
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -68,37 +93,11 @@ int main(int argc, char** argv) {
         }
     }
     try {
-        if (args.empty()) {
-            throw cli::UsageError("nothing to do");
-        }
-        const std::string command = args[0];
-        std::vector<std::string> rest(args.begin() + 1, args.end());
-        if (command == "demo") {
-            return cli::runDemo(rest, options);
-        }
-        if (command == "info") {
-            return cli::runInfo(rest, options);
-        }
-        if (command == "spectrum") {
-            return cli::runSpectrum(rest, options);
-        }
-        if (command == "envelope") {
-            return cli::runEnvelope(rest, options);
-        }
-        if (command == "slices") {
-            return cli::runSlices(rest, options);
-        }
-        if (command == "crossfade") {
-            return cli::runCrossfade(rest, options);
-        }
-        return cli::runProcess(args, options);
+        return runCommand(args, options);
     } catch (const cli::UsageError& e) {
         std::fprintf(stderr, "dsp: %s\n", e.what());
         return 2;
-    } catch (const cli::Failure& e) {
-        std::fprintf(stderr, "dsp: %s\n", e.what());
-        return 1;
-    } catch (const std::exception& e) {
+    } catch (const std::exception& e) { // a Failure, or out of memory
         std::fprintf(stderr, "dsp: %s\n", e.what());
         return 1;
     }

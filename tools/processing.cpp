@@ -1,16 +1,48 @@
 // `dsp IN OUT EFFECT...` and `dsp crossfade A B OUT SECONDS`.
 #include "cli_error.h"
 #include "commands.h"
+#include "numbers.h"
+#include "owned.h"
 #include "progress.h"
 
 #include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
 namespace cli {
+
+namespace {
+
+void stopIfInterrupted(const std::string& outPath) {
+    if (interrupted()) {
+        throw Failure("interrupted; '" + outPath + "' was not written");
+    }
+}
+
+// The host loop: all of `in` through the chain into `out`; returns the
+// frames read.
+uint64_t stream(WavInput& in, Chain& chain, WavOutput& out, const std::string& outPath,
+                Progress& progress) {
+    std::vector<int16_t> src(size_t{kBlockFrames} * in.format().channels);
+    std::vector<int16_t> dst(chain.outputCapacityBytes(kBlockFrames) / 2);
+    uint64_t framesIn = 0;
+    for (;;) {
+        stopIfInterrupted(outPath);
+        uint32_t n = in.read(src.data(), kBlockFrames);
+        if (n == 0) {
+            break;
+        }
+        uint32_t m = chain.send(src.data(), n, dst.data());
+        out.write(dst.data(), m);
+        framesIn += n;
+        progress.update(framesIn);
+    }
+    return framesIn;
+}
+
+} // namespace
 
 ProcessResult processFile(const std::string& inPath, const std::string& outPath,
                           const std::vector<EffectSpec>& effects, const Options& options) {
@@ -26,23 +58,9 @@ ProcessResult processFile(const std::string& inPath, const std::string& outPath,
     result.chain = chain.descriptions();
 
     WavOutput out(outPath, result.outFormat);
-    std::vector<int16_t> src(kBlockFrames * in.format().channels);
-    std::vector<int16_t> dst(chain.outputCapacityBytes(kBlockFrames) / 2);
     Progress progress("processing", in.totalFrames(), options.quiet);
     auto start = std::chrono::steady_clock::now();
-    for (;;) {
-        if (interrupted()) {
-            throw Failure("interrupted; '" + outPath + "' was not written");
-        }
-        uint32_t n = in.read(src.data(), kBlockFrames);
-        if (n == 0) {
-            break;
-        }
-        uint32_t m = chain.send(src.data(), n, dst.data());
-        out.write(dst.data(), m);
-        result.framesIn += n;
-        progress.update(result.framesIn);
-    }
+    result.framesIn = stream(in, chain, out, outPath, progress);
     if (result.framesIn < in.totalFrames()) {
         throw Failure("'" + inPath + "' ends early: its data chunk promises " +
                       std::to_string(in.totalFrames()) + " frames, only " +
@@ -80,9 +98,8 @@ int runProcess(const std::vector<std::string>& args, const Options& options) {
 namespace {
 
 double parseSeconds(const std::string& word, const char* what) {
-    char* end = nullptr;
-    double v = std::strtod(word.c_str(), &end);
-    if (word.empty() || *end != '\0' || !std::isfinite(v) || v < 0.0) {
+    double v = 0.0;
+    if (!readNumber(word, v) || !std::isfinite(v) || v < 0.0) {
         throw UsageError(std::string(what) + " must be a number of seconds >= 0, not '" + word +
                          "'");
     }
@@ -107,6 +124,45 @@ void fillFrom(WavInput& in, uint64_t offset, uint64_t from, uint32_t n, int16_t*
     }
 }
 
+// A cross-fader at +1 (A alone) that moves to -1 (B alone) across the
+// `overlap` frames before the end of A.
+Owned crossFader(const AudioFormat& f, uint64_t aFrames, uint64_t overlap) {
+    Owned fader = own(initFader(kBlockFrames, f.channels, f.rate, 1.0f, 0.0f, 0.0f), termFader,
+                      "out of memory creating the cross-fader");
+    if (overlap > 0) {
+        double first = 1.5 / f.rate;
+        double start = std::max(static_cast<double>(aFrames - overlap) / f.rate, first);
+        double end = std::max(static_cast<double>(aFrames) / f.rate, start + first);
+        setCrossFaderAction(fader.get(), static_cast<float>(start), static_cast<float>(end), -1.0f);
+    }
+    return fader;
+}
+
+// Writes A, and B from frame bStart on, through the cross-fader into
+// outPath; returns the frames written.
+uint64_t writeCrossfade(const std::string& outPath, WavInput& a, WavInput& b, uint64_t bStart,
+                        void* fader, const Options& options) {
+    const AudioFormat f = a.format();
+    const uint64_t total = bStart + b.totalFrames();
+    WavOutput out(outPath, f);
+    std::vector<int16_t> bufA(size_t{kBlockFrames} * f.channels), bufB(bufA.size()),
+        mixed(bufA.size());
+    Progress progress("cross-fading", total, options.quiet);
+    for (uint64_t t = 0; t < total;) {
+        stopIfInterrupted(outPath);
+        uint32_t n = static_cast<uint32_t>(std::min<uint64_t>(total - t, kBlockFrames));
+        fillFrom(a, 0, t, n, bufA.data());
+        fillFrom(b, bStart, t, n, bufB.data());
+        doCrossFade(fader, bufA.data(), bufB.data(), mixed.data(), n * 2 * f.channels);
+        out.write(mixed.data(), n);
+        t += n;
+        progress.update(t);
+    }
+    out.commit();
+    progress.finish();
+    return total;
+}
+
 } // namespace
 
 int runCrossfade(const std::vector<std::string>& args, const Options& options) {
@@ -127,42 +183,8 @@ int runCrossfade(const std::vector<std::string>& args, const Options& options) {
     if (overlap > a.totalFrames() || overlap > b.totalFrames()) {
         throw UsageError("SECONDS (" + args[3] + ") is longer than the shorter input");
     }
-    const uint64_t bStart = a.totalFrames() - overlap;
-    const uint64_t total = bStart + b.totalFrames();
-
-    // Cross-fader at +1 (A alone); it moves to -1 (B alone) across the overlap.
-    void* fader = initFader(kBlockFrames, f.channels, f.rate, 1.0f, 0.0f, 0.0f);
-    if (fader == nullptr) {
-        throw Failure("out of memory creating the cross-fader");
-    }
-    struct FaderGuard {
-        void* h;
-        ~FaderGuard() { termFader(h); }
-    } guard{fader};
-    if (overlap > 0) {
-        double first = 1.5 / f.rate;
-        double start = std::max(static_cast<double>(bStart) / f.rate, first);
-        double end = std::max(static_cast<double>(a.totalFrames()) / f.rate, start + first);
-        setCrossFaderAction(fader, static_cast<float>(start), static_cast<float>(end), -1.0f);
-    }
-
-    WavOutput out(args[2], f);
-    std::vector<int16_t> bufA(kBlockFrames * f.channels), bufB(bufA.size()), mixed(bufA.size());
-    Progress progress("cross-fading", total, options.quiet);
-    for (uint64_t t = 0; t < total;) {
-        if (interrupted()) {
-            throw Failure("interrupted; '" + args[2] + "' was not written");
-        }
-        uint32_t n = static_cast<uint32_t>(std::min<uint64_t>(total - t, kBlockFrames));
-        fillFrom(a, 0, t, n, bufA.data());
-        fillFrom(b, bStart, t, n, bufB.data());
-        doCrossFade(fader, bufA.data(), bufB.data(), mixed.data(), n * 2 * f.channels);
-        out.write(mixed.data(), n);
-        t += n;
-        progress.update(t);
-    }
-    out.commit();
-    progress.finish();
+    Owned fader = crossFader(f, a.totalFrames(), overlap);
+    uint64_t total = writeCrossfade(args[2], a, b, a.totalFrames() - overlap, fader.get(), options);
     if (!options.quiet) {
         std::printf("%s: %.3f s, %s (%.3f s overlap)\n", args[2].c_str(),
                     static_cast<double>(total) / f.rate, formatDescription(f).c_str(),

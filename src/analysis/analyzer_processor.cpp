@@ -1,41 +1,40 @@
 #include "analyzer_processor.h"
 
+#include "analysis/input_pieces.h"
 #include "core/numeric.h"
-#include "core/sample_convert.h"
 
+#include <memory>
 #include <new>
 
 namespace dsp {
 
 namespace {
 
-// The envelope's smoothing low-pass and the gain after rectification.
-constexpr uint32_t kEnvelopeOrder = 2;
-constexpr float kEnvelopeCutoffHz = 33.0f;
-constexpr float kEnvelopeGain = 2.5f;
 // Floor of the sliding spectra.
 constexpr float kAnalyzeRangeDb = 120.0f;
 
-AnalyzerProcessor* createWithBuffers(uint32_t frames, uint32_t channels, AnalyzerKind kind) {
-    AnalyzerProcessor* p = new (std::nothrow) AnalyzerProcessor();
-    if (p == nullptr) {
-        return nullptr;
+// Zero-pads samples[frames .. padTo), transforms the samples with `engine`
+// and writes their dB spectrum to out; returns the bins written.
+uint32_t spectrumOf(FftEngine& engine, float* samples, uint32_t frames, uint32_t padTo,
+                    float* out) {
+    for (uint32_t i = frames; i < padTo; ++i) {
+        samples[i] = 0.0f;
     }
-    p->kind = kind;
-    if (!p->setupBuffers(frames, channels)) {
-        delete p;
-        return nullptr;
-    }
-    return p;
-}
-
-void zeroFill(float* buffer, uint32_t from, uint32_t to) {
-    for (uint32_t i = from; i < to; ++i) {
-        buffer[i] = 0.0f;
-    }
+    engine.analyze(samples);
+    return engine.magnitudesDb(out);
 }
 
 } // namespace
+
+template <typename SetupMembers>
+AnalyzerProcessor* AnalyzerProcessor::create(uint32_t frames, uint32_t channels, AnalyzerKind kind,
+                                             SetupMembers setupMembers) {
+    std::unique_ptr<AnalyzerProcessor> p(new (std::nothrow) AnalyzerProcessor(kind));
+    if (p == nullptr || !p->setupBuffers(frames, channels) || !setupMembers(*p)) {
+        return nullptr;
+    }
+    return p.release();
+}
 
 AnalyzerProcessor* AnalyzerProcessor::createFft(uint32_t frames, uint32_t channels,
                                                 uint32_t spectra, uint32_t rangeDb) {
@@ -43,20 +42,12 @@ AnalyzerProcessor* AnalyzerProcessor::createFft(uint32_t frames, uint32_t channe
         !isSupportedFftSize(frames)) {
         return nullptr;
     }
-    AnalyzerProcessor* p = createWithBuffers(frames, channels, AnalyzerKind::kFft);
-    if (p == nullptr) {
-        return nullptr;
-    }
-    p->outChannels = spectra;
-    p->fftSize = frames;
-    const float range = static_cast<float>(rangeDb);
-    for (BlockFftEngine& engine : p->blockEngines) {
-        if (!engine.setup(frames, frames, frames, range)) {
-            delete p;
-            return nullptr;
-        }
-    }
-    return p;
+    return create(frames, channels, AnalyzerKind::kFft, [&](AnalyzerProcessor& p) {
+        p.setOutChannels(spectra);
+        const float range = static_cast<float>(rangeDb);
+        return p.blockEngines_[0].setup(frames, frames, frames, range) &&
+               p.blockEngines_[1].setup(frames, frames, frames, range);
+    });
 }
 
 AnalyzerProcessor* AnalyzerProcessor::createFftAnalyze(uint32_t frames, uint32_t channels,
@@ -64,119 +55,83 @@ AnalyzerProcessor* AnalyzerProcessor::createFftAnalyze(uint32_t frames, uint32_t
     if (!isSupportedFftSize(fftSize) || historyLength < fftSize || historyLength < frames) {
         return nullptr;
     }
-    AnalyzerProcessor* p = createWithBuffers(frames, channels, AnalyzerKind::kFftAnalyze);
-    if (p == nullptr) {
-        return nullptr;
-    }
-    p->analyzeHop = frames;
-    p->fftSize = fftSize;
-    for (FftEngine& engine : p->slidingEngines) {
-        if (!engine.setup(frames, historyLength, fftSize, kAnalyzeRangeDb)) {
-            delete p;
-            return nullptr;
-        }
-    }
-    return p;
+    return create(frames, channels, AnalyzerKind::kFftAnalyze, [&](AnalyzerProcessor& p) {
+        return p.slidingEngines_[0].setup(frames, historyLength, fftSize, kAnalyzeRangeDb) &&
+               p.slidingEngines_[1].setup(frames, historyLength, fftSize, kAnalyzeRangeDb);
+    });
 }
 
 AnalyzerProcessor* AnalyzerProcessor::createEnvAnalyze(uint32_t frames, uint32_t channels,
                                                        uint32_t rate) {
-    // The low-pass design needs its cut-off below the Nyquist frequency.
-    if (!(static_cast<float>(rate) > 2.0f * kEnvelopeCutoffHz)) {
+    const float rateHz = static_cast<float>(rate);
+    if (!EnvelopeFollower::supportsAmplitudeRate(rateHz)) {
         return nullptr;
     }
-    AnalyzerProcessor* p = createWithBuffers(frames, channels, AnalyzerKind::kEnvAnalyze);
-    if (p == nullptr) {
-        return nullptr;
-    }
-    for (EnvelopeFollower& envelope : p->envelopes) {
-        if (!envelope.setup(frames, static_cast<float>(rate), kEnvelopeOrder, kEnvelopeCutoffHz,
-                            kEnvelopeGain, 0, 1.0f)) {
-            delete p;
-            return nullptr;
-        }
-    }
-    return p;
+    return create(frames, channels, AnalyzerKind::kEnvAnalyze, [&](AnalyzerProcessor& p) {
+        return p.envelopes_[0].setupAmplitude(frames, rateHz) &&
+               p.envelopes_[1].setupAmplitude(frames, rateHz);
+    });
 }
 
 uint32_t AnalyzerProcessor::framesIn(uint32_t bytes) const {
-    uint32_t frames = bytes / (2 * inChannels);
-    return frames < inFrames ? frames : inFrames;
+    uint32_t frames = bytes / (2 * inChannels());
+    return frames < inFrames() ? frames : inFrames();
 }
 
 uint32_t AnalyzerProcessor::doFft(const int16_t* src, float* out, uint32_t bytes) {
+    const uint32_t n = blockEngines_[0].fftSize();
     // The work buffers must hold a whole transform (a chain may have
     // reconfigured them smaller).
-    if (kind != AnalyzerKind::kFft || ready != 1 || inFrames < fftSize) {
+    if (kind_ != AnalyzerKind::kFft || !isReady() || inFrames() < n) {
         return 0;
     }
     const uint32_t frames = framesIn(bytes);
-    const uint32_t used = frames * 2 * inChannels;
-    if (outChannels == 1) {
-        // One spectrum: stereo is mixed down, mono converted as it is.
-        convertToFloat(src, used, work[0], nullptr, inChannels);
-    } else {
-        convertToFloat(src, used, work[0], work[1], inChannels);
-    }
-    zeroFill(work[0], frames, fftSize);
-    blockEngines[0].analyze(work[0]);
-    uint32_t bins = blockEngines[0].magnitudesDb(out);
-    if (outChannels == 2) {
-        zeroFill(work[1], frames, fftSize);
-        blockEngines[1].analyze(work[1]);
-        blockEngines[1].magnitudesDb(out + fftSize / 2);
+    // One spectrum: stereo is mixed down (no right buffer), mono converted as
+    // it is.
+    InterleavedInput in(src, currentRules().rule);
+    in.read(frames, PieceInput{work(0), outChannels() == 1 ? nullptr : work(1), inChannels()});
+    const uint32_t bins = spectrumOf(blockEngines_[0], work(0), frames, n, out);
+    if (outChannels() == 2) {
+        spectrumOf(blockEngines_[1], work(1), frames, n, out + bins);
     }
     return bins;
 }
 
 uint32_t AnalyzerProcessor::doFftAnalyze(const int16_t* src, float* out, uint32_t bytes) {
-    if (kind != AnalyzerKind::kFftAnalyze || ready != 1 || inFrames < analyzeHop) {
+    if (kind_ != AnalyzerKind::kFftAnalyze || !isReady() || inFrames() < slidingEngines_[0].hop()) {
         return 0;
     }
     const uint32_t frames = framesIn(bytes);
-    convertToFloat(src, frames * 2 * inChannels, work[0], work[1], inChannels);
+    InterleavedInput in(src, currentRules().rule);
+    in.read(frames, pieceInput());
     // A short block still advances the history by a whole hop, of zeros.
-    zeroFill(work[0], frames, inFrames);
-    slidingEngines[0].analyze(work[0]);
-    slidingEngines[0].magnitudesDb(out);
-    if (inChannels == 2) {
-        zeroFill(work[1], frames, inFrames);
-        slidingEngines[1].analyze(work[1]);
-        slidingEngines[1].magnitudesDb(out + fftSize / 2);
+    const uint32_t bins = spectrumOf(slidingEngines_[0], work(0), frames, inFrames(), out);
+    if (inChannels() == 2) {
+        spectrumOf(slidingEngines_[1], work(1), frames, inFrames(), out + bins);
     }
     return 1;
 }
 
 uint32_t AnalyzerProcessor::doEnvAnalyze(const int16_t* src, float* out, uint32_t bytes) {
-    if (kind != AnalyzerKind::kEnvAnalyze || ready != 1 || inFrames == 0) {
+    if (kind_ != AnalyzerKind::kEnvAnalyze || !isReady() || inFrames() == 0) {
         return 0;
     }
     // Blocks longer than the work buffers go through in pieces; the layout
     // stays all left envelopes, then all right ones.
-    const uint32_t total = bytes / (2 * inChannels);
-    uint32_t done = 0;
-    while (done < total) {
-        uint32_t piece = total - done < inFrames ? total - done : inFrames;
-        convertToFloat(src + done * inChannels, piece * 2 * inChannels, work[0], work[1],
-                       inChannels);
-        envelopes[0].follow(work[0], work[2], static_cast<int32_t>(piece));
-        if (out != nullptr) {
-            for (uint32_t i = 0; i < piece; ++i) {
-                out[done + i] =
-                    static_cast<float>(truncToInt32(static_cast<double>(work[2][i]) * 32767.0));
-            }
-        }
-        if (inChannels == 2) {
-            envelopes[1].follow(work[1], work[3], static_cast<int32_t>(piece));
+    const uint32_t total = bytes / (2 * inChannels());
+    measureInPieces(src, total, inFrames(), pieceInput(), [&](uint32_t done, uint32_t piece) {
+        for (uint32_t c = 0; c < inChannels(); ++c) {
+            float* envelope = work(2 + static_cast<int>(c));
+            envelopes_[c].follow(work(static_cast<int>(c)), envelope, static_cast<int32_t>(piece));
             if (out != nullptr) {
+                float* to = out + size_t{c} * total + done;
                 for (uint32_t i = 0; i < piece; ++i) {
-                    out[total + done + i] =
-                        static_cast<float>(truncToInt32(static_cast<double>(work[3][i]) * 32767.0));
+                    to[i] = static_cast<float>(
+                        truncToInt32(static_cast<double>(envelope[i]) * 32767.0));
                 }
             }
         }
-        done += piece;
-    }
+    });
     return 1;
 }
 

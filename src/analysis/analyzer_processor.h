@@ -7,7 +7,7 @@
 
 #include "analysis/envelope_follower.h"
 #include "analysis/fft_engine.h"
-#include "core/processor.h"
+#include "analysis/measuring_processor.h"
 
 #include <cstdint>
 
@@ -19,10 +19,10 @@ enum class AnalyzerKind : uint8_t {
     kEnvAnalyze = 3,
 };
 
-class AnalyzerProcessor : public DspProcessor {
+// Analyzers produce no audio: in a chain one ends the output (see
+// MeasuringProcessor).
+class AnalyzerProcessor : public MeasuringProcessor {
 public:
-    AnalyzerProcessor() { tag = kTagAnalyzer; }
-
     // Each returns a ready analyzer from the general heap, or null when an
     // argument is outside the supported range or an allocation fails.
     // Fft: frames is the transform length N (a power of two, 4..32768),
@@ -44,23 +44,22 @@ public:
     // 1; out (may be null) gets all left envelopes, then all right ones.
     uint32_t doEnvAnalyze(const int16_t* src, float* out, uint32_t bytes);
 
-    // Analyzers produce no audio: in a chain they do nothing.
-    uint32_t processChannel(uint32_t, const float*, float*, uint32_t) override { return 0; }
-    uint32_t processChained(const float*, const float*, float*, float*, uint32_t) override {
-        return 0;
-    }
-    uint32_t processInterleaved(const int16_t*, int16_t*, uint32_t) override { return 0; }
-
-    uint32_t analyzeHop = 0;
-    uint32_t fftSize = 0;
-    FftEngine slidingEngines[2];
-    EnvelopeFollower envelopes[2];
-    BlockFftEngine blockEngines[2];
-    AnalyzerKind kind = AnalyzerKind::kFft;
-
 private:
+    explicit AnalyzerProcessor(AnalyzerKind kind) : MeasuringProcessor(kTagAnalyzer), kind_(kind) {}
+
+    // An analyzer of `kind` with work buffers for frames x channels whose
+    // members setupMembers(analyzer) sets up (false: refused).
+    template <typename SetupMembers>
+    static AnalyzerProcessor* create(uint32_t frames, uint32_t channels, AnalyzerKind kind,
+                                     SetupMembers setupMembers);
+
     // Frames of a block of `bytes`, limited to what the work buffers hold.
     uint32_t framesIn(uint32_t bytes) const;
+
+    FftEngine slidingEngines_[2];
+    EnvelopeFollower envelopes_[2];
+    BlockFftEngine blockEngines_[2];
+    AnalyzerKind kind_;
 };
 
 } // namespace dsp

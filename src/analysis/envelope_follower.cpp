@@ -1,41 +1,49 @@
 #include "envelope_follower.h"
 
-#include <new>
-
 namespace dsp {
 
-EnvelopeFollower::~EnvelopeFollower() {
-    delete[] rectified;
-}
+namespace {
+
+constexpr uint32_t kAmplitudeOrder = 2;
+constexpr float kAmplitudeCutoffHz = 33.0f;
+constexpr float kAmplitudeGain = 2.5f;
+
+} // namespace
 
 bool EnvelopeFollower::setup(uint32_t frames, float rate, uint32_t order, float cutoffHz,
                              float gain, uint8_t scale, float scaleFactor) {
-    if (ready == 0 || frames > capacity) {
-        delete[] rectified;
-        rectified = new (std::nothrow) float[frames > 0 ? frames : 1];
-        if (rectified == nullptr) {
-            capacity = 0;
-            ready = 0;
-            return false;
-        }
-    }
-    capacity = frames > 0 ? frames : 1;
-    if (!lowpass.setOrder(static_cast<int32_t>(order), 0)) {
-        ready = 0;
+    OwnedArray<float> fresh;
+    if (!prepareGrowth(rectified_, frames, fresh)) {
         return false;
     }
-    lowpass.design(rate, cutoffHz);
-    inputGain = gain;
-    scaleOutput = scale;
-    outputScale = scaleFactor;
-    ready = 1;
+    installGrowth(rectified_, fresh);
+    if (!lowpass_.setOrder(static_cast<int32_t>(order), 0)) {
+        ready_ = false;
+        return false;
+    }
+    lowpass_.design(rate, cutoffHz);
+    inputGain_ = gain;
+    scaleOutput_ = scale != 0;
+    outputScale_ = scaleFactor;
+    ready_ = true;
     return true;
 }
 
+bool EnvelopeFollower::setupAmplitude(uint32_t frames, float rate) {
+    return setup(frames, rate, kAmplitudeOrder, kAmplitudeCutoffHz, kAmplitudeGain, 0, 1.0f);
+}
+
+bool EnvelopeFollower::supportsAmplitudeRate(float rate) {
+    return kAmplitudeCutoffHz < 0.5f * rate;
+}
+
 uint32_t EnvelopeFollower::follow(const float* in, float* out, int32_t frames) {
-    if (ready == 0) {
+    if (!ready_) {
         return 0;
     }
+    // The scratch holds at least one frame (an array never is empty).
+    const uint32_t capacity = rectified_.size() > 0 ? static_cast<uint32_t>(rectified_.size()) : 1;
+    float* rectified = rectified_.data();
     uint32_t remaining = frames > 0 ? static_cast<uint32_t>(frames) : 0;
     while (remaining > 0) {
         uint32_t piece = remaining < capacity ? remaining : capacity;
@@ -44,12 +52,12 @@ uint32_t EnvelopeFollower::follow(const float* in, float* out, int32_t frames) {
             if (0.0f > x) {
                 x = -x;
             }
-            rectified[i] = x * inputGain;
+            rectified[i] = x * inputGain_;
         }
-        lowpass.process(rectified, out, piece);
-        if (scaleOutput != 0) {
+        lowpass_.process(rectified, out, piece);
+        if (scaleOutput_) {
             for (uint32_t i = 0; i < piece; ++i) {
-                out[i] = out[i] * outputScale;
+                out[i] = out[i] * outputScale_;
             }
         }
         in += piece;

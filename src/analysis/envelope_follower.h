@@ -3,6 +3,7 @@
 // optional scale on the result.
 #pragma once
 
+#include "core/owned_array.h"
 #include "filters/iir_designer.h"
 
 #include <cstdint>
@@ -11,29 +12,30 @@ namespace dsp {
 
 class EnvelopeFollower {
 public:
-    EnvelopeFollower() = default;
-    ~EnvelopeFollower();
-    EnvelopeFollower(const EnvelopeFollower&) = delete;
-    EnvelopeFollower& operator=(const EnvelopeFollower&) = delete;
-
     // Sizes the scratch for blocks of `frames` (it only grows), designs the
-    // low-pass (clearing its state) and stores the gains. Returns false, with
-    // ready 0, when the scratch or the filter cannot be allocated.
+    // low-pass (clearing its state) and stores the gains. Returns false, not
+    // set up, when the scratch or the filter cannot be allocated.
     bool setup(uint32_t frames, float rate, uint32_t order, float cutoffHz, float gain,
                uint8_t scale, float scaleFactor);
+
+    // The amplitude envelope of the analyzers and the wave slicer: a gain of
+    // 2.5 after rectification and a second-order 33 Hz low-pass, unscaled.
+    bool setupAmplitude(uint32_t frames, float rate);
+    // True for the rates that put the 33 Hz low-pass below half the rate.
+    static bool supportsAmplitudeRate(float rate);
 
     // out[i] = lowpass(|in[i]| * inputGain) (times outputScale when
     // scaleOutput). Returns 0 when not set up, else 1. Blocks longer than the
     // scratch are filtered in pieces, which gives the same result.
     uint32_t follow(const float* in, float* out, int32_t frames);
 
-    uint8_t ready = 0;
-    float* rectified = nullptr;
-    uint32_t capacity = 0;
-    ButterworthDesigner lowpass;
-    float inputGain = 0.0f;
-    float outputScale = 1.0f;
-    uint8_t scaleOutput = 0;
+private:
+    bool ready_ = false;
+    OwnedArray<float> rectified_;
+    ButterworthDesigner lowpass_;
+    float inputGain_ = 0.0f;
+    float outputScale_ = 1.0f;
+    bool scaleOutput_ = false;
 };
 
 } // namespace dsp

@@ -10,6 +10,8 @@
 // (about 80 KiB): it is embedded by value in its users.
 #pragma once
 
+#include "core/owned_array.h"
+
 #include <cstdint>
 
 namespace dsp {
@@ -19,30 +21,32 @@ public:
     static constexpr uint32_t kMinSize = 4;
     static constexpr uint32_t kMaxSize = 32768;
     static constexpr uint32_t kTwiddleEntries = 20480;
-    static constexpr uint32_t kBitrevEntries = 66;
+    // Bit-reversal offsets of the largest transform (one per low index).
+    static constexpr uint32_t kBitrevOffsets = 64;
 
     FftEngine() = default;
+    virtual ~FftEngine() = default;
     FftEngine(const FftEngine&) = delete;
     FftEngine& operator=(const FftEngine&) = delete;
 
-    // Brings samples in and fills `frame`: `hop` samples into the history
+    // Brings samples in and fills the frame: `hop` samples into the history
     // (sliding), or the first fftSize samples of `in` (block).
     virtual void loadFrame(const float* in);
-    virtual ~FftEngine();
 
     // Allocates (or reuses, when large enough) the buffers, computes the
-    // window and sets floorDb = -rangeDb. Buffers only grow. Returns false,
-    // changing nothing, for a size that is not a power of two in 4..32768,
-    // and, with every buffer freed and ready 0, when an allocation fails.
-    // The sliding variant needs historyLength >= fftSize and >= hop (a frame
-    // loaded otherwise leaves everything as it was).
+    // window and sets the floor to -rangeDb. Buffers only grow; a longer
+    // history starts as zeros, a larger size forgets the tables. Returns
+    // false, changing nothing, for a size that is not a power of two in
+    // 4..32768 or when an allocation fails. The sliding variant needs
+    // historyLength >= fftSize and >= hop (a frame loaded otherwise leaves
+    // everything as it was).
     bool setup(uint32_t hop, uint32_t historyLength, uint32_t fftSize, float rangeDb);
 
-    // loadFrame(in), then the forward real transform of `frame` in place.
+    // loadFrame(in), then the forward real transform of the frame in place.
     void analyze(const float* in);
 
     // Writes the dB magnitudes of bins 0 .. N/2-1 (bin 0 combines the DC and
-    // Nyquist terms), floored at floorDb; returns N/2.
+    // Nyquist terms), floored; returns N/2.
     uint32_t magnitudesDb(float* out) const;
 
     // Forward real transform of n floats in place (n a power of two, at most
@@ -50,24 +54,22 @@ public:
     // 0 < k < n/2: a[2k] = sum x cos(2 pi jk/n), a[2k+1] = sum x sin(2 pi jk/n).
     void realFft(float* a, uint32_t n);
 
-    uint8_t ready = 0;
-    float* history = nullptr;
-    float* window = nullptr;
-    float* frame = nullptr;
-    uint32_t fftSize = 0;
-    uint32_t keepCount = 0;
-    uint32_t hop = 0;
-    uint32_t historyLength = 0;
-    float floorDb = 0.0f;
-    // Complex-stage table (nw entries) followed by the post-processing table
-    // (nc entries).
-    float twiddles[kTwiddleEntries];
-    // [0] = nw, [1] = nc (sizes of the tables built so far), [2..65] =
-    // scratch offsets of the bit-reversal permutation.
-    int32_t bitrevWork[kBitrevEntries] = {0, 0};
+    uint32_t fftSize() const { return fftSize_; }
+    uint32_t hop() const { return hop_; }
+    uint32_t historyLength() const { return historyLength_; }
+    const float* window() const { return window_.data(); }
+    const float* history() const { return history_.data(); }
+    // The windowed frame; after analyze, its packed spectrum.
+    const float* frame() const { return frame_.data(); }
+    // The transform's tables: the complex-stage table (complexTableSize()
+    // entries) followed by the post-processing table (postTableSize()).
+    const float* twiddles() const { return twiddles_; }
+    uint32_t complexTableSize() const { return complexTableSize_; }
+    uint32_t postTableSize() const { return postTableSize_; }
 
 protected:
-    void freeBuffers();
+    // frame[i] = samples[i] * window[i] for the fftSize samples.
+    void windowFrom(const float* samples);
 
 private:
     void buildTwiddles(uint32_t nw);
@@ -75,6 +77,21 @@ private:
     void complexFft(float* a, uint32_t n);
     void postProcess(float* a, uint32_t n) const;
     void bitReverse(float* a, uint32_t n);
+
+    OwnedArray<float> history_; // oldest first (sliding variant only)
+    OwnedArray<float> window_;
+    OwnedArray<float> frame_;
+    uint32_t fftSize_ = 0;
+    uint32_t keepCount_ = 0; // historyLength - hop: carried from frame to frame
+    uint32_t hop_ = 0;
+    uint32_t historyLength_ = 0;
+    float floorDb_ = 0.0f;
+    // Sizes of the tables built so far (0: none).
+    uint32_t complexTableSize_ = 0;
+    uint32_t postTableSize_ = 0;
+    float twiddles_[kTwiddleEntries];
+    // Scratch of the bit-reversal permutation.
+    int32_t bitrevOffsets_[kBitrevOffsets];
 };
 
 class BlockFftEngine : public FftEngine {

@@ -18,24 +18,35 @@
 #include <cmath>
 #include <cstring>
 
+// Where the compiler targets 128-bit float vectors, the kernels take two
+// complex values per register; elsewhere one position at a time.
 #if defined(__SSE2__)
 #include <emmintrin.h>
-#define DSP_FFT_SSE2 1
+#define DSP_FFT_VECTOR 1
+#else
+#define DSP_FFT_VECTOR 0
 #endif
 
 namespace dsp {
 
 namespace {
 
-// Radix-4 split stage of a kind-1 block at one position k of its first
-// quarter (quarters `q` floats apart): quarter 0 gets x0 + x2, quarter 1
-// x0 - x2, quarter 2 (x1 + i x3) w^k and quarter 3 (x1 - i x3) w^3k.
-[[maybe_unused]] inline void splitButterfly(float* a, uint32_t q, float wr, float wi, float w3r,
-                                            float w3i) {
-    float* p0 = a;
-    float* p1 = a + q;
-    float* p2 = p1 + q;
-    float* p3 = p2 + q;
+// y * w written to p[0], p[1].
+inline void storeRotated(float* p, float yr, float yi, float wr, float wi) {
+    p[0] = yr * wr - yi * wi;
+    p[1] = yr * wi + yi * wr;
+}
+
+// x1 + i x3 and x1 - i x3 of a radix-4 split, left for the caller to rotate.
+struct SplitOddHalf {
+    float ar, ai, br, bi;
+};
+
+// The radix-4 split of a kind-1 block at one position of its first quarter
+// (p0..p3 in quarters 0 to 3): with x0 = q0 + q2, x1 = q0 - q2,
+// x2 = q1 + q3, x3 = q1 - q3, quarter 0 gets x0 + x2 and quarter 1 x0 - x2.
+[[maybe_unused]] inline SplitOddHalf splitSums(float* p0, float* p1, const float* p2,
+                                               const float* p3) {
     float x0r = p0[0] + p2[0];
     float x0i = p0[1] + p2[1];
     float x1r = p0[0] - p2[0];
@@ -48,38 +59,30 @@ namespace {
     p0[1] = x0i + x2i;
     p1[0] = x0r - x2r;
     p1[1] = x0i - x2i;
-    float yr = x1r - x3i;
-    float yi = x1i + x3r;
-    p2[0] = yr * wr - yi * wi;
-    p2[1] = yr * wi + yi * wr;
-    yr = x1r + x3i;
-    yi = x1i - x3r;
-    p3[0] = yr * w3r - yi * w3i;
-    p3[1] = yr * w3i + yi * w3r;
+    return {x1r - x3i, x1i + x3r, x1r + x3i, x1i - x3r};
+}
+
+// Radix-4 split stage of a kind-1 block at one position k of its first
+// quarter (quarters `q` floats apart): quarter 2 gets (x1 + i x3) w^k and
+// quarter 3 (x1 - i x3) w^3k.
+[[maybe_unused]] inline void splitButterfly(float* a, uint32_t q, float wr, float wi, float w3r,
+                                            float w3i) {
+    float* p2 = a + size_t{2} * q;
+    float* p3 = p2 + q;
+    const SplitOddHalf odd = splitSums(a, a + q, p2, p3);
+    storeRotated(p2, odd.ar, odd.ai, wr, wi);
+    storeRotated(p3, odd.br, odd.bi, w3r, w3i);
 }
 
 // The same stage without twiddles (k = 0).
 [[maybe_unused]] inline void splitButterflyPlain(float* a, uint32_t q) {
-    float* p0 = a;
-    float* p1 = a + q;
-    float* p2 = p1 + q;
+    float* p2 = a + size_t{2} * q;
     float* p3 = p2 + q;
-    float x0r = p0[0] + p2[0];
-    float x0i = p0[1] + p2[1];
-    float x1r = p0[0] - p2[0];
-    float x1i = p0[1] - p2[1];
-    float x2r = p1[0] + p3[0];
-    float x2i = p1[1] + p3[1];
-    float x3r = p1[0] - p3[0];
-    float x3i = p1[1] - p3[1];
-    p0[0] = x0r + x2r;
-    p0[1] = x0i + x2i;
-    p1[0] = x0r - x2r;
-    p1[1] = x0i - x2i;
-    p2[0] = x1r - x3i;
-    p2[1] = x1i + x3r;
-    p3[0] = x1r + x3i;
-    p3[1] = x1i - x3r;
+    const SplitOddHalf odd = splitSums(a, a + q, p2, p3);
+    p2[0] = odd.ar;
+    p2[1] = odd.ai;
+    p3[0] = odd.br;
+    p3[1] = odd.bi;
 }
 
 // Stage of a kind-2 block at position k. With a = y0 + i y2, b = y0 - i y2,
@@ -104,25 +107,13 @@ inline void oddButterfly(float* a, uint32_t q, float c45, float vr, float vi, fl
     float eui = c45 * (ur + ui);
     float edr = c45 * (-dr - di);
     float edi = c45 * (dr - di);
-    float yr = ar + eur;
-    float yi = ai + eui;
-    p0[0] = yr * vr - yi * vi;
-    p0[1] = yr * vi + yi * vr;
-    yr = ar - eur;
-    yi = ai - eui;
-    p1[0] = yr * vr - yi * vi;
-    p1[1] = yr * vi + yi * vr;
-    yr = br + edr;
-    yi = bi + edi;
-    p2[0] = yr * v3r - yi * v3i;
-    p2[1] = yr * v3i + yi * v3r;
-    yr = br - edr;
-    yi = bi - edi;
-    p3[0] = yr * v3r - yi * v3i;
-    p3[1] = yr * v3i + yi * v3r;
+    storeRotated(p0, ar + eur, ai + eui, vr, vi);
+    storeRotated(p1, ar - eur, ai - eui, vr, vi);
+    storeRotated(p2, br + edr, bi + edi, v3r, v3i);
+    storeRotated(p3, br - edr, bi - edi, v3r, v3i);
 }
 
-#if DSP_FFT_SSE2
+#if DSP_FFT_VECTOR
 
 // Two complex values per vector: (r0, i0, r1, i1). The vector kernels do the
 // same operations as the scalar butterflies above, two positions at a time.
@@ -196,72 +187,80 @@ inline void oddButterfly2(float* a, uint32_t q, __m128 c45, __m128 v, __m128 v3)
     _mm_storeu_ps(p3, complexMul(_mm_sub_ps(sb, ed), v3));
 }
 
-// Kind-1 stage, two positions at a time. Entry group k of the table is
-// (w^k, w^3k); the mirrored half takes (i conj w^k, -i conj w^3k).
-void splitStage(float* a, uint32_t points, const float* t) {
+// Kind-1 stage, two positions at a time. evenGroup(k) and oddGroup(k) give
+// the entry group (w^k, w^3k) of an even and of an odd k, 0 <= k <= Q/8; the
+// mirrored positions Q/4 - k take (i conj w^k, -i conj w^3k).
+template <typename EvenGroup, typename OddGroup>
+inline void splitStageFrom(float* a, uint32_t points, EvenGroup evenGroup, OddGroup oddGroup) {
     const uint32_t quarter = points / 4;
     const uint32_t q = 2 * quarter;
     const uint32_t half = quarter / 2;
-    const float c45 = t[1];
-    const __m128 unit = _mm_setr_ps(1.0f, 0.0f, 1.0f, 0.0f);
-    const __m128 eighth = _mm_setr_ps(c45, c45, -c45, c45);
     for (uint32_t k = 0; k < half; k += 2) {
-        __m128 lo = k == 0 ? unit : _mm_loadu_ps(t + 4 * k);
-        __m128 hi = _mm_loadu_ps(t + 4 * k + 4);
-        splitButterfly2(a + 2 * k, q, _mm_shuffle_ps(lo, hi, _MM_SHUFFLE(1, 0, 1, 0)),
+        const __m128 lo = evenGroup(k);
+        const __m128 hi = oddGroup(k + 1);
+        splitButterfly2(a + size_t{2} * k, q, _mm_shuffle_ps(lo, hi, _MM_SHUFFLE(1, 0, 1, 0)),
                         _mm_shuffle_ps(lo, hi, _MM_SHUFFLE(3, 2, 3, 2)));
     }
     const __m128 allSigns = _mm_set1_ps(-0.0f);
     for (uint32_t m = half; m < quarter; m += 2) {
-        uint32_t k = quarter - m;
-        __m128 first = k == half ? eighth : _mm_loadu_ps(t + 4 * k);
-        __m128 second = _mm_loadu_ps(t + 4 * (k - 1));
-        __m128 w = _mm_shuffle_ps(first, second, _MM_SHUFFLE(0, 1, 0, 1));
-        __m128 w3 = _mm_xor_ps(_mm_shuffle_ps(first, second, _MM_SHUFFLE(2, 3, 2, 3)), allSigns);
-        splitButterfly2(a + 2 * m, q, w, w3);
+        const uint32_t k = quarter - m;
+        const __m128 first = evenGroup(k);
+        const __m128 second = oddGroup(k - 1);
+        const __m128 w = _mm_shuffle_ps(first, second, _MM_SHUFFLE(0, 1, 0, 1));
+        const __m128 w3 =
+            _mm_xor_ps(_mm_shuffle_ps(first, second, _MM_SHUFFLE(2, 3, 2, 3)), allSigns);
+        splitButterfly2(a + size_t{2} * m, q, w, w3);
     }
+}
+
+// Groups 0 and Q/8 of a kind-1 table are not stored: (1, 1) and the eighth
+// turn (e^(i pi/4), e^(3 i pi/4)).
+inline __m128 unitGroup() {
+    return _mm_setr_ps(1.0f, 0.0f, 1.0f, 0.0f);
+}
+
+inline __m128 eighthGroup(float c45) {
+    return _mm_setr_ps(c45, c45, -c45, c45);
+}
+
+// Kind-1 stage of a block whose sub-table `t` holds group k at entry 4k.
+void splitStage(float* a, uint32_t points, const float* t) {
+    const uint32_t half = points / 8;
+    const __m128 unit = unitGroup();
+    const __m128 eighth = eighthGroup(t[1]);
+    splitStageFrom(
+        a, points,
+        [&](uint32_t k) {
+            return k == 0 ? unit : (k == half ? eighth : _mm_loadu_ps(t + size_t{4} * k));
+        },
+        [&](uint32_t k) { return _mm_loadu_ps(t + size_t{4} * k); });
+}
+
+// Kind-1 stage from the half-as-fine table of the top level: even k read
+// entry 2k, odd k interpolate their even neighbours.
+void splitStageInterpolated(float* a, uint32_t points, const float* t) {
+    const uint32_t half = points / 8;
+    const __m128 unit = unitGroup();
+    const __m128 eighth = eighthGroup(t[1]);
+    const __m128 csc = _mm_setr_ps(t[2], t[2], t[3], t[3]);
+    auto even = [&](uint32_t k) {
+        return k == 0 ? unit : (k == half ? eighth : _mm_loadu_ps(t + size_t{2} * k));
+    };
+    splitStageFrom(a, points, even, [&](uint32_t k) {
+        return _mm_mul_ps(_mm_add_ps(even(k - 1), even(k + 1)), csc);
+    });
 }
 
 void oddStage(float* a, uint32_t points, const float* t) {
     const uint32_t quarter = points / 4;
     const uint32_t q = 2 * quarter;
     const __m128 c45 = _mm_set1_ps(t[1]);
-    const __m128 unit = _mm_setr_ps(1.0f, 0.0f, 1.0f, 0.0f);
+    const __m128 unit = unitGroup();
     for (uint32_t k = 0; k < quarter; k += 2) {
-        __m128 lo = k == 0 ? unit : _mm_loadu_ps(t + 4 * k);
-        __m128 hi = _mm_loadu_ps(t + 4 * k + 4);
-        oddButterfly2(a + 2 * k, q, c45, _mm_shuffle_ps(lo, hi, _MM_SHUFFLE(1, 0, 1, 0)),
+        __m128 lo = k == 0 ? unit : _mm_loadu_ps(t + size_t{4} * k);
+        __m128 hi = _mm_loadu_ps(t + size_t{4} * k + 4);
+        oddButterfly2(a + size_t{2} * k, q, c45, _mm_shuffle_ps(lo, hi, _MM_SHUFFLE(1, 0, 1, 0)),
                       _mm_shuffle_ps(lo, hi, _MM_SHUFFLE(3, 2, 3, 2)));
-    }
-}
-
-// Kind-1 stage from the half-as-fine table of the top level: even k read
-// entry 2k, odd k interpolate their even neighbours.
-void splitStageInterpolated(float* a, uint32_t points, const float* t) {
-    const uint32_t quarter = points / 4;
-    const uint32_t q = 2 * quarter;
-    const uint32_t half = quarter / 2;
-    const float c45 = t[1];
-    const __m128 unit = _mm_setr_ps(1.0f, 0.0f, 1.0f, 0.0f);
-    const __m128 eighth = _mm_setr_ps(c45, c45, -c45, c45);
-    const __m128 csc = _mm_setr_ps(t[2], t[2], t[3], t[3]);
-    auto even = [&](uint32_t k) {
-        return k == 0 ? unit : (k == half ? eighth : _mm_loadu_ps(t + 2 * k));
-    };
-    for (uint32_t k = 0; k < half; k += 2) {
-        __m128 lo = even(k);
-        __m128 mid = _mm_mul_ps(_mm_add_ps(lo, even(k + 2)), csc);
-        splitButterfly2(a + 2 * k, q, _mm_shuffle_ps(lo, mid, _MM_SHUFFLE(1, 0, 1, 0)),
-                        _mm_shuffle_ps(lo, mid, _MM_SHUFFLE(3, 2, 3, 2)));
-    }
-    const __m128 allSigns = _mm_set1_ps(-0.0f);
-    for (uint32_t m = half; m < quarter; m += 2) {
-        uint32_t k = quarter - m;
-        __m128 first = even(k);
-        __m128 second = _mm_mul_ps(_mm_add_ps(even(k - 2), first), csc);
-        __m128 w = _mm_shuffle_ps(first, second, _MM_SHUFFLE(0, 1, 0, 1));
-        __m128 w3 = _mm_xor_ps(_mm_shuffle_ps(first, second, _MM_SHUFFLE(2, 3, 2, 3)), allSigns);
-        splitButterfly2(a + 2 * m, q, w, w3);
     }
 }
 
@@ -269,10 +268,19 @@ void splitStageInterpolated(float* a, uint32_t points, const float* t) {
 
 // Portable stages, one position at a time.
 
-// Kind-1 stage of a block of Q complex points whose sub-table `t` holds
-// w^k = e^(2 pi i k/Q) at entry 4k for 0 < k < Q/8. The second half of the
-// quarter uses the mirror w^(Q/4-k) = i conj(w^k), w^3(Q/4-k) = -i conj(w^3k).
-void splitStage(float* a, uint32_t points, const float* t) {
+// Positions k and Q/4 - k of a kind-1 stage from w = (w^k, w^3k): the mirror
+// takes w^(Q/4-k) = i conj(w^k) and w^3(Q/4-k) = -i conj(w^3k).
+inline void splitButterflyAndMirror(float* a, uint32_t q, uint32_t quarter, uint32_t k,
+                                    const float* w) {
+    splitButterfly(a + 2 * k, q, w[0], w[1], w[2], w[3]);
+    splitButterfly(a + 2 * (quarter - k), q, w[1], w[0], -w[3], -w[2]);
+}
+
+// Kind-1 stage of a block of Q complex points: the plain butterfly at k = 0,
+// positions k and Q/4 - k from group(k, w) = (w^k, w^3k), w = e^(2 pi i/Q),
+// for 0 < k < Q/8, and the eighth turn at Q/8.
+template <typename Group>
+void splitStageFrom(float* a, uint32_t points, float c45, Group group) {
     const uint32_t quarter = points / 4;
     const uint32_t q = 2 * quarter;
     splitButterflyPlain(a, q);
@@ -281,70 +289,47 @@ void splitStage(float* a, uint32_t points, const float* t) {
     }
     const uint32_t half = quarter / 2;
     for (uint32_t k = 1; k < half; ++k) {
-        float wr = t[4 * k];
-        float wi = t[4 * k + 1];
-        float w3r = t[4 * k + 2];
-        float w3i = t[4 * k + 3];
-        splitButterfly(a + 2 * k, q, wr, wi, w3r, w3i);
-        splitButterfly(a + 2 * (quarter - k), q, wi, wr, -w3i, -w3r);
+        float w[4];
+        group(k, w);
+        splitButterflyAndMirror(a, q, quarter, k, w);
     }
-    float c45 = t[1];
     splitButterfly(a + 2 * half, q, c45, c45, -c45, c45);
 }
 
-// Kind-1 stage from a sub-table half as fine (w^k at entry 2k for even k < Q/8);
-// odd k are interpolated: w^k = (w^(k-1) + w^(k+1)) * 0.5/cos(2 pi/Q), and
-// likewise w^3k with 0.5/cos(6 pi/Q).
+// Kind-1 stage of a block whose sub-table `t` holds group k at entry 4k.
+void splitStage(float* a, uint32_t points, const float* t) {
+    splitStageFrom(a, points, t[1],
+                   [t](uint32_t k, float* w) { std::memcpy(w, t + 4 * k, 4 * sizeof(float)); });
+}
+
+// Kind-1 stage from a sub-table half as fine (group k at entry 2k for even
+// k < Q/8); odd k are interpolated: w^k = (w^(k-1) + w^(k+1)) * 0.5/cos(2 pi/Q),
+// and likewise w^3k with 0.5/cos(6 pi/Q).
 void splitStageInterpolated(float* a, uint32_t points, const float* t) {
-    const uint32_t quarter = points / 4;
-    const uint32_t q = 2 * quarter;
-    splitButterflyPlain(a, q);
-    if (quarter < 2) {
-        return;
-    }
-    const uint32_t half = quarter / 2;
+    const uint32_t half = points / 8;
     const float c45 = t[1];
-    auto evenTwiddle = [&](uint32_t k, float* w) {
-        if (k == 0) {
-            w[0] = 1.0f;
-            w[1] = 0.0f;
-            w[2] = 1.0f;
-            w[3] = 0.0f;
-        } else if (k == half) {
-            w[0] = c45;
-            w[1] = c45;
-            w[2] = -c45;
-            w[3] = c45;
-        } else {
-            w[0] = t[2 * k];
-            w[1] = t[2 * k + 1];
-            w[2] = t[2 * k + 2];
-            w[3] = t[2 * k + 3];
-        }
-    };
+    // Entries 2 and 3 exist only in tables of 8 entries and more.
     const float csc1 = half > 1 ? t[2] : 0.0f;
     const float csc3 = half > 1 ? t[3] : 0.0f;
-    float lower[4];
-    float upper[4];
-    evenTwiddle(0, lower);
-    for (uint32_t k = 1; k < half; k += 2) {
-        evenTwiddle(k + 1, upper);
-        float wr = (lower[0] + upper[0]) * csc1;
-        float wi = (lower[1] + upper[1]) * csc1;
-        float w3r = (lower[2] + upper[2]) * csc3;
-        float w3i = (lower[3] + upper[3]) * csc3;
-        splitButterfly(a + 2 * k, q, wr, wi, w3r, w3i);
-        splitButterfly(a + 2 * (quarter - k), q, wi, wr, -w3i, -w3r);
-        if (k + 1 < half) {
-            splitButterfly(a + 2 * (k + 1), q, upper[0], upper[1], upper[2], upper[3]);
-            splitButterfly(a + 2 * (quarter - k - 1), q, upper[1], upper[0], -upper[3], -upper[2]);
+    auto even = [&](uint32_t k, float* w) {
+        const float unit[4] = {1.0f, 0.0f, 1.0f, 0.0f};
+        const float eighth[4] = {c45, c45, -c45, c45};
+        std::memcpy(w, k == 0 ? unit : (k == half ? eighth : t + 2 * k), 4 * sizeof(float));
+    };
+    splitStageFrom(a, points, c45, [&](uint32_t k, float* w) {
+        if (k % 2 == 0) {
+            even(k, w);
+            return;
         }
-        lower[0] = upper[0];
-        lower[1] = upper[1];
-        lower[2] = upper[2];
-        lower[3] = upper[3];
-    }
-    splitButterfly(a + 2 * half, q, c45, c45, -c45, c45);
+        float lower[4];
+        float upper[4];
+        even(k - 1, lower);
+        even(k + 1, upper);
+        w[0] = (lower[0] + upper[0]) * csc1;
+        w[1] = (lower[1] + upper[1]) * csc1;
+        w[2] = (lower[2] + upper[2]) * csc3;
+        w[3] = (lower[3] + upper[3]) * csc3;
+    });
 }
 
 // Kind-2 stage of a block of Q complex points whose sub-table `t` holds
@@ -408,7 +393,7 @@ inline void pair2(float* a) {
 
 // Four-point blocks: a single butterfly, whose quarters are single points.
 inline void quad1(float* a) {
-#if DSP_FFT_SSE2
+#if DSP_FFT_VECTOR
     // (z0, z1) and (z2, z3) give (x0, x2) and (x1, x3); the outputs are
     // (x0 + x2, x0 - x2) and (x1 + i x3, x1 - i x3).
     const __m128 upperSigns = _mm_castsi128_ps(_mm_setr_epi32(0, 0, INT32_MIN, INT32_MIN));
@@ -431,79 +416,82 @@ inline void quad2(float* a, float c45) {
     oddButterfly(a, 2, c45, 1.0f, 0.0f, 1.0f, 0.0f);
 }
 
-void leaf8Kind1(float* a, const LeafConstants& c) {
-#if DSP_FFT_SSE2
-    splitButterfly2(a, 4, _mm_setr_ps(1.0f, 0.0f, c.c45, c.c45),
-                    _mm_setr_ps(1.0f, 0.0f, -c.c45, c.c45));
+// An 8-point block of the given kind: its radix-4 stage, then its 2-point
+// quarters of kinds 1, 2, 1 and Kind. t: the sub-table of size 8
+// (v^1 = e^(i pi/8) at entry 4), read by kind 2 only.
+template <int Kind>
+void leaf8(float* a, const float* t, const LeafConstants& c) {
+    if constexpr (Kind == 1) {
+#if DSP_FFT_VECTOR
+        splitButterfly2(a, 4, _mm_setr_ps(1.0f, 0.0f, c.c45, c.c45),
+                        _mm_setr_ps(1.0f, 0.0f, -c.c45, c.c45));
 #else
-    splitButterflyPlain(a, 4);
-    splitButterfly(a + 2, 4, c.c45, c.c45, -c.c45, c.c45);
+        splitButterflyPlain(a, 4);
+        splitButterfly(a + 2, 4, c.c45, c.c45, -c.c45, c.c45);
 #endif
+        pair1(a + 12);
+    } else {
+#if DSP_FFT_VECTOR
+        oddButterfly2(a, 4, _mm_set1_ps(c.c45), _mm_setr_ps(1.0f, 0.0f, t[4], t[5]),
+                      _mm_setr_ps(1.0f, 0.0f, t[6], t[7]));
+#else
+        oddButterfly(a, 4, c.c45, 1.0f, 0.0f, 1.0f, 0.0f);
+        oddButterfly(a + 2, 4, c.c45, t[4], t[5], t[6], t[7]);
+#endif
+        pair2(a + 12);
+    }
     pair1(a);
     pair2(a + 4);
     pair1(a + 8);
-    pair1(a + 12);
 }
 
-// t: the sub-table of size 8 (v^1 = e^(i pi/8) at entry 4).
-void leaf8Kind2(float* a, const float* t, const LeafConstants& c) {
-#if DSP_FFT_SSE2
-    oddButterfly2(a, 4, _mm_set1_ps(c.c45), _mm_setr_ps(1.0f, 0.0f, t[4], t[5]),
-                  _mm_setr_ps(1.0f, 0.0f, t[6], t[7]));
+// A 16-point block of the given kind: its stage, then its 4-point quarters of
+// kinds 1, 2, 1 and Kind. t: the sub-table of size 16 (v^k = e^(i pi k/16)
+// at entry 4k), read by kind 2 only.
+template <int Kind>
+void leaf16(float* a, const float* t, const LeafConstants& c) {
+    if constexpr (Kind == 1) {
+#if DSP_FFT_VECTOR
+        splitButterfly2(a, 8, _mm_setr_ps(1.0f, 0.0f, c.c1, c.s1),
+                        _mm_setr_ps(1.0f, 0.0f, c.c3, c.s3));
+        splitButterfly2(a + 4, 8, _mm_setr_ps(c.c45, c.c45, c.s1, c.c1),
+                        _mm_setr_ps(-c.c45, c.c45, -c.s3, -c.c3));
 #else
-    oddButterfly(a, 4, c.c45, 1.0f, 0.0f, 1.0f, 0.0f);
-    oddButterfly(a + 2, 4, c.c45, t[4], t[5], t[6], t[7]);
+        splitButterflyPlain(a, 8);
+        splitButterfly(a + 2, 8, c.c1, c.s1, c.c3, c.s3);
+        splitButterfly(a + 4, 8, c.c45, c.c45, -c.c45, c.c45);
+        splitButterfly(a + 6, 8, c.s1, c.c1, -c.s3, -c.c3);
 #endif
-    pair1(a);
-    pair2(a + 4);
-    pair1(a + 8);
-    pair2(a + 12);
-}
-
-void leaf16Kind1(float* a, const LeafConstants& c) {
-#if DSP_FFT_SSE2
-    splitButterfly2(a, 8, _mm_setr_ps(1.0f, 0.0f, c.c1, c.s1), _mm_setr_ps(1.0f, 0.0f, c.c3, c.s3));
-    splitButterfly2(a + 4, 8, _mm_setr_ps(c.c45, c.c45, c.s1, c.c1),
-                    _mm_setr_ps(-c.c45, c.c45, -c.s3, -c.c3));
+        quad1(a + 24);
+    } else {
+#if DSP_FFT_VECTOR
+        const __m128 c45 = _mm_set1_ps(c.c45);
+        __m128 t1 = _mm_loadu_ps(t + 4);
+        __m128 t2 = _mm_loadu_ps(t + 8);
+        __m128 t3 = _mm_loadu_ps(t + 12);
+        const __m128 unit = unitGroup();
+        oddButterfly2(a, 8, c45, _mm_shuffle_ps(unit, t1, _MM_SHUFFLE(1, 0, 1, 0)),
+                      _mm_shuffle_ps(unit, t1, _MM_SHUFFLE(3, 2, 3, 2)));
+        oddButterfly2(a + 4, 8, c45, _mm_shuffle_ps(t2, t3, _MM_SHUFFLE(1, 0, 1, 0)),
+                      _mm_shuffle_ps(t2, t3, _MM_SHUFFLE(3, 2, 3, 2)));
 #else
-    splitButterflyPlain(a, 8);
-    splitButterfly(a + 2, 8, c.c1, c.s1, c.c3, c.s3);
-    splitButterfly(a + 4, 8, c.c45, c.c45, -c.c45, c.c45);
-    splitButterfly(a + 6, 8, c.s1, c.c1, -c.s3, -c.c3);
+        oddButterfly(a, 8, c.c45, 1.0f, 0.0f, 1.0f, 0.0f);
+        for (uint32_t k = 1; k < 4; ++k) {
+            oddButterfly(a + 2 * k, 8, c.c45, t[4 * k], t[4 * k + 1], t[4 * k + 2], t[4 * k + 3]);
+        }
 #endif
+        quad2(a + 24, c.c45);
+    }
     quad1(a);
     quad2(a + 8, c.c45);
     quad1(a + 16);
-    quad1(a + 24);
 }
 
-// t: the sub-table of size 16 (v^k = e^(i pi k/16) at entry 4k).
-void leaf16Kind2(float* a, const float* t, const LeafConstants& c) {
-#if DSP_FFT_SSE2
-    const __m128 c45 = _mm_set1_ps(c.c45);
-    __m128 t1 = _mm_loadu_ps(t + 4);
-    __m128 t2 = _mm_loadu_ps(t + 8);
-    __m128 t3 = _mm_loadu_ps(t + 12);
-    const __m128 unit = _mm_setr_ps(1.0f, 0.0f, 1.0f, 0.0f);
-    oddButterfly2(a, 8, c45, _mm_shuffle_ps(unit, t1, _MM_SHUFFLE(1, 0, 1, 0)),
-                  _mm_shuffle_ps(unit, t1, _MM_SHUFFLE(3, 2, 3, 2)));
-    oddButterfly2(a + 4, 8, c45, _mm_shuffle_ps(t2, t3, _MM_SHUFFLE(1, 0, 1, 0)),
-                  _mm_shuffle_ps(t2, t3, _MM_SHUFFLE(3, 2, 3, 2)));
-#else
-    oddButterfly(a, 8, c.c45, 1.0f, 0.0f, 1.0f, 0.0f);
-    oddButterfly(a + 2, 8, c.c45, t[4], t[5], t[6], t[7]);
-    oddButterfly(a + 4, 8, c.c45, t[8], t[9], t[10], t[11]);
-    oddButterfly(a + 6, 8, c.c45, t[12], t[13], t[14], t[15]);
-#endif
-    quad1(a);
-    quad2(a + 8, c.c45);
-    quad1(a + 16);
-    quad2(a + 24, c.c45);
-}
+void finishQuarters(float* a, uint32_t points, int lastKind, const float* w, uint32_t nw,
+                    const LeafConstants& c);
 
 // Finishes a block of `points` complex values of the given kind (its output
-// bit-reversed). Quarters of a kind-1 block are of kinds 1, 2, 1, 1; those
-// of a kind-2 block 1, 2, 1, 2.
+// bit-reversed).
 void finishBlock(float* a, uint32_t points, int kind, const float* w, uint32_t nw,
                  const LeafConstants& c) {
     switch (points) {
@@ -516,10 +504,10 @@ void finishBlock(float* a, uint32_t points, int kind, const float* w, uint32_t n
         kind == 1 ? quad1(a) : quad2(a, c.c45);
         return;
     case 8:
-        kind == 1 ? leaf8Kind1(a, c) : leaf8Kind2(a, w + nw - 16, c);
+        kind == 1 ? leaf8<1>(a, nullptr, c) : leaf8<2>(a, w + nw - 16, c);
         return;
     case 16:
-        kind == 1 ? leaf16Kind1(a, c) : leaf16Kind2(a, w + nw - 32, c);
+        kind == 1 ? leaf16<1>(a, nullptr, c) : leaf16<2>(a, w + nw - 32, c);
         return;
     default:
         break;
@@ -527,14 +515,22 @@ void finishBlock(float* a, uint32_t points, int kind, const float* w, uint32_t n
     if (kind == 1) {
         splitStage(a, points, w + nw - points);
     } else {
-        oddStage(a, points, w + nw - 2 * points);
+        oddStage(a, points, w + nw - size_t{2} * points);
     }
+    finishQuarters(a, points, kind, w, nw, c);
+}
+
+// The four quarters of a block of `points` whose own stage has been applied:
+// those of a kind-1 block are of kinds 1, 2, 1, 1, those of a kind-2 block
+// 1, 2, 1, 2.
+void finishQuarters(float* a, uint32_t points, int lastKind, const float* w, uint32_t nw,
+                    const LeafConstants& c) {
     const uint32_t quarter = points / 4;
     const uint32_t q = 2 * quarter;
     finishBlock(a, quarter, 1, w, nw, c);
     finishBlock(a + q, quarter, 2, w, nw, c);
-    finishBlock(a + 2 * q, quarter, 1, w, nw, c);
-    finishBlock(a + 3 * q, quarter, kind, w, nw, c);
+    finishBlock(a + size_t{2} * q, quarter, 1, w, nw, c);
+    finishBlock(a + size_t{3} * q, quarter, lastKind, w, nw, c);
 }
 
 // Swaps the complex values at float offsets i and j, moved as 8-byte units.
@@ -547,15 +543,46 @@ inline void swapComplex(float* a, uint32_t i, uint32_t j) {
     std::memcpy(a + j, &x, sizeof x);
 }
 
+// One group of swaps of the bit-reversal permutation. A complex index splits
+// into a low part j (below m), one or two middle bits and a high part;
+// reversing swaps the low and high parts, each reversed, and reverses the
+// middle bits; p (m offsets) supplies the reversed parts. Index (j, mid, k)
+// goes to (k, reversedMid, j): each pair is swapped once, from the side with
+// j < k (or, allJ, from mid 1 when mids 1 and 2 trade). The pairs go in
+// tiles of 8 x 8, so that each tile touches 16 cache lines; row by row, the
+// strided side would evict itself at large sizes.
+void swapReversedPairs(float* a, const int32_t* p, uint32_t m, uint32_t mid, uint32_t reversedMid,
+                       bool allJ) {
+    const uint32_t stride = 2 * m;
+    const uint32_t tile = m < 8 ? m : 8;
+    for (uint32_t kb = 0; kb < m; kb += tile) {
+        const uint32_t jbEnd = allJ ? m : kb + tile;
+        for (uint32_t jb = 0; jb < jbEnd; jb += tile) {
+            for (uint32_t k = kb; k < kb + tile; ++k) {
+                const uint32_t high = static_cast<uint32_t>(p[k]) + mid * stride;
+                const uint32_t low = 2 * k + reversedMid * stride;
+                uint32_t jEnd = jb + tile;
+                if (!allJ && jEnd > k) {
+                    jEnd = k;
+                }
+                for (uint32_t j = jb; j < jEnd; ++j) {
+                    swapComplex(a, 2 * j + high, low + static_cast<uint32_t>(p[j]));
+                }
+            }
+        }
+    }
+}
+
 } // namespace
 
 void FftEngine::buildTwiddles(uint32_t nw) {
-    bitrevWork[0] = static_cast<int32_t>(nw);
-    bitrevWork[1] = 1;
+    complexTableSize_ = nw;
+    // The post-processing table sits right after this one: rebuild it too.
+    postTableSize_ = 1;
     if (nw <= 2) {
         return;
     }
-    float* w = twiddles;
+    float* w = twiddles_;
     uint32_t h = nw / 2;
     const double delta = std::atan(1.0) / static_cast<double>(h);
     const double cos45 = std::cos(delta * static_cast<double>(h));
@@ -595,11 +622,11 @@ void FftEngine::buildTwiddles(uint32_t nw) {
 }
 
 void FftEngine::buildPostTable(uint32_t nc) {
-    bitrevWork[1] = static_cast<int32_t>(nc);
+    postTableSize_ = nc;
     if (nc <= 1) {
         return;
     }
-    float* pt = twiddles + bitrevWork[0];
+    float* pt = twiddles_ + complexTableSize_;
     uint32_t h = nc / 2;
     const double delta = std::atan(1.0) / static_cast<double>(h);
     pt[0] = static_cast<float>(std::cos(delta * static_cast<double>(h)));
@@ -615,10 +642,10 @@ void FftEngine::realFft(float* a, uint32_t n) {
     if (n < 2) {
         return;
     }
-    if (n > 4 * static_cast<uint32_t>(bitrevWork[0])) {
+    if (n > 4 * complexTableSize_) {
         buildTwiddles(n / 4);
     }
-    if (n > 4 * static_cast<uint32_t>(bitrevWork[1])) {
+    if (n > 4 * postTableSize_) {
         buildPostTable(n / 4);
     }
     if (n > 4) {
@@ -633,72 +660,43 @@ void FftEngine::realFft(float* a, uint32_t n) {
 }
 
 void FftEngine::complexFft(float* a, uint32_t n) {
-    const uint32_t nw = static_cast<uint32_t>(bitrevWork[0]);
-    const float* w = twiddles;
     if (n == 4) {
-        float x0r = a[0];
-        float x0i = a[1];
-        a[0] = x0r + a[2];
-        a[1] = x0i + a[3];
-        a[2] = x0r - a[2];
-        a[3] = x0i - a[3];
+        pair1(a); // the 2-point transform
         return;
     }
     if (n == 8) {
-        float s02r = a[0] + a[4];
-        float s02i = a[1] + a[5];
-        float d02r = a[0] - a[4];
-        float d02i = a[1] - a[5];
-        float s13r = a[2] + a[6];
-        float s13i = a[3] + a[7];
-        float d13r = a[2] - a[6];
-        float d13i = a[3] - a[7];
-        a[0] = s02r + s13r;
-        a[1] = s02i + s13i;
-        a[2] = d02r - d13i;
-        a[3] = d02i + d13r;
-        a[4] = s02r - s13r;
-        a[5] = s02i - s13i;
-        a[6] = d02r + d13i;
-        a[7] = d02i - d13r;
+        quad1(a); // the 4-point transform, then its two middle points swapped
+        swapComplex(a, 2, 4);
         return;
     }
-    const uint32_t points = n / 2;
+    const uint32_t nw = complexTableSize_;
+    const float* w = twiddles_;
     const LeafConstants c = leafConstants(w, nw);
     if (n == 16) {
-        leaf8Kind1(a, c);
-    } else if (n == 32) {
-        leaf16Kind1(a, c);
-    } else {
-        splitStageInterpolated(a, points, w + nw - n / 4);
-        const uint32_t quarter = points / 4;
-        const uint32_t q = 2 * quarter;
-        finishBlock(a, quarter, 1, w, nw, c);
-        finishBlock(a + q, quarter, 2, w, nw, c);
-        finishBlock(a + 2 * q, quarter, 1, w, nw, c);
-        finishBlock(a + 3 * q, quarter, 1, w, nw, c);
-    }
-    if (n == 16) {
+        leaf8<1>(a, nullptr, c);
         swapComplex(a, 2, 8);
         swapComplex(a, 6, 12);
     } else if (n == 32) {
+        leaf16<1>(a, nullptr, c);
         static const uint8_t kPairs[6][2] = {{1, 8}, {2, 4}, {3, 12}, {5, 10}, {7, 14}, {11, 13}};
         for (const auto& pair : kPairs) {
             swapComplex(a, 2u * pair[0], 2u * pair[1]);
         }
     } else {
+        splitStageInterpolated(a, n / 2, w + nw - n / 4);
+        finishQuarters(a, n / 2, 1, w, nw, c);
         bitReverse(a, n);
     }
 }
 
 void FftEngine::postProcess(float* a, uint32_t n) const {
-    const uint32_t nc = static_cast<uint32_t>(bitrevWork[1]);
-    const float* pt = twiddles + bitrevWork[0];
+    const uint32_t nc = postTableSize_;
+    const float* pt = twiddles_ + complexTableSize_;
     const uint32_t m = n / 2;
     const uint32_t step = 2 * nc / m;
     uint32_t idx = 0;
     uint32_t j = 2;
-#if DSP_FFT_SSE2
+#if DSP_FFT_VECTOR
     // Two positions at a time from each end while the pairs stay apart:
     // j, j + 2 from below and k, k - 2 from above.
     const __m128 imag = imagSigns();
@@ -738,7 +736,7 @@ void FftEngine::postProcess(float* a, uint32_t n) const {
 
 void FftEngine::bitReverse(float* a, uint32_t n) {
     // p[j] = float offset of the bit-reversed complex index of j, for j < m.
-    int32_t* p = bitrevWork + 2;
+    int32_t* p = bitrevOffsets_;
     p[0] = 0;
     uint32_t l = n;
     uint32_t m = 1;
@@ -749,40 +747,13 @@ void FftEngine::bitReverse(float* a, uint32_t n) {
         }
         m <<= 1;
     } while (l > 8 * m);
-    // A complex index splits into a low part j (below m), one or two middle
-    // bits and a high part; reversing swaps the low and high parts, each
-    // reversed, and reverses the middle bits. p supplies the reversed parts.
-    // Index (j, mid, k) goes to (k, reversed mid, j): each pair is swapped
-    // once, from the side with j < k (or from mid 1 when mid 1 and 2 trade).
-    // The pairs go in tiles of 8 x 8, so that each tile touches 16 cache
-    // lines; row by row, the strided side would evict itself at large sizes.
-    const uint32_t stride = 2 * m;
-    const uint32_t tile = m < 8 ? m : 8;
-    auto swapRange = [&](uint32_t mid, uint32_t reversedMid, bool allJ) {
-        for (uint32_t kb = 0; kb < m; kb += tile) {
-            const uint32_t jbEnd = allJ ? m : kb + tile;
-            for (uint32_t jb = 0; jb < jbEnd; jb += tile) {
-                for (uint32_t k = kb; k < kb + tile; ++k) {
-                    const uint32_t high = static_cast<uint32_t>(p[k]) + mid * stride;
-                    const uint32_t low = 2 * k + reversedMid * stride;
-                    uint32_t jEnd = jb + tile;
-                    if (!allJ && jEnd > k) {
-                        jEnd = k;
-                    }
-                    for (uint32_t j = jb; j < jEnd; ++j) {
-                        swapComplex(a, 2 * j + high, low + static_cast<uint32_t>(p[j]));
-                    }
-                }
-            }
-        }
-    };
     if (8 * m == l) {
-        swapRange(0, 0, false);
-        swapRange(1, 2, true);
-        swapRange(3, 3, false);
+        swapReversedPairs(a, p, m, 0, 0, false);
+        swapReversedPairs(a, p, m, 1, 2, true);
+        swapReversedPairs(a, p, m, 3, 3, false);
     } else {
-        swapRange(0, 0, false);
-        swapRange(1, 1, false);
+        swapReversedPairs(a, p, m, 0, 0, false);
+        swapReversedPairs(a, p, m, 1, 1, false);
     }
 }
 

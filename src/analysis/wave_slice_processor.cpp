@@ -1,7 +1,8 @@
 #include "wave_slice_processor.h"
 
-#include "core/sample_convert.h"
+#include "analysis/input_pieces.h"
 
+#include <memory>
 #include <new>
 
 namespace dsp {
@@ -12,45 +13,34 @@ WaveSliceProcessor* WaveSliceProcessor::create(uint32_t frames, uint32_t channel
     if (frames == 0 || rate == 0) {
         return nullptr;
     }
-    WaveSliceProcessor* p = new (std::nothrow) WaveSliceProcessor();
-    if (p == nullptr) {
+    std::unique_ptr<WaveSliceProcessor> p(new (std::nothrow) WaveSliceProcessor());
+    if (p == nullptr || !p->setupBuffers(frames, channels)) {
         return nullptr;
     }
-    if (!p->setupBuffers(frames, channels)) {
-        delete p;
+    p->setInRate(rate);
+    if (!p->slicer_.setup(frames, static_cast<float>(rate), startGateDb, endGateDb, risePercent,
+                          minSeconds)) {
         return nullptr;
     }
-    p->inRate = rate;
-    if (!p->slicer.setup(frames, static_cast<float>(rate), startGateDb, endGateDb, risePercent,
-                         minSeconds)) {
-        delete p;
-        return nullptr;
-    }
-    return p;
+    return p.release();
 }
 
 uint32_t WaveSliceProcessor::analyze(const int16_t* src, uint32_t bytes) {
-    if (ready != 1 || inFrames == 0 || slicer.configured == 0) {
+    if (!isReady() || inFrames() == 0) {
         return 0;
     }
     // A chain may have resized the work buffers; the slicer's own scratch
     // keeps the size it was set up with and it splits longer pieces itself.
-    const uint32_t total = bytes / (2 * inChannels);
-    uint32_t done = 0;
-    while (done < total) {
-        const uint32_t piece = total - done < inFrames ? total - done : inFrames;
-        // No right buffer: stereo is mixed down to (L + R) >> 1.
-        convertToFloat(src + static_cast<size_t>(done) * inChannels, piece * 2 * inChannels,
-                       work[0], nullptr, inChannels);
-        slicer.analyze(work[0], piece);
-        done += piece;
-    }
+    // No right buffer: stereo is mixed down to (L + R) >> 1.
+    measureInPieces(src, bytes / (2 * inChannels()), inFrames(),
+                    PieceInput{work(0), nullptr, inChannels()},
+                    [&](uint32_t, uint32_t piece) { slicer_.analyze(work(0), piece); });
     return 1;
 }
 
 SliceRecord* WaveSliceProcessor::getSlice(uint32_t index) {
-    slicer.closeOpenSlice();
-    return slicer.slice(index);
+    slicer_.closeOpenSlice();
+    return slicer_.slice(index);
 }
 
 } // namespace dsp

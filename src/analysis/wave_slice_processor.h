@@ -1,20 +1,19 @@
 // The wave slicer as a processor (tag 4): the host feeds the whole signal
-// block by block and then reads the slices found. It produces no audio, so in
-// a chain it does nothing.
+// block by block and then reads the slices found. It produces no audio: its
+// processChained returns 0 frames, so a chain holding one outputs nothing
+// from there on.
 #pragma once
 
+#include "analysis/measuring_processor.h"
 #include "analysis/wave_slicer.h"
-#include "core/processor.h"
 #include "dsp.h"
 
 #include <cstdint>
 
 namespace dsp {
 
-class WaveSliceProcessor : public DspProcessor {
+class WaveSliceProcessor : public MeasuringProcessor {
 public:
-    WaveSliceProcessor() { tag = kTagWaveSlice; }
-
     // A ready slicer from the general heap, or null when channels is not 1 or
     // 2, frames is 0, the rate is too low for the envelope (66 Hz or less) or
     // an allocation fails.
@@ -32,14 +31,10 @@ public:
     // null when no slice was found.
     SliceRecord* getSlice(uint32_t index);
 
-    // The slicer produces no audio.
-    uint32_t processChannel(uint32_t, const float*, float*, uint32_t) override { return 0; }
-    uint32_t processChained(const float*, const float*, float*, float*, uint32_t) override {
-        return 0;
-    }
-    uint32_t processInterleaved(const int16_t*, int16_t*, uint32_t) override { return 0; }
+private:
+    WaveSliceProcessor() : MeasuringProcessor(kTagWaveSlice) {}
 
-    WaveSlicer slicer;
+    WaveSlicer slicer_;
 };
 
 } // namespace dsp

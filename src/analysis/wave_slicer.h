@@ -7,6 +7,8 @@
 #pragma once
 
 #include "analysis/envelope_follower.h"
+#include "analysis/slice_list.h"
+#include "core/owned_array.h"
 #include "dsp.h"
 #include "filters/iir_designer.h"
 
@@ -16,23 +18,15 @@ namespace dsp {
 
 class WaveSlicer {
 public:
-    // Where slice records come from (a plain nothrow new by default; a null
-    // result drops the slice).
-    using RecordAllocator = SliceRecord* (*)();
-
-    WaveSlicer() = default;
-    ~WaveSlicer();
-    WaveSlicer(const WaveSlicer&) = delete;
-    WaveSlicer& operator=(const WaveSlicer&) = delete;
-
     // Designs the filters and the envelope for `rate` and stores the gates.
     // A second setup forgets the slices found and starts tracking afresh.
-    // Returns false (configured 0) when an allocation fails or rate or
-    // frames is 0.
+    // Returns false when frames is 0, the rate is too low for the envelope
+    // (66 Hz or less) or an allocation fails.
     bool setup(uint32_t frames, float rate, float startGateDb, float endGateDb, float risePercent,
                float minSeconds);
 
-    // Analyses n more samples of the signal (in pieces of at most `frames`).
+    // Analyses n more samples of the signal (in pieces of at most the frames
+    // of the setup); nothing before a successful setup.
     void analyze(const float* x, uint32_t n);
 
     // Closes the open slice, if any, at the current position.
@@ -40,49 +34,54 @@ public:
 
     // The record `index` steps from the first, stopping at the last; null
     // when there is none.
-    SliceRecord* slice(uint32_t index) const;
-
-    // A sample position in seconds: the exact product position x
-    // secondsPerSample rounded once to float.
-    float secondsAt(uint32_t samplePosition) const;
-
-    uint8_t configured = 0;
-    float rate = 0.0f;
-    float secondsPerSample = 0.0f;
-    float startGate = 0.0f;
-    float endGate = 0.0f;
-    float rise = 0.0f;
-    uint32_t minLength = 0;
-    uint32_t frames = 0;
-    uint8_t inSlice = 0;
-    float valley = 1.0f;
-    uint32_t valleyPos = 0;
-    uint8_t armed = 0;
-    float peak = 0.0f;
-    uint32_t peakPos = 0;
-    uint8_t seekingValley = 1;
-    uint32_t sliceStart = 0;
-    uint32_t sliceEnd = 0;
-    uint32_t position = 0;
-    EnvelopeFollower envelope;
-    ButterworthDesigner upperFilter; // low-pass, 20000 Hz
-    ButterworthDesigner lowerFilter; // high-pass, 2000 Hz
-    // Each filter is used only when its cut-off lies below half the rate.
-    bool useUpperFilter = false;
-    bool useLowerFilter = false;
-    float* scratch = nullptr;
-    SliceRecord* first = nullptr;
-    SliceRecord* last = nullptr;
-    uint32_t sliceCount = 0;
-    RecordAllocator allocateRecord = &newRecord;
+    SliceRecord* slice(uint32_t index) const { return slices_.at(index); }
 
 private:
-    static SliceRecord* newRecord();
-    void freeSlices();
-    void resetTracking();
+    // What the envelope must do to open or close a slice.
+    struct Gates {
+        float start = 0.0f;     // reached for an attack to count
+        float end = 0.0f;       // falling below it ends a slice
+        float rise = 0.0f;      // least climb above the valley for an attack
+        uint32_t minLength = 0; // samples a slice must exceed before it may end
+    };
+    // Where the envelope and the open slice stand.
+    struct Tracking {
+        bool inSlice = false;
+        float valley = 1.0f; // last tracked minimum
+        uint32_t valleyPos = 0;
+        bool armed = false; // rising out of a valley, no attack taken yet
+        float peak = 0.0f;  // last tracked maximum
+        bool seekingValley = true;
+        uint32_t sliceStart = 0;
+        uint32_t position = 0; // samples analysed since setup
+    };
+
+    // Forgets the slices, resets the tracking and sets up the scratch, the
+    // envelope and the band filters; false when one cannot be allocated.
+    bool startOver(OwnedArray<float> scratch, uint32_t frames, float rate);
     void appendSlice(uint32_t start, uint32_t end);
     void bandLimitAndFollow(const float* x, uint32_t n);
     void applyRules(uint32_t n);
+    bool isAttack(float e) const;
+    void applySliceRules(float e);
+    void trackExtremes(float e);
+
+    bool configured_ = false;
+    float secondsPerSample_ = 0.0f;
+    Gates gates_;
+    Tracking track_;
+    EnvelopeFollower envelope_;
+    ButterworthDesigner upperFilter_; // low-pass, 20000 Hz
+    ButterworthDesigner lowerFilter_; // high-pass, 2000 Hz
+    // Each filter is used only when its cut-off lies below half the rate.
+    bool useUpperFilter_ = false;
+    bool useLowerFilter_ = false;
+    OwnedArray<float> scratch_; // band-limited signal, then its envelope
+    SliceList slices_;
 };
+
+// A sample position in seconds: the exact product position x
+// secondsPerSample rounded once to float.
+float sliceSeconds(uint32_t position, float secondsPerSample);
 
 } // namespace dsp

@@ -2,7 +2,7 @@
 
 #include "sample_convert.h"
 
-#include <new>
+#include <algorithm>
 
 namespace dsp {
 
@@ -11,157 +11,128 @@ DspChain::~DspChain() {
 }
 
 bool DspChain::contains(const DspProcessor* processor) const {
-    for (const ChainNode* node = head; node != nullptr; node = node->next) {
-        if (node->handle == processor) {
-            return true;
-        }
-    }
-    return false;
+    return std::any_of(nodes_.begin(), nodes_.end(),
+                       [processor](const Node& node) { return node.processor.get() == processor; });
 }
 
 uint32_t DspChain::add(DspProcessor* processor, uint32_t sortKey) {
     // A processor held twice would be destroyed twice.
-    if (processor == nullptr || processor->ready != 1 || contains(processor)) {
-        return count;
+    if (processor == nullptr || !processor->isReady() || contains(processor) ||
+        !tryReserve(nodes_, nodes_.size() + 1)) {
+        return count();
     }
-    ChainNode* node = new (std::nothrow) ChainNode;
-    if (node == nullptr) {
-        return count;
-    }
-    node->handle = processor;
-    node->order = sortKey;
-    if (head == nullptr) {
-        head = tail = node;
-    } else {
-        // Behind the last node whose key is not greater, so equal keys keep
-        // the order in which they were added.
-        ChainNode* before = tail;
-        while (before != nullptr && before->order > sortKey) {
-            before = before->prev;
-        }
-        if (before != nullptr) {
-            node->prev = before;
-            node->next = before->next;
-            if (before->next != nullptr) {
-                before->next->prev = node;
-            } else {
-                tail = node;
-            }
-            before->next = node;
-        } else {
-            node->next = head;
-            head->prev = node;
-            head = node;
-        }
-    }
+    // Behind the last node whose key is not greater, so equal keys keep the
+    // order in which they were added.
+    auto behind = std::upper_bound(nodes_.begin(), nodes_.end(), sortKey,
+                                   [](uint32_t key, const Node& node) { return key < node.order; });
+    nodes_.insert(behind, Node{std::unique_ptr<DspProcessor>(processor), sortKey});
     propagate();
-    return ++count;
+    return count();
 }
 
 void DspChain::adjust(uint32_t sourceFrames, uint32_t sourceChannels, uint32_t sourceRate) {
-    frames = sourceFrames;
-    channels = sourceChannels;
-    rate = sourceRate;
+    frames_ = sourceFrames;
+    channels_ = sourceChannels;
+    rate_ = sourceRate;
     propagate();
 }
 
 void DspChain::propagate() {
-    uint32_t wantFrames = frames;
-    uint32_t wantChannels = channels;
-    uint32_t wantRate = rate;
-    for (ChainNode* node = head; node != nullptr; node = node->next) {
-        DspProcessor* p = node->handle;
+    uint32_t wantFrames = frames_;
+    uint32_t wantChannels = channels_;
+    uint32_t wantRate = rate_;
+    for (Node& node : nodes_) {
+        DspProcessor& p = *node.processor;
         // A processor left without buffers by an earlier configure is retried.
-        if (p->ready != 1 || p->inFrames != wantFrames || p->inChannels != wantChannels ||
-            p->inRate != wantRate) {
-            p->configure(wantFrames, wantChannels, wantRate);
+        if (!p.isReady() || p.inFrames() != wantFrames || p.inChannels() != wantChannels ||
+            p.inRate() != wantRate) {
+            p.configure(wantFrames, wantChannels, wantRate);
         }
-        wantFrames = p->outFrames;
-        wantChannels = p->outChannels;
-        wantRate = p->outRate;
+        wantFrames = p.outFrames();
+        wantChannels = p.outChannels();
+        wantRate = p.outRate();
     }
 }
 
 bool DspChain::allReady() const {
-    for (const ChainNode* node = head; node != nullptr; node = node->next) {
-        if (node->handle->ready != 1 || node->handle->inFrames == 0) {
-            return false;
+    return std::all_of(nodes_.begin(), nodes_.end(), [](const Node& node) {
+        return node.processor->isReady() && node.processor->inFrames() != 0;
+    });
+}
+
+uint32_t DspChain::pieceLimit() const {
+    return allReady() ? nodes_.front().processor->inFrames() : 0;
+}
+
+PieceInput DspChain::pieceInput() const {
+    return nodes_.front().processor->pieceInput();
+}
+
+PieceOutput DspChain::runPiece(uint32_t frames) {
+    DspProcessor* previous = nullptr;
+    uint32_t n = frames;
+    for (Node& node : nodes_) {
+        DspProcessor* q = node.processor.get();
+        if (previous == nullptr) {
+            n = q->processChained(q->work(0), q->work(1), q->work(2), q->work(3), n);
+        } else {
+            // Never hand a processor more frames than its buffers hold; each
+            // reads its predecessor's output buffers directly.
+            if (n > q->inFrames()) {
+                n = q->inFrames();
+            }
+            n = q->processChained(previous->work(2), previous->work(3), q->work(2), q->work(3), n);
         }
+        previous = q;
     }
-    return true;
+    return previous->outputOf(n);
+}
+
+uint32_t DspChain::sendPieces(InterleavedInput& in, InterleavedOutput& out, uint32_t frames) {
+    if (nodes_.empty()) {
+        return 0;
+    }
+    return driveBlock(*this, in, out, frames);
 }
 
 uint32_t DspChain::send(const int16_t* src, int16_t* dst, uint32_t bytes) {
-    if (head == nullptr) {
+    if (nodes_.empty()) {
         passThroughCopy(src, dst, bytes);
         return bytes;
     }
     if (!allReady()) {
         return 0;
     }
-    DspProcessor* first = head->handle;
-    DspProcessor* last = tail->handle;
-    const uint32_t frameBytes = 2 * first->inChannels;
-    uint32_t frames = bytes / frameBytes;
-    uint32_t written = 0;
-    // Blocks larger than the configured size go through in pieces.
-    while (frames > 0) {
-        const uint32_t piece = frames < first->inFrames ? frames : first->inFrames;
-        convertToFloat(src, piece * frameBytes, first->work[0], first->work[1], first->inChannels);
-        uint32_t n = first->processChained(first->work[0], first->work[1], first->work[2],
-                                           first->work[3], piece);
-        for (ChainNode* node = head->next; node != nullptr; node = node->next) {
-            DspProcessor* r = node->prev->handle;
-            DspProcessor* q = node->handle;
-            // Never hand a processor more frames than its buffers hold.
-            if (n > q->inFrames) {
-                n = q->inFrames;
-            }
-            n = q->processChained(r->work[2], r->work[3], q->work[2], q->work[3], n);
-        }
-        const float* right = last->inChannels == 1 ? nullptr : last->work[3];
-        convertToInt16(last->work[2], right, n, dst, last->outChannels);
-        dst += n * last->outChannels;
-        written += n * 2 * last->outChannels;
-        src += piece * first->inChannels;
-        frames -= piece;
-    }
-    return written;
+    Int16Block block(src, dst);
+    const DspProcessor& first = *nodes_.front().processor;
+    const uint32_t frames = sendPieces(block.in, block.out, bytes / (2 * first.inChannels()));
+    return frames * 2 * nodes_.back().processor->outChannels();
 }
 
 uint32_t DspChain::dstRate() const {
-    return tail == nullptr ? rate : tail->handle->outRate;
+    return nodes_.empty() ? rate_ : nodes_.back().processor->outRate();
 }
 
 uint32_t DspChain::dstChannels() const {
-    return tail == nullptr ? channels : tail->handle->outChannels;
+    return nodes_.empty() ? channels_ : nodes_.back().processor->outChannels();
 }
 
 uint32_t DspChain::dstSize(uint32_t bytes) const {
-    for (const ChainNode* node = head; node != nullptr; node = node->next) {
-        bytes = node->handle->getDstSize(bytes);
+    for (const Node& node : nodes_) {
+        bytes = node.processor->getDstSize(bytes);
     }
     return bytes;
 }
 
 DspProcessor* DspChain::handleAt(uint32_t index) const {
-    const ChainNode* node = head;
-    for (uint32_t i = 0; i < index && node != nullptr; ++i) {
-        node = node->next;
-    }
-    return node == nullptr ? nullptr : node->handle;
+    return index < nodes_.size() ? nodes_[index].processor.get() : nullptr;
 }
 
 void DspChain::clear() {
-    ChainNode* node = head;
-    while (node != nullptr) {
-        ChainNode* next = node->next;
-        destroyProcessor(node->handle);
-        delete node;
-        node = next;
+    for (Node& node : nodes_) {
+        node.processor.reset();
     }
-    head = tail = nullptr;
-    count = 0;
+    nodes_.clear();
 }
 
 } // namespace dsp

@@ -30,8 +30,10 @@ void* FastmemPool::allocate(uint32_t bytes) {
         return nullptr;
     }
     record->raw = raw;
-    record->aligned =
-        reinterpret_cast<void*>((reinterpret_cast<uintptr_t>(raw) + kSlack) & ~uintptr_t(kSlack));
+    // Moved up to the next multiple of 16 by pointer arithmetic, so the
+    // result stays a pointer into the block.
+    const uintptr_t misalignment = reinterpret_cast<uintptr_t>(raw) & kSlack;
+    record->aligned = static_cast<unsigned char*>(raw) + ((kSlack + 1 - misalignment) & kSlack);
     totalBytes_ += record->paddedSize;
 
     record->prev = nullptr;

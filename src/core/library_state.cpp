@@ -38,8 +38,7 @@ void libraryLoad() {
     decibel->build(2048, -50.0, 50.0);
     pool = new (poolStorage) FastmemPool();
     sine = new (sineStorage) SineTable();
-    sine->range = kTwoPi;
-    sine->build(1024);
+    sine->build(kTwoPi, 1024);
 }
 
 void libraryUnload() {

@@ -1,7 +1,6 @@
 #include "processor.h"
 
-#include "fastmem_pool.h"
-#include "sample_convert.h"
+#include <utility>
 
 namespace dsp {
 
@@ -9,26 +8,24 @@ DspProcessor::~DspProcessor() {
     releaseBuffers();
     // A volatile store, so the compiler cannot drop it as dead at the end of
     // the object's lifetime: hosts rely on a stale handle being refused.
-    *static_cast<volatile uint32_t*>(&tag) = kTagNone;
+    *static_cast<volatile uint32_t*>(&tag_) = kTagNone;
 }
 
 void DspProcessor::releaseBuffers() {
-    if (ready == 1) {
-        for (float*& buffer : work) {
-            if (buffer != nullptr) {
-                fastmemPool().release(buffer);
-            }
-        }
+    for (PoolBuffer& buffer : work_) {
+        buffer.reset();
     }
-    for (float*& buffer : work) {
-        buffer = nullptr;
-    }
-    ready = 0;
+    ready_ = false;
 }
 
 void DspProcessor::configure(uint32_t frames, uint32_t channels, uint32_t rate) {
     setupBuffers(frames, channels);
-    inRate = rate;
+    inRate_ = rate;
+}
+
+uint32_t DspProcessor::processInterleaved(const int16_t* src, int16_t* dst, uint32_t bytes) {
+    runInterleaved(src, dst, bytes);
+    return bytes;
 }
 
 uint32_t DspProcessor::getDstSize(uint32_t srcBytes) {
@@ -42,61 +39,69 @@ bool DspProcessor::setupBuffers(uint32_t frames, uint32_t channels) {
         releaseBuffers();
         return false;
     }
-    if (!(ready == 1 && frames <= inFrames)) {
+    if (!(ready_ && frames <= inFrames_)) {
         releaseBuffers();
-        // frames * 4 must fit the pool's 32-bit sizes.
-        if (frames > (UINT32_MAX - 15) / 4) {
-            return false;
-        }
-        for (float*& buffer : work) {
-            buffer = static_cast<float*>(fastmemPool().allocate(frames * 4));
-            if (buffer == nullptr) {
-                ready = 1; // so that releaseBuffers returns what was taken
+        for (PoolBuffer& buffer : work_) {
+            buffer = PoolBuffer::allocate(frames);
+            if (!buffer) {
                 releaseBuffers();
                 return false;
             }
         }
     }
-    outFrames = frames;
-    outChannels = channels;
-    inChannels = channels;
-    inFrames = frames;
-    inRate = 0;
-    ready = 1;
+    outFrames_ = frames;
+    outChannels_ = channels;
+    inChannels_ = channels;
+    inFrames_ = frames;
+    inRate_ = 0;
+    ready_ = true;
     return true;
 }
 
-bool DspProcessor::replaceWorkBuffer(int index, uint32_t floats) {
-    if (work[index] != nullptr) {
-        fastmemPool().release(work[index]);
-        work[index] = nullptr;
-    }
-    if (floats > (UINT32_MAX - 15) / 4) {
-        return false;
-    }
-    work[index] = static_cast<float*>(fastmemPool().allocate(floats * 4));
-    return work[index] != nullptr;
+bool DspProcessor::setupKeepingRate(uint32_t frames, uint32_t channels, uint32_t rate) {
+    const bool ready = setupBuffers(frames, channels);
+    inRate_ = rate;
+    outRate_ = rate;
+    return ready;
 }
 
-uint32_t DspProcessor::interleavedTemplate(const int16_t* src, int16_t* dst, uint32_t bytes) {
-    if (ready != 1 || inFrames == 0) {
-        return bytes;
+bool DspProcessor::replaceWorkBuffer(int index, uint32_t floats) {
+    work_[index].reset();
+    work_[index] = PoolBuffer::allocate(floats);
+    return static_cast<bool>(work_[index]);
+}
+
+void DspProcessor::installWorkBuffer(int index, PoolBuffer buffer) {
+    work_[index] = std::move(buffer);
+}
+
+uint32_t DspProcessor::pieceLimit() const {
+    return ready_ ? largestPiece() : 0;
+}
+
+PieceInput DspProcessor::pieceInput() const {
+    return PieceInput{work(0), work(1), inChannels_};
+}
+
+PieceOutput DspProcessor::outputOf(uint32_t frames) const {
+    return PieceOutput{work(2), inChannels_ == 2 ? work(3) : nullptr, frames, outChannels_};
+}
+
+PieceOutput DspProcessor::runPiece(uint32_t frames) {
+    return outputOf(processChained(work(0), work(1), work(2), work(3), frames));
+}
+
+uint32_t DspProcessor::runPieces(InterleavedInput& in, InterleavedOutput& out, uint32_t frames) {
+    return driveBlock(*this, in, out, frames);
+}
+
+uint32_t DspProcessor::runInterleaved(const int16_t* src, int16_t* dst, uint32_t bytes) {
+    if (!ready_) {
+        return 0;
     }
-    const uint32_t frameBytes = 2 * inChannels;
-    uint32_t frames = bytes / frameBytes;
-    while (frames > 0) {
-        uint32_t piece = frames < inFrames ? frames : inFrames;
-        convertToFloat(src, piece * frameBytes, work[0], work[1], inChannels);
-        processChannel(0, work[0], work[2], piece);
-        if (inChannels == 2) {
-            processChannel(1, work[1], work[3], piece);
-        }
-        convertToInt16(work[2], work[3], piece, dst, inChannels);
-        src += piece * inChannels;
-        dst += piece * inChannels;
-        frames -= piece;
-    }
-    return bytes;
+    Int16Block block(src, dst);
+    const uint32_t frames = runPieces(block.in, block.out, bytes / (2 * inChannels_));
+    return frames * 2 * outChannels_;
 }
 
 void destroyProcessor(DspProcessor* processor) {

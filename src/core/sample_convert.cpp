@@ -1,6 +1,6 @@
 #include "sample_convert.h"
 
-#include "simd_flags.h"
+#include "arithmetic_rules.h"
 
 #include <cmath>
 #include <cstring>
@@ -43,9 +43,9 @@ inline int16_t saturate16(int32_t v) {
     return static_cast<int16_t>(v);
 }
 
-// 3DNow!: truncation toward zero with saturation to the int32 range; NaN gives
-// the most negative value, as the SSE conversion does.
-inline int16_t kernel3dnowToInt16(float x) {
+// Truncating rule: toward zero with saturation to the int32 range; NaN gives
+// the most negative value, as under the nearest-even rule.
+inline int16_t truncatingSample(float x) {
     float p = x * kOutScale;
     int32_t v;
     if (std::isnan(p) || p < -2147483648.0f) {
@@ -58,8 +58,8 @@ inline int16_t kernel3dnowToInt16(float x) {
     return saturate16(v);
 }
 
-// SSE: round to nearest, ties to even; NaN and out-of-range give INT32_MIN.
-inline int16_t kernelSseToInt16(float x) {
+// Nearest-even rule: ties to even; NaN and out-of-range give INT32_MIN.
+inline int16_t nearestEvenSample(float x) {
     float p = x * kOutScale;
     int32_t v;
     if (!(p >= -2147483648.0f && p < 2147483648.0f)) {
@@ -104,8 +104,8 @@ inline void vecMixToFloat(const int16_t* src, float* out) {
     _mm_storeu_ps(out, _mm_mul_ps(_mm_cvtepi32_ps(sums), _mm_set1_ps(kMixScale)));
 }
 
-// 4 floats -> 4 int32 by the 3DNow! rule (truncate, saturate).
-inline __m128i vec3dnowToInt32(__m128 x) {
+// 4 floats -> 4 int32 by the truncating rule (saturating).
+inline __m128i vecTruncatingToInt32(__m128 x) {
     __m128 p = _mm_mul_ps(x, _mm_set1_ps(kOutScale));
     __m128i t = _mm_cvttps_epi32(p);
     // Positive overflow came out as 0x80000000; flip it to 0x7fffffff.
@@ -113,8 +113,8 @@ inline __m128i vec3dnowToInt32(__m128 x) {
     return _mm_xor_si128(t, over);
 }
 
-// 4 floats -> 4 int32 by the SSE rule (round to nearest even).
-inline __m128i vecSseToInt32(__m128 x) {
+// 4 floats -> 4 int32 by the nearest-even rule.
+inline __m128i vecNearestEvenToInt32(__m128 x) {
     return _mm_cvtps_epi32(_mm_mul_ps(x, _mm_set1_ps(kOutScale)));
 }
 
@@ -157,7 +157,7 @@ inline void vecDuplicateToInt16(const float* left, int16_t* dst) {
 // ---- Kernel shares: convert [0, count) with the kernel arithmetic ----
 
 void kernelMonoToFloat(const int16_t* src, float* out, uint32_t count) {
-    uint32_t i = 0;
+    size_t i = 0;
 #if DSP_HAVE_SSE2
     for (; i + 8 <= count; i += 8) {
         vecMonoToFloat(src + i, out + i);
@@ -169,7 +169,7 @@ void kernelMonoToFloat(const int16_t* src, float* out, uint32_t count) {
 }
 
 void kernelStereoToFloat(const int16_t* src, float* left, float* right, uint32_t frames) {
-    uint32_t i = 0;
+    size_t i = 0;
 #if DSP_HAVE_SSE2
     // Eight frames a turn: the loop is bound by the number of vector
     // operations, and the unrolled walk saves the index arithmetic.
@@ -188,7 +188,7 @@ void kernelStereoToFloat(const int16_t* src, float* left, float* right, uint32_t
 }
 
 void kernelMixToFloat(const int16_t* src, float* out, uint32_t frames) {
-    uint32_t i = 0;
+    size_t i = 0;
 #if DSP_HAVE_SSE2
     for (; i + 4 <= frames; i += 4) {
         vecMixToFloat(src + 2 * i, out + i);
@@ -199,23 +199,23 @@ void kernelMixToFloat(const int16_t* src, float* out, uint32_t frames) {
     }
 }
 
-enum class Rounding { Truncate3dnow, NearestSse };
+enum class Rounding { Truncating, NearestEven };
 
 template <Rounding R>
 inline int16_t kernelToInt16(float x) {
-    return R == Rounding::Truncate3dnow ? kernel3dnowToInt16(x) : kernelSseToInt16(x);
+    return R == Rounding::Truncating ? truncatingSample(x) : nearestEvenSample(x);
 }
 
 #if DSP_HAVE_SSE2
 template <Rounding R>
 constexpr __m128i (*vecToInt32())(__m128) {
-    return R == Rounding::Truncate3dnow ? vec3dnowToInt32 : vecSseToInt32;
+    return R == Rounding::Truncating ? vecTruncatingToInt32 : vecNearestEvenToInt32;
 }
 #endif
 
 template <Rounding R>
 void kernelMonoToInt16(const float* in, int16_t* dst, uint32_t count) {
-    uint32_t i = 0;
+    size_t i = 0;
 #if DSP_HAVE_SSE2
     for (; i + 8 <= count; i += 8) {
         vecMonoToInt16<vecToInt32<R>()>(in + i, dst + i);
@@ -228,7 +228,7 @@ void kernelMonoToInt16(const float* in, int16_t* dst, uint32_t count) {
 
 template <Rounding R>
 void kernelStereoToInt16(const float* left, const float* right, int16_t* dst, uint32_t frames) {
-    uint32_t i = 0;
+    size_t i = 0;
 #if DSP_HAVE_SSE2
     for (; i + 8 <= frames; i += 8) {
         vecStereoToInt16x8<vecToInt32<R>()>(left + i, right + i, dst + 2 * i);
@@ -245,7 +245,7 @@ void kernelStereoToInt16(const float* left, const float* right, int16_t* dst, ui
 
 template <Rounding R>
 void kernelDuplicateToInt16(const float* left, int16_t* dst, uint32_t frames) {
-    uint32_t i = 0;
+    size_t i = 0;
 #if DSP_HAVE_SSE2
     for (; i + 4 <= frames; i += 4) {
         vecDuplicateToInt16<vecToInt32<R>()>(left + i, dst + 2 * i);
@@ -309,7 +309,7 @@ inline void storeFourSamples(int16_t* dst, __m128i v) {
 
 void plainToFloat(const int16_t* src, float* left, float* right, uint32_t channels, uint32_t from,
                   uint32_t to) {
-    uint32_t i = from;
+    size_t i = from;
     if (channels == 2) {
         if (right != nullptr) {
 #if DSP_HAVE_SSE2
@@ -353,7 +353,7 @@ void plainToFloat(const int16_t* src, float* left, float* right, uint32_t channe
 
 void plainToInt16(const float* left, const float* right, int16_t* dst, uint32_t channels,
                   uint32_t from, uint32_t to) {
-    uint32_t i = from;
+    size_t i = from;
     if (channels == 2) {
         if (right != nullptr) {
 #if DSP_HAVE_SSE2
@@ -404,129 +404,108 @@ uint32_t framesIn(uint32_t bytes, uint32_t channels) {
     return channels == 2 ? bytes / 4 : bytes / 2;
 }
 
-} // namespace
+// Frames per kernel step of the two single-precision rules.
+struct KernelGroups {
+    uint32_t mono;
+    uint32_t stereo;
+    uint32_t mixedOrDuplicated; // int16 -> float: mixed down; float -> int16: duplicated
+};
+constexpr KernelGroups kTruncatingGroups{4, 2, 4};
+constexpr KernelGroups kNearestEvenToFloat{8, 4, 8};
 
-namespace convert {
-
-uint32_t toFloatPlain(const int16_t* src, uint32_t bytes, float* left, float* right,
-                      uint32_t channels) {
-    uint32_t frames = framesIn(bytes, channels);
-    plainToFloat(src, left, right, channels, 0, frames);
-    return frames;
-}
-
-// Group sizes of the 3DNow! kernels: mono 4 samples, stereo 2 frames, mixed down 4 frames.
-uint32_t toFloat3dnow(const int16_t* src, uint32_t bytes, float* left, float* right,
-                      uint32_t channels) {
-    uint32_t frames = framesIn(bytes, channels);
+// The kernel share by the single-precision arithmetic, the rest by the plain
+// rules, continuing where the kernel stopped.
+uint32_t kernelToFloat(const KernelGroups& groups, const int16_t* src, uint32_t bytes, float* left,
+                       float* right, uint32_t channels) {
+    const uint32_t frames = framesIn(bytes, channels);
     uint32_t kernel;
     if (channels == 2 && right != nullptr) {
-        kernel = roundDown(frames, 2);
+        kernel = roundDown(frames, groups.stereo);
         kernelStereoToFloat(src, left, right, kernel);
     } else if (channels == 2) {
-        kernel = roundDown(frames, 4);
+        kernel = roundDown(frames, groups.mixedOrDuplicated);
         kernelMixToFloat(src, left, kernel);
     } else {
-        kernel = roundDown(frames, 4);
+        kernel = roundDown(frames, groups.mono);
         kernelMonoToFloat(src, left, kernel);
     }
     plainToFloat(src, left, right, channels, kernel, frames);
     return frames;
 }
 
-// Group sizes of the SSE kernels: mono 8 samples, stereo 4 frames, mixed down 8 frames.
-uint32_t toFloatSse(const int16_t* src, uint32_t bytes, float* left, float* right,
-                    uint32_t channels) {
-    uint32_t frames = framesIn(bytes, channels);
+void truncatingToInt16(const float* left, const float* right, uint32_t frames, int16_t* dst,
+                       uint32_t channels) {
     uint32_t kernel;
     if (channels == 2 && right != nullptr) {
-        kernel = roundDown(frames, 4);
-        kernelStereoToFloat(src, left, right, kernel);
+        kernel = roundDown(frames, kTruncatingGroups.stereo);
+        kernelStereoToInt16<Rounding::Truncating>(left, right, dst, kernel);
     } else if (channels == 2) {
-        kernel = roundDown(frames, 8);
-        kernelMixToFloat(src, left, kernel);
+        kernel = roundDown(frames, kTruncatingGroups.mixedOrDuplicated);
+        kernelDuplicateToInt16<Rounding::Truncating>(left, dst, kernel);
     } else {
-        kernel = roundDown(frames, 8);
-        kernelMonoToFloat(src, left, kernel);
-    }
-    plainToFloat(src, left, right, channels, kernel, frames);
-    return frames;
-}
-
-uint32_t toInt16Plain(const float* left, const float* right, uint32_t frames, int16_t* dst,
-                      uint32_t channels) {
-    plainToInt16(left, right, dst, channels, 0, frames);
-    return frames * 2 * channels;
-}
-
-// Group sizes: mono 4 samples, stereo 2 frames, duplicated 4 frames.
-uint32_t toInt163dnow(const float* left, const float* right, uint32_t frames, int16_t* dst,
-                      uint32_t channels) {
-    uint32_t kernel;
-    if (channels == 2 && right != nullptr) {
-        kernel = roundDown(frames, 2);
-        kernelStereoToInt16<Rounding::Truncate3dnow>(left, right, dst, kernel);
-    } else if (channels == 2) {
-        kernel = roundDown(frames, 4);
-        kernelDuplicateToInt16<Rounding::Truncate3dnow>(left, dst, kernel);
-    } else {
-        kernel = roundDown(frames, 4);
-        kernelMonoToInt16<Rounding::Truncate3dnow>(left, dst, kernel);
+        kernel = roundDown(frames, kTruncatingGroups.mono);
+        kernelMonoToInt16<Rounding::Truncating>(left, dst, kernel);
     }
     plainToInt16(left, right, dst, channels, kernel, frames);
-    return frames * 2 * channels;
 }
 
-// Group sizes: mono 8 samples, stereo 4 frames; duplication has no kernel.
-// Frames before the first 16-byte boundary of `left` go by the plain rules.
-uint32_t toInt16Sse(const float* left, const float* right, uint32_t frames, int16_t* dst,
-                    uint32_t channels) {
-    bool duplicate = channels == 2 && right == nullptr;
-    if (duplicate) {
+// Groups of 8 samples or 4 stereo frames; duplication has no kernel. Frames
+// before the first 16-byte boundary of `left` go by the plain rules.
+void nearestEvenToInt16(const float* left, const float* right, uint32_t frames, int16_t* dst,
+                        uint32_t channels) {
+    if (channels == 2 && right == nullptr) {
         plainToInt16(left, right, dst, channels, 0, frames);
-        return frames * 2 * channels;
+        return;
     }
     uint32_t lead = 0;
     while (lead < frames && lead < 4 && (reinterpret_cast<uintptr_t>(left + lead) & 15) != 0) {
         ++lead;
     }
     plainToInt16(left, right, dst, channels, 0, lead);
-    uint32_t rest = frames - lead;
+    const uint32_t rest = frames - lead;
     uint32_t kernel;
     if (channels == 2) {
         kernel = roundDown(rest, 4);
-        kernelStereoToInt16<Rounding::NearestSse>(left + lead, right + lead, dst + 2 * lead,
-                                                  kernel);
+        kernelStereoToInt16<Rounding::NearestEven>(left + lead, right + lead,
+                                                   dst + size_t{2} * lead, kernel);
     } else {
         kernel = roundDown(rest, 8);
-        kernelMonoToInt16<Rounding::NearestSse>(left + lead, dst + lead, kernel);
+        kernelMonoToInt16<Rounding::NearestEven>(left + lead, dst + lead, kernel);
     }
     plainToInt16(left, right, dst, channels, lead + kernel, frames);
+}
+
+} // namespace
+
+uint32_t convertToFloat(ArithmeticRule rule, const int16_t* src, uint32_t bytes, float* left,
+                        float* right, uint32_t channels) {
+    switch (rule) {
+    case ArithmeticRule::kTruncating:
+        return kernelToFloat(kTruncatingGroups, src, bytes, left, right, channels);
+    case ArithmeticRule::kNearestEven:
+        return kernelToFloat(kNearestEvenToFloat, src, bytes, left, right, channels);
+    case ArithmeticRule::kPlain:
+        break;
+    }
+    const uint32_t frames = framesIn(bytes, channels);
+    plainToFloat(src, left, right, channels, 0, frames);
+    return frames;
+}
+
+uint32_t convertToInt16(ArithmeticRule rule, const float* left, const float* right, uint32_t frames,
+                        int16_t* dst, uint32_t channels) {
+    switch (rule) {
+    case ArithmeticRule::kTruncating:
+        truncatingToInt16(left, right, frames, dst, channels);
+        break;
+    case ArithmeticRule::kNearestEven:
+        nearestEvenToInt16(left, right, frames, dst, channels);
+        break;
+    case ArithmeticRule::kPlain:
+        plainToInt16(left, right, dst, channels, 0, frames);
+        break;
+    }
     return frames * 2 * channels;
-}
-
-} // namespace convert
-
-uint32_t convertToFloat(const int16_t* src, uint32_t bytes, float* left, float* right,
-                        uint32_t channels) {
-    if (simdFlags.amd3dnow) {
-        return convert::toFloat3dnow(src, bytes, left, right, channels);
-    }
-    if (simdFlags.sse) {
-        return convert::toFloatSse(src, bytes, left, right, channels);
-    }
-    return convert::toFloatPlain(src, bytes, left, right, channels);
-}
-
-uint32_t convertToInt16(const float* left, const float* right, uint32_t frames, int16_t* dst,
-                        uint32_t channels) {
-    if (simdFlags.amd3dnow) {
-        return convert::toInt163dnow(left, right, frames, dst, channels);
-    }
-    if (simdFlags.sse) {
-        return convert::toInt16Sse(left, right, frames, dst, channels);
-    }
-    return convert::toInt16Plain(left, right, frames, dst, channels);
 }
 
 void blockCopy16(const void* src, void* dst, size_t bytes) {
@@ -551,7 +530,7 @@ void copyBuffer(const void* src, void* dst, size_t bytes) {
     if (src == dst || bytes == 0) {
         return;
     }
-    if (anySimdFlag()) {
+    if (currentRules().blockCopy) {
         blockCopy16(src, dst, bytes);
     } else {
         // A byte copy; memcpy moves the same bytes, only faster.

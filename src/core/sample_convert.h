@@ -1,14 +1,16 @@
 // The only conversions between interleaved 16-bit samples and per-channel
-// float buffers, and the whole-buffer copies. Each has a plain path and
-// vector paths for the "3DNow!" and "SSE" switches (3DNow! wins when both are
-// on); the switches are read anew on every call.
+// float buffers, and the whole-buffer copies. Each conversion follows the
+// arithmetic rule its caller passes (decided once per block, see
+// arithmetic_rules.h).
 //
-// Plain rules: int16 -> float multiplies by 1/32767 in double; float -> int16
+// Plain rule: int16 -> float multiplies by 1/32767 in double; float -> int16
 // clamps to [-1, 1] (NaN becomes 1), multiplies by 32767 in double and
-// truncates. The vector kernels convert the largest multiple of their group
-// size with their own arithmetic and leave the rest to the plain rules, so the
-// paths differ by at most one unit of a 16-bit sample.
+// truncates. The single-precision rules convert the largest multiple of their
+// kernel group with their own arithmetic and leave the rest to the plain
+// rule, so the rules differ by at most one unit of a 16-bit sample.
 #pragma once
+
+#include "arithmetic_rules.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -18,14 +20,14 @@ namespace dsp {
 // Converts `bytes` of interleaved input. Stereo (channels == 2) goes to
 // left/right, or is mixed down into left when right is null; any other
 // channel count is read as mono. Returns the whole frames converted.
-uint32_t convertToFloat(const int16_t* src, uint32_t bytes, float* left, float* right,
-                        uint32_t channels);
+uint32_t convertToFloat(ArithmeticRule rule, const int16_t* src, uint32_t bytes, float* left,
+                        float* right, uint32_t channels);
 
 // Writes `frames` frames. channels == 2 interleaves left/right, or duplicates
 // left into both channels when right is null; any other count writes mono.
 // Returns frames * 2 * channels.
-uint32_t convertToInt16(const float* left, const float* right, uint32_t frames, int16_t* dst,
-                        uint32_t channels);
+uint32_t convertToInt16(ArithmeticRule rule, const float* left, const float* right, uint32_t frames,
+                        int16_t* dst, uint32_t channels);
 
 // The chain's copy of a block when it holds no processor.
 void passThroughCopy(const void* src, void* dst, uint32_t bytes);
@@ -34,26 +36,11 @@ void passThroughCopy(const void* src, void* dst, uint32_t bytes);
 // remaining bytes one by one.
 void blockCopy16(const void* src, void* dst, size_t bytes);
 
-// Whole-buffer copy used across the library: the 16-byte block copy when any
-// switch is on, a plain copy otherwise. The bytes copied are the same.
+// Whole-buffer copy used across the library: the 16-byte block copy when the
+// rules ask for it, a plain copy otherwise. The bytes copied are the same.
 void copyBuffer(const void* src, void* dst, size_t bytes);
 
-// The individual paths, for tests and benchmarks. They ignore the switches.
 namespace convert {
-
-uint32_t toFloatPlain(const int16_t* src, uint32_t bytes, float* left, float* right,
-                      uint32_t channels);
-uint32_t toFloat3dnow(const int16_t* src, uint32_t bytes, float* left, float* right,
-                      uint32_t channels);
-uint32_t toFloatSse(const int16_t* src, uint32_t bytes, float* left, float* right,
-                    uint32_t channels);
-
-uint32_t toInt16Plain(const float* left, const float* right, uint32_t frames, int16_t* dst,
-                      uint32_t channels);
-uint32_t toInt163dnow(const float* left, const float* right, uint32_t frames, int16_t* dst,
-                      uint32_t channels);
-uint32_t toInt16Sse(const float* left, const float* right, uint32_t frames, int16_t* dst,
-                    uint32_t channels);
 
 // Per-sample rules of the plain path.
 inline float sampleToFloat(int32_t s) {

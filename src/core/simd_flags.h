@@ -1,5 +1,6 @@
-// The three process-wide SIMD switches set by the host. They are plain bytes,
-// read on every conversion; the library never probes the processor.
+// The three process-wide switches the host sets through the C interface
+// (dspEnableMmx, dspEnable3dnow, dspEnableSse). They are plain bytes; the
+// library never probes the processor, and only currentRules() reads them.
 #pragma once
 
 #include <cstdint>
@@ -14,10 +15,5 @@ struct SimdFlags {
 
 // All switches are 0 when the library is loaded (constant-initialised).
 extern SimdFlags simdFlags;
-
-// True when any switch is on: whole-buffer copies then use the 16-byte block copy.
-inline bool anySimdFlag() {
-    return (simdFlags.mmx | simdFlags.amd3dnow | simdFlags.sse) != 0;
-}
 
 } // namespace dsp

@@ -1,79 +1,63 @@
 #include "cross_fade_ramp.h"
 
-#include "core/lookup_tables.h"
+#include "fade_ramp.h"
 
 #include <cmath>
 
 namespace dsp {
 
-CrossFadeRamp::CrossFadeRamp() {
-    setCurve(-1.0f, -40.0f, 0.05f, 0.8f);
+CrossFadeCurve::CrossFadeCurve(float centreDb, float fallDb, float riseWidth, float fallWidth)
+    : centreDb_(centreDb), riseWidth_(std::fabs(riseWidth)), fallWidth_(std::fabs(fallWidth)) {
+    riseSlopeA_ = riseWidth_ == 0.0f ? 0.0f : -centreDb_ / riseWidth_;
+    fallSlopeA_ = (centreDb_ - fallDb) / fallWidth_;
+    riseSlopeB_ = riseWidth_ == 0.0f ? 0.0f : centreDb_ / riseWidth_;
+    fallSlopeB_ = (fallDb - centreDb_) / fallWidth_;
 }
 
-void CrossFadeRamp::setCurve(float centre, float fall, float rise, float fallW) {
-    centreDb = centre;
-    fallDb = fall;
-    riseWidth = std::fabs(rise);
-    fallWidth = std::fabs(fallW);
-    riseSlopeA = riseWidth == 0.0f ? 0.0f : -centreDb / riseWidth;
-    fallSlopeA = (centreDb - fallDb) / fallWidth;
-    riseSlopeB = riseWidth == 0.0f ? 0.0f : centreDb / riseWidth;
-    fallSlopeB = (fallDb - centreDb) / fallWidth;
-}
-
-float CrossFadeRamp::levelAt(uint32_t at) const {
-    float x = FadeRamp::levelAt(at);
-    if (x < -1.0f) {
-        return -1.0f;
-    }
-    if (x > 1.0f) {
-        return 1.0f;
-    }
-    return x;
-}
-
-float CrossFadeRamp::decibelGain(float levelDb) {
-    return static_cast<float>(decibelTable().lookup(levelDb));
-}
-
-// Gain at centreDb + slope * x, the level formed wide and rounded once.
-float CrossFadeRamp::curveGain(float slopeDb, float x) const {
-    return decibelGain(static_cast<float>(static_cast<double>(centreDb) +
+float CrossFadeCurve::curveGain(float slopeDb, float x, const DecibelTable& table) const {
+    return decibelGain(table,
+                       static_cast<float>(static_cast<double>(centreDb_) +
                                           static_cast<double>(slopeDb) * static_cast<double>(x)));
 }
 
-float CrossFadeRamp::levelToGain(float x) {
-    // The approaching input rises from centreDb to 0 dB over riseWidth, the
-    // receding one falls to fallDb over fallWidth and is muted beyond it.
-    if (x > riseWidth) {
-        gainA = 1.0f;
+CrossFadeGains CrossFadeCurve::gainsAt(float x, const DecibelTable& table) const {
+    CrossFadeGains gains{0.0f, 0.0f};
+    if (x > riseWidth_) {
+        gains.a = 1.0f;
     } else if (x >= 0.0f) {
-        gainA = curveGain(riseSlopeA, x);
-    } else if (x >= -fallWidth) {
-        gainA = curveGain(fallSlopeA, x);
-    } else {
-        gainA = 0.0f;
+        gains.a = curveGain(riseSlopeA_, x, table);
+    } else if (x >= -fallWidth_) {
+        gains.a = curveGain(fallSlopeA_, x, table);
     }
-    if (x < -riseWidth) {
-        gainB = 1.0f;
+    if (x < -riseWidth_) {
+        gains.b = 1.0f;
     } else if (x <= 0.0f) {
-        gainB = curveGain(riseSlopeB, x);
-    } else if (x <= fallWidth) {
-        gainB = curveGain(fallSlopeB, x);
-    } else {
-        gainB = 0.0f;
+        gains.b = curveGain(riseSlopeB_, x, table);
+    } else if (x <= fallWidth_) {
+        gains.b = curveGain(fallSlopeB_, x, table);
     }
-    return 0.0f;
+    return gains;
+}
+
+void CrossFadeRamp::initialise(float rate, float position) {
+    restart(rate, position);
+    gains_ = curve_.gainsAt(position, decibelTable());
 }
 
 uint32_t CrossFadeRamp::mix(const float* a, const float* b, float* out, uint32_t frames) {
-    if (configured == 0) {
+    if (!isInitialised()) {
         return 0;
     }
-    runSchedule(frames, [&](uint32_t n) {
-        out[n] = static_cast<float>(static_cast<double>(b[n]) * gainB +
-                                    static_cast<double>(a[n]) * gainA);
-    });
+    const DecibelTable& table = decibelTable();
+    const CrossFadeCurve curve = curve_;
+    CrossFadeGains gains = gains_;
+    run(
+        frames, [&](float position) { gains = curve.gainsAt(position, table); },
+        [&](uint32_t n) {
+            out[n] = static_cast<float>(static_cast<double>(b[n]) * gains.b +
+                                        static_cast<double>(a[n]) * gains.a);
+        });
+    gains_ = gains;
     return 1;
 }
 

@@ -1,51 +1,38 @@
 #include "fader_processor.h"
 
-#include "core/sample_convert.h"
-
+#include <memory>
 #include <new>
 
 namespace dsp {
 
 FaderProcessor* FaderProcessor::create(uint32_t frames, uint32_t channels, uint32_t rate,
                                        float crossPosition, float level0Db, float level1Db) {
-    FaderProcessor* fader = new (std::nothrow) FaderProcessor;
-    if (fader == nullptr) {
+    std::unique_ptr<FaderProcessor> fader(new (std::nothrow) FaderProcessor);
+    if (fader == nullptr || !fader->setupKeepingRate(frames, channels, rate)) {
         return nullptr;
     }
-    if (!fader->setupBuffers(frames, channels)) {
-        delete fader;
-        return nullptr;
-    }
-    fader->inRate = rate;
-    fader->outRate = rate;
-    fader->initialCross = crossPosition;
-    fader->initialLevel0 = level0Db;
-    fader->initialLevel1 = level1Db;
-    fader->curveSet = 0;
-    fader->initialiseRamps(frames, rate);
-    return fader;
+    fader->initialLevels_[0] = level0Db;
+    fader->initialLevels_[1] = level1Db;
+    fader->initialCross_ = crossPosition;
+    fader->initialiseRamps(rate);
+    return fader.release();
 }
 
-void FaderProcessor::initialiseRamps(uint32_t frames, uint32_t rate) {
-    float rateF = static_cast<float>(rate);
-    faders[0][0].initialise(frames, rateF, initialLevel0);
-    faders[0][1].initialise(frames, rateF, initialLevel0);
-    faders[1][0].initialise(frames, rateF, initialLevel1);
-    faders[1][1].initialise(frames, rateF, initialLevel1);
-    cross[0].initialise(frames, rateF, initialCross);
-    cross[1].initialise(frames, rateF, initialCross);
+void FaderProcessor::initialiseRamps(uint32_t rate) {
+    const float rateF = static_cast<float>(rate);
+    for (uint32_t fader = 0; fader < 2; ++fader) {
+        for (FadeRamp& ramp : faders_[fader]) {
+            ramp.initialise(rateF, initialLevels_[fader]);
+        }
+    }
+    for (CrossFadeRamp& ramp : cross_) {
+        ramp.initialise(rateF, initialCross_);
+    }
 }
 
 void FaderProcessor::configure(uint32_t frames, uint32_t channels, uint32_t rate) {
-    setupBuffers(frames, channels);
-    inRate = rate;
-    outRate = rate;
-    initialiseRamps(frames, rate);
-    if (curveSet == 1) {
-        for (CrossFadeRamp& ramp : cross) {
-            ramp.setCurve(curve[0], curve[1], curve[2], curve[3]);
-        }
-    }
+    setupKeepingRate(frames, channels, rate);
+    initialiseRamps(rate);
 }
 
 uint32_t FaderProcessor::processChannel(uint32_t channel, const float* in, float* out,
@@ -53,21 +40,14 @@ uint32_t FaderProcessor::processChannel(uint32_t channel, const float* in, float
     if (channel > 1) {
         return 0;
     }
-    faders[0][channel].process(in, out, frames);
+    faders_[0][channel].process(in, out, frames);
     return frames;
 }
 
 uint32_t FaderProcessor::processChained(const float* inL, const float* inR, float* outL,
                                         float* outR, uint32_t frames) {
-    faders[0][0].process(inL, outL, frames);
-    if (inChannels == 2) {
-        faders[0][1].process(inR, outR, frames);
-    }
+    fadeChannels(0, inL, inR, outL, outR, frames);
     return frames;
-}
-
-uint32_t FaderProcessor::processInterleaved(const int16_t* src, int16_t* dst, uint32_t bytes) {
-    return interleavedTemplate(src, dst, bytes);
 }
 
 bool FaderProcessor::setFaderAction(uint32_t fader, float startSeconds, float endSeconds,
@@ -75,8 +55,9 @@ bool FaderProcessor::setFaderAction(uint32_t fader, float startSeconds, float en
     if (fader > 1) {
         return false;
     }
-    faders[fader][0].setAction(startSeconds, endSeconds, targetDb);
-    faders[fader][1].setAction(startSeconds, endSeconds, targetDb);
+    for (FadeRamp& ramp : faders_[fader]) {
+        ramp.setAction(startSeconds, endSeconds, targetDb);
+    }
     return true;
 }
 
@@ -84,85 +65,74 @@ bool FaderProcessor::delFaderAction(uint32_t fader, float startSeconds, float en
     if (fader > 1) {
         return false;
     }
-    faders[fader][0].removeRange(startSeconds, endSeconds);
-    faders[fader][1].removeRange(startSeconds, endSeconds);
+    for (FadeRamp& ramp : faders_[fader]) {
+        ramp.removeRange(startSeconds, endSeconds);
+    }
     return true;
 }
 
 void FaderProcessor::setCrossFaderAction(float startSeconds, float endSeconds,
                                          float targetPosition) {
-    cross[0].setAction(startSeconds, endSeconds, targetPosition);
-    cross[1].setAction(startSeconds, endSeconds, targetPosition);
+    for (CrossFadeRamp& ramp : cross_) {
+        ramp.setAction(startSeconds, endSeconds, targetPosition);
+    }
 }
 
 void FaderProcessor::delCrossFaderAction(float startSeconds, float endSeconds) {
-    cross[0].removeRange(startSeconds, endSeconds);
-    cross[1].removeRange(startSeconds, endSeconds);
+    for (CrossFadeRamp& ramp : cross_) {
+        ramp.removeRange(startSeconds, endSeconds);
+    }
 }
 
+// The current gains stay until a cross-fader action runs; the ramps keep the
+// curve across reconfiguration.
 void FaderProcessor::setCrossFaderCurve(float centreDb, float fallDb, float riseWidth,
                                         float fallWidth) {
-    for (CrossFadeRamp& ramp : cross) {
-        ramp.setCurve(centreDb, fallDb, riseWidth, fallWidth);
+    const CrossFadeCurve curve(centreDb, fallDb, riseWidth, fallWidth);
+    for (CrossFadeRamp& ramp : cross_) {
+        ramp.setCurve(curve);
     }
-    curve[0] = centreDb;
-    curve[1] = fallDb;
-    curve[2] = riseWidth;
-    curve[3] = fallWidth;
-    curveSet = 1;
+}
+
+void FaderProcessor::fadeChannels(uint32_t fader, const float* inL, const float* inR, float* outL,
+                                  float* outR, uint32_t frames) {
+    faders_[fader][0].process(inL, outL, frames);
+    if (inChannels() == 2) {
+        faders_[fader][1].process(inR, outR, frames);
+    }
 }
 
 bool FaderProcessor::fade(uint32_t fader, const int16_t* src, int16_t* dst, uint32_t bytes) {
-    if (fader > 1 || ready != 1 || inFrames == 0) {
+    if (fader > 1 || !isReady() || inFrames() == 0) {
         return false;
     }
-    // Blocks beyond the configured size go through in pieces that fit.
-    const uint32_t frameBytes = 2 * inChannels;
-    uint32_t frames = bytes / frameBytes;
-    while (frames > 0) {
-        uint32_t piece = frames < inFrames ? frames : inFrames;
-        convertToFloat(src, piece * frameBytes, work[0], work[1], inChannels);
-        faders[fader][0].process(work[0], work[2], piece);
-        if (inChannels > 1) {
-            faders[fader][1].process(work[1], work[3], piece);
-        }
-        convertToInt16(work[2], work[3], piece, dst, inChannels);
-        src += piece * inChannels;
-        dst += piece * inChannels;
-        frames -= piece;
-    }
+    Int16Block block(src, dst);
+    runPiecesWith(block.in, block.out, bytes / (2 * inChannels()), [&](uint32_t frames) {
+        fadeChannels(fader, work(0), work(1), work(2), work(3), frames);
+        return frames;
+    });
     return true;
 }
 
+// Fader 0 over the first input into work[4]/work[5], fader 1 over the second
+// into work[2]/work[3], then the cross-fader mixes both into work[2]/work[3].
 bool FaderProcessor::crossFade(const int16_t* srcA, const int16_t* srcB, int16_t* dst,
                                uint32_t bytes) {
-    if (ready != 1 || inFrames == 0) {
+    if (!isReady() || inFrames() == 0) {
         return false;
     }
-    const uint32_t frameBytes = 2 * inChannels;
-    uint32_t frames = bytes / frameBytes;
-    while (frames > 0) {
-        uint32_t piece = frames < inFrames ? frames : inFrames;
-        convertToFloat(srcA, piece * frameBytes, work[0], work[1], inChannels);
-        faders[0][0].process(work[0], work[4], piece);
-        if (inChannels > 1) {
-            faders[0][1].process(work[1], work[5], piece);
+    Int16Block block(srcA, dst);
+    InterleavedInput second(srcB, block.rule);
+    runPiecesWith(block.in, block.out, bytes / (2 * inChannels()), [&](uint32_t frames) {
+        fadeChannels(0, work(0), work(1), work(4), work(5), frames);
+        second.read(frames, pieceInput());
+        fadeChannels(1, work(0), work(1), work(2), work(3), frames);
+        cross_[0].mix(work(4), work(2), work(2), frames);
+        if (inChannels() == 2) {
+            cross_[1].mix(work(5), work(3), work(3), frames);
         }
-        convertToFloat(srcB, piece * frameBytes, work[0], work[1], inChannels);
-        faders[1][0].process(work[0], work[2], piece);
-        if (inChannels > 1) {
-            faders[1][1].process(work[1], work[3], piece);
-        }
-        cross[0].mix(work[4], work[2], work[2], piece);
-        if (inChannels > 1) {
-            cross[1].mix(work[5], work[3], work[3], piece);
-        }
-        convertToInt16(work[2], work[3], piece, dst, inChannels);
-        srcA += piece * inChannels;
-        srcB += piece * inChannels;
-        dst += piece * inChannels;
-        frames -= piece;
-    }
+        return frames;
+    });
     return true;
 }
 

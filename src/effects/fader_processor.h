@@ -11,17 +11,16 @@ namespace dsp {
 
 class FaderProcessor final : public DspProcessor {
 public:
-    FaderProcessor() { tag = kTagFader; }
+    FaderProcessor() : DspProcessor(kTagFader) {}
 
     // Buffers, rate and every ramp started again from the levels given at
-    // creation (and the stored curve); scheduled actions are kept and count
-    // from here.
+    // creation; scheduled actions and the curve are kept, the actions
+    // counting from here.
     void configure(uint32_t frames, uint32_t channels, uint32_t rate) override;
     uint32_t processChannel(uint32_t channel, const float* in, float* out,
                             uint32_t frames) override;
     uint32_t processChained(const float* inL, const float* inR, float* outL, float* outR,
                             uint32_t frames) override;
-    uint32_t processInterleaved(const int16_t* src, int16_t* dst, uint32_t bytes) override;
 
     // Creates a ready fader; null when the object or its buffers cannot be had.
     static FaderProcessor* create(uint32_t frames, uint32_t channels, uint32_t rate,
@@ -39,16 +38,22 @@ public:
     bool fade(uint32_t fader, const int16_t* src, int16_t* dst, uint32_t bytes);
     bool crossFade(const int16_t* srcA, const int16_t* srcB, int16_t* dst, uint32_t bytes);
 
-    FadeRamp faders[2][2];
-    CrossFadeRamp cross[2];
-    float initialCross = 0.0f;
-    float initialLevel0 = 0.0f;
-    float initialLevel1 = 0.0f;
-    uint8_t curveSet = 0;
-    float curve[4] = {0.0f, 0.0f, 0.0f, 0.0f};
+    // The ramp of fader 0 or 1 for channel 0 or 1, and the cross-fader's.
+    const FadeRamp& faderRamp(uint32_t fader, uint32_t channel) const {
+        return faders_[fader][channel];
+    }
+    const CrossFadeRamp& crossFadeRamp(uint32_t channel) const { return cross_[channel]; }
 
 private:
-    void initialiseRamps(uint32_t frames, uint32_t rate);
+    void initialiseRamps(uint32_t rate);
+    // Fader `fader` over one piece; the right channel only in stereo.
+    void fadeChannels(uint32_t fader, const float* inL, const float* inR, float* outL, float* outR,
+                      uint32_t frames);
+
+    FadeRamp faders_[2][2]; // [fader][channel]
+    CrossFadeRamp cross_[2];
+    float initialLevels_[2] = {0.0f, 0.0f};
+    float initialCross_ = 0.0f;
 };
 
 } // namespace dsp

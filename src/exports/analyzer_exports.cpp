@@ -3,22 +3,10 @@
 #include "dsp.h"
 
 #include "analysis/analyzer_processor.h"
+#include "exports/family.h"
 
 namespace {
-
-dsp::AnalyzerProcessor* analyzerFrom(void* handle) {
-    return dsp::processorFromHandle<dsp::AnalyzerProcessor>(handle, dsp::kTagAnalyzer);
-}
-
-uint32_t termAnalyzer(void* handle) {
-    dsp::AnalyzerProcessor* p = analyzerFrom(handle);
-    if (p == nullptr) {
-        return 0;
-    }
-    dsp::destroyProcessor(p);
-    return 1;
-}
-
+using Analyzer = dsp::ExportedFamily<dsp::AnalyzerProcessor, dsp::kTagAnalyzer>;
 } // namespace
 
 extern "C" {
@@ -37,30 +25,30 @@ DSP_API void* initEnvAnalyze(uint32_t frames, uint32_t channels, uint32_t rate) 
 }
 
 DSP_API uint32_t doFft(void* handle, const int16_t* src, float* out, uint32_t bytes) {
-    dsp::AnalyzerProcessor* p = analyzerFrom(handle);
-    return p == nullptr ? 0 : p->doFft(src, out, bytes);
+    return Analyzer::answer(handle,
+                            [&](dsp::AnalyzerProcessor& p) { return p.doFft(src, out, bytes); });
 }
 
 DSP_API uint32_t doFftAnalyze(void* handle, const int16_t* src, float* out, uint32_t bytes) {
-    dsp::AnalyzerProcessor* p = analyzerFrom(handle);
-    return p == nullptr ? 0 : p->doFftAnalyze(src, out, bytes);
+    return Analyzer::answer(
+        handle, [&](dsp::AnalyzerProcessor& p) { return p.doFftAnalyze(src, out, bytes); });
 }
 
 DSP_API uint32_t doEnvAnalyze(void* handle, const int16_t* src, float* out, uint32_t bytes) {
-    dsp::AnalyzerProcessor* p = analyzerFrom(handle);
-    return p == nullptr ? 0 : p->doEnvAnalyze(src, out, bytes);
+    return Analyzer::answer(
+        handle, [&](dsp::AnalyzerProcessor& p) { return p.doEnvAnalyze(src, out, bytes); });
 }
 
 DSP_API uint32_t termFft(void* handle) {
-    return termAnalyzer(handle);
+    return Analyzer::term(handle);
 }
 
 DSP_API uint32_t termFftAnalyze(void* handle) {
-    return termAnalyzer(handle);
+    return Analyzer::term(handle);
 }
 
 DSP_API uint32_t termEnvAnalyze(void* handle) {
-    return termAnalyzer(handle);
+    return Analyzer::term(handle);
 }
 
 } // extern "C"

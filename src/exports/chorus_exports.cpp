@@ -2,13 +2,10 @@
 #include "dsp.h"
 
 #include "effects/chorus_processor.h"
+#include "exports/family.h"
 
 namespace {
-
-dsp::ChorusProcessor* chorus(void* handle) {
-    return dsp::processorFromHandle<dsp::ChorusProcessor>(handle, dsp::kTagChorus);
-}
-
+using Chorus = dsp::ExportedFamily<dsp::ChorusProcessor, dsp::kTagChorus>;
 } // namespace
 
 extern "C" {
@@ -16,71 +13,38 @@ extern "C" {
 DSP_API void* initChorus(uint32_t frames, uint32_t channels, uint32_t rate, uint32_t voiceCount,
                          float delayMs, float depthMs, float speed, float mixPercent,
                          float orgMixPercent) {
-    return dsp::ChorusProcessor::create(frames, channels, rate, voiceCount, delayMs, depthMs, speed,
-                                        mixPercent, orgMixPercent);
+    return dsp::ChorusProcessor::create(
+        frames, channels, rate,
+        dsp::ChorusSettings{voiceCount, delayMs, depthMs, speed, mixPercent, orgMixPercent});
 }
 
 DSP_API uint32_t setChorusOrgMix(void* handle, float percent) {
-    dsp::ChorusProcessor* c = chorus(handle);
-    if (c == nullptr) {
-        return 0;
-    }
-    c->setOrgMix(percent);
-    return 1;
+    return Chorus::apply(handle, [&](dsp::ChorusProcessor& c) { c.setOrgMix(percent); });
 }
 
 DSP_API uint32_t setChorusMix(void* handle, uint32_t voice, float percent) {
-    dsp::ChorusProcessor* c = chorus(handle);
-    if (c == nullptr) {
-        return 0;
-    }
-    c->setMix(voice, percent);
-    return 1;
+    return Chorus::apply(handle, [&](dsp::ChorusProcessor& c) { c.setMix(voice, percent); });
 }
 
 DSP_API uint32_t setChorusSpeed(void* handle, float seconds) {
-    dsp::ChorusProcessor* c = chorus(handle);
-    if (c == nullptr) {
-        return 0;
-    }
-    c->setSpeed(seconds);
-    return 1;
+    return Chorus::apply(handle, [&](dsp::ChorusProcessor& c) { c.setSpeed(seconds); });
 }
 
 DSP_API uint32_t setChorusDepth(void* handle, float milliseconds) {
-    dsp::ChorusProcessor* c = chorus(handle);
-    if (c == nullptr) {
-        return 0;
-    }
-    c->setDepth(milliseconds);
-    return 1;
+    return Chorus::apply(handle, [&](dsp::ChorusProcessor& c) { c.setDepth(milliseconds); });
 }
 
 DSP_API uint32_t setChorusDelaytime(void* handle, float milliseconds) {
-    dsp::ChorusProcessor* c = chorus(handle);
-    if (c == nullptr) {
-        return 0;
-    }
-    c->setDelaytime(milliseconds);
-    return 1;
+    return Chorus::apply(handle, [&](dsp::ChorusProcessor& c) { c.setDelaytime(milliseconds); });
 }
 
 DSP_API uint32_t doChorus(void* handle, const int16_t* src, int16_t* dst, uint32_t bytes) {
-    dsp::ChorusProcessor* c = chorus(handle);
-    if (c == nullptr) {
-        return 0;
-    }
-    c->processInterleaved(src, dst, bytes);
-    return 1;
+    return Chorus::apply(handle,
+                         [&](dsp::ChorusProcessor& c) { c.processInterleaved(src, dst, bytes); });
 }
 
 DSP_API uint32_t termChorus(void* handle) {
-    dsp::ChorusProcessor* c = chorus(handle);
-    if (c == nullptr) {
-        return 0;
-    }
-    dsp::destroyProcessor(c);
-    return 1;
+    return Chorus::term(handle);
 }
 
 } // extern "C"

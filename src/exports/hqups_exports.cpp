@@ -1,14 +1,12 @@
-// Exports of the Hqups upsampler: thin wrappers that check the handle's tag
-// and call the processor.
+// Exports of the Hqups upsampler: check the handle, call the class.
 #include "dsp.h"
 
+#include "exports/family.h"
 #include "rate/hqups_processor.h"
 
 namespace {
 
-dsp::HqupsProcessor* hqupsFrom(void* handle) {
-    return dsp::processorFromHandle<dsp::HqupsProcessor>(handle, dsp::kTagHqups);
-}
+using Hqups = dsp::ExportedFamily<dsp::HqupsProcessor, dsp::kTagHqups>;
 
 dsp::HqupsSettings settingsOf(float harmonics, float mixPercent, uint32_t hpCutoffHz,
                               uint32_t interpolation, float attenuationDb, float slopeDbPerOctave,
@@ -17,11 +15,8 @@ dsp::HqupsSettings settingsOf(float harmonics, float mixPercent, uint32_t hpCuto
     s.harmonics = harmonics;
     s.mixPercent = mixPercent;
     s.hpCutoffHz = hpCutoffHz;
-    s.interpolation = interpolation;
-    s.attenuationDb = attenuationDb;
-    s.slopeDbPerOctave = slopeDbPerOctave;
     s.activeMode = activeMode;
-    s.filterOn = filterOn;
+    s.conversion = {interpolation, attenuationDb, slopeDbPerOctave, filterOn};
     return s;
 }
 
@@ -33,73 +28,49 @@ DSP_API void* initHqups(uint32_t dstFrames, uint32_t inChannels, uint32_t outCha
                         uint32_t srcRate, float harmonics, float mixPercent, uint32_t hpCutoffHz,
                         uint32_t interpolation, float attenuationDb, float slopeDbPerOctave,
                         uint32_t activeMode, uint8_t filterOn) {
-    return dsp::HqupsProcessor::createForOutput(dstFrames, inChannels, outChannels, srcRate,
-                                                settingsOf(harmonics, mixPercent, hpCutoffHz,
-                                                           interpolation, attenuationDb,
-                                                           slopeDbPerOctave, activeMode, filterOn));
+    return dsp::HqupsProcessor::create(
+        dsp::HqupsProcessor::SizedBy::kOutput, dstFrames, inChannels, outChannels, srcRate,
+        settingsOf(harmonics, mixPercent, hpCutoffHz, interpolation, attenuationDb,
+                   slopeDbPerOctave, activeMode, filterOn));
 }
 
 DSP_API void* initHqupsBySrcsize(uint32_t srcFrames, uint32_t inChannels, uint32_t outChannels,
                                  uint32_t srcRate, float harmonics, float mixPercent,
                                  uint32_t hpCutoffHz, uint32_t interpolation, float attenuationDb,
                                  float slopeDbPerOctave, uint32_t activeMode, uint8_t filterOn) {
-    return dsp::HqupsProcessor::createForSource(srcFrames, inChannels, outChannels, srcRate,
-                                                settingsOf(harmonics, mixPercent, hpCutoffHz,
-                                                           interpolation, attenuationDb,
-                                                           slopeDbPerOctave, activeMode, filterOn));
+    return dsp::HqupsProcessor::create(
+        dsp::HqupsProcessor::SizedBy::kSource, srcFrames, inChannels, outChannels, srcRate,
+        settingsOf(harmonics, mixPercent, hpCutoffHz, interpolation, attenuationDb,
+                   slopeDbPerOctave, activeMode, filterOn));
 }
 
 DSP_API uint32_t setHqupsHarmonics(void* handle, float harmonics) {
-    dsp::HqupsProcessor* p = hqupsFrom(handle);
-    if (p == nullptr) {
-        return 0;
-    }
-    return p->setHarmonics(harmonics) ? 1 : 0;
+    return Hqups::answer(handle, [&](dsp::HqupsProcessor& p) { return p.setHarmonics(harmonics); });
 }
 
 DSP_API uint32_t setHqupsMix(void* handle, float mixPercent) {
-    dsp::HqupsProcessor* p = hqupsFrom(handle);
-    if (p == nullptr) {
-        return 0;
-    }
-    p->setMix(mixPercent);
-    return 1;
+    return Hqups::apply(handle, [&](dsp::HqupsProcessor& p) { p.setMix(mixPercent); });
 }
 
 DSP_API uint32_t setHqupsActiveMode(void* handle, uint32_t activeMode) {
-    dsp::HqupsProcessor* p = hqupsFrom(handle);
-    if (p == nullptr) {
-        return 0;
-    }
-    p->setActiveMode(activeMode);
-    return 1;
+    return Hqups::apply(handle, [&](dsp::HqupsProcessor& p) { p.setActiveMode(activeMode); });
 }
 
 DSP_API uint32_t doHqups(void* handle, const int16_t* src, int16_t* dst, uint32_t bytes) {
-    dsp::HqupsProcessor* p = hqupsFrom(handle);
-    if (p == nullptr) {
-        return 0;
-    }
-    return p->processInterleaved(src, dst, bytes);
+    return Hqups::answer(
+        handle, [&](dsp::HqupsProcessor& p) { return p.processInterleaved(src, dst, bytes); });
 }
 
 DSP_API uint32_t getHqupsDstSize(void* handle, uint32_t n) {
-    dsp::HqupsProcessor* p = hqupsFrom(handle);
-    return p == nullptr ? 0 : p->getDstSize(n);
+    return Hqups::answer(handle, [&](dsp::HqupsProcessor& p) { return p.getDstSize(n); });
 }
 
 DSP_API uint32_t getHqupsSrcSize(void* handle, uint32_t n) {
-    dsp::HqupsProcessor* p = hqupsFrom(handle);
-    return p == nullptr ? 0 : p->sourceSizeFor(n);
+    return Hqups::answer(handle, [&](dsp::HqupsProcessor& p) { return p.sourceSizeFor(n); });
 }
 
 DSP_API uint32_t termHqups(void* handle) {
-    dsp::HqupsProcessor* p = hqupsFrom(handle);
-    if (p == nullptr) {
-        return 0;
-    }
-    dsp::destroyProcessor(p);
-    return 1;
+    return Hqups::term(handle);
 }
 
 } // extern "C"

@@ -2,13 +2,10 @@
 #include "dsp.h"
 
 #include "analysis/wave_slice_processor.h"
+#include "exports/family.h"
 
 namespace {
-
-dsp::WaveSliceProcessor* waveSliceFrom(void* handle) {
-    return dsp::processorFromHandle<dsp::WaveSliceProcessor>(handle, dsp::kTagWaveSlice);
-}
-
+using WaveSlice = dsp::ExportedFamily<dsp::WaveSliceProcessor, dsp::kTagWaveSlice>;
 } // namespace
 
 extern "C" {
@@ -20,22 +17,17 @@ DSP_API void* initWaveSlice(uint32_t frames, uint32_t channels, uint32_t rate, f
 }
 
 DSP_API uint32_t doWaveSlice(void* handle, const int16_t* src, uint32_t bytes) {
-    dsp::WaveSliceProcessor* p = waveSliceFrom(handle);
-    return p == nullptr ? 0 : p->analyze(src, bytes);
+    return WaveSlice::answer(handle,
+                             [&](dsp::WaveSliceProcessor& p) { return p.analyze(src, bytes); });
 }
 
 DSP_API SliceRecord* getWaveSlice(void* handle, uint32_t index) {
-    dsp::WaveSliceProcessor* p = waveSliceFrom(handle);
+    dsp::WaveSliceProcessor* p = WaveSlice::from(handle);
     return p == nullptr ? nullptr : p->getSlice(index);
 }
 
 DSP_API uint32_t termWaveSlice(void* handle) {
-    dsp::WaveSliceProcessor* p = waveSliceFrom(handle);
-    if (p == nullptr) {
-        return 0;
-    }
-    dsp::destroyProcessor(p);
-    return 1;
+    return WaveSlice::term(handle);
 }
 
 } // extern "C"

@@ -48,11 +48,11 @@ DSP_API uint8_t* bufSizeExtendWavefileIn(void* handle, uint32_t frames) {
 }
 
 DSP_API WavefileHeader* getHeaderWavefileIn(void* handle) {
-    return handle != nullptr ? &asReader(handle)->header : nullptr;
+    return handle != nullptr ? asReader(handle)->header() : nullptr;
 }
 
 DSP_API WavefileFormat* getFormatWavefileIn(void* handle) {
-    return handle != nullptr ? &asReader(handle)->format : nullptr;
+    return handle != nullptr ? asReader(handle)->format() : nullptr;
 }
 
 DSP_API void termWavefileIn(void* handle) {
@@ -77,7 +77,7 @@ DSP_API uint32_t flushWavefileOut(void* handle) {
 }
 
 DSP_API WavefileFormat* getFormatWavefileOut(void* handle) {
-    return handle != nullptr ? &asWriter(handle)->format : nullptr;
+    return handle != nullptr ? asWriter(handle)->format() : nullptr;
 }
 
 DSP_API uint32_t termWavefileOut(void* handle) {

@@ -1,7 +1,5 @@
 #include "iir_filter_processor.h"
 
-#include "core/sample_convert.h"
-
 namespace dsp {
 
 bool IirFilterProcessor::init(uint32_t frames, uint32_t channels, uint32_t rate,
@@ -9,21 +7,21 @@ bool IirFilterProcessor::init(uint32_t frames, uint32_t channels, uint32_t rate,
     if (!setupBuffers(frames, channels)) {
         return false;
     }
-    outRate = rate;
-    inRate = rate;
-    order = filterOrder;
-    cutoff = cutoffHz;
-    kind = filterKind;
+    setOutRate(rate);
+    setInRate(rate);
+    order_ = filterOrder;
+    cutoff_ = cutoffHz;
+    kind_ = filterKind;
     return redesign(rate);
 }
 
 bool IirFilterProcessor::redesign(uint32_t rate) {
     bool ok = true;
-    for (ChebyshevDesigner& filter : filters) {
+    for (ChebyshevDesigner& filter : filters_) {
         // An order beyond the signed range has no meaning; it comes out
         // negative and gives a filter without sections.
-        if (filter.setOrder(static_cast<int32_t>(order), kind)) {
-            filter.design(static_cast<float>(rate), cutoff);
+        if (filter.setOrder(static_cast<int32_t>(order_), kind_)) {
+            filter.design(static_cast<float>(rate), cutoff_);
         } else {
             ok = false;
         }
@@ -33,13 +31,13 @@ bool IirFilterProcessor::redesign(uint32_t rate) {
 
 void IirFilterProcessor::configure(uint32_t frames, uint32_t channels, uint32_t rate) {
     setupBuffers(frames, channels);
-    inRate = rate;
-    if (rate != outRate) {
+    setInRate(rate);
+    if (rate != outRate()) {
         // A filter whose arrays cannot be had is left without sections and
         // passes the signal through.
         redesign(rate);
     }
-    outRate = rate;
+    setOutRate(rate);
 }
 
 uint32_t IirFilterProcessor::processChannel(uint32_t channel, const float* in, float* out,
@@ -47,35 +45,17 @@ uint32_t IirFilterProcessor::processChannel(uint32_t channel, const float* in, f
     if (channel > 1) {
         return 0;
     }
-    return filters[channel].process(in, out, frames);
+    return filters_[channel].process(in, out, frames);
 }
 
 uint32_t IirFilterProcessor::processChained(const float* inL, const float* inR, float* outL,
                                             float* outR, uint32_t frames) {
-    if (inChannels == 2) {
-        IirDesigner::processPair(filters[0], inL, outL, filters[1], inR, outR, frames);
+    if (inChannels() == 2) {
+        IirDesigner::processPair(filters_[0], inL, outL, filters_[1], inR, outR, frames);
     } else {
-        filters[0].process(inL, outL, frames);
+        filters_[0].process(inL, outL, frames);
     }
     return frames;
-}
-
-uint32_t IirFilterProcessor::processInterleaved(const int16_t* src, int16_t* dst, uint32_t bytes) {
-    if (ready != 1 || inFrames == 0 || inChannels != 2) {
-        return interleavedTemplate(src, dst, bytes);
-    }
-    // The standard template, with both channels filtered side by side.
-    uint32_t frames = bytes / 4;
-    while (frames > 0) {
-        const uint32_t piece = frames < inFrames ? frames : inFrames;
-        convertToFloat(src, piece * 4, work[0], work[1], 2);
-        IirDesigner::processPair(filters[0], work[0], work[2], filters[1], work[1], work[3], piece);
-        convertToInt16(work[2], work[3], piece, dst, 2);
-        src += piece * 2;
-        dst += piece * 2;
-        frames -= piece;
-    }
-    return bytes;
 }
 
 } // namespace dsp

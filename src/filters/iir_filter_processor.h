@@ -15,7 +15,7 @@ class IirFilterProcessor : public DspProcessor {
 public:
     static constexpr uint32_t kHighPass = 1;
 
-    IirFilterProcessor() { tag = kTagIirFilter; }
+    IirFilterProcessor() : DspProcessor(kTagIirFilter) {}
 
     // Buffers for frames x channels and both filters designed for rate.
     // Returns false when buffers or filter arrays cannot be allocated.
@@ -30,17 +30,16 @@ public:
                             uint32_t frames) override;
     uint32_t processChained(const float* inL, const float* inR, float* outL, float* outR,
                             uint32_t frames) override;
-    uint32_t processInterleaved(const int16_t* src, int16_t* dst, uint32_t bytes) override;
-
-    ChebyshevDesigner filters[2]; // left (or mono), right
-    uint32_t order = 0;
-    float cutoff = 0.0f;
-    uint32_t kind = 0; // 1 high-pass, anything else low-pass
 
 private:
     // setOrder then design at rate, for both filters; false when a filter's
     // arrays cannot be allocated.
     bool redesign(uint32_t rate);
+
+    ChebyshevDesigner filters_[2]; // left (or mono), right
+    uint32_t order_ = 0;
+    float cutoff_ = 0.0f;
+    uint32_t kind_ = 0; // 1 high-pass, anything else low-pass
 };
 
 } // namespace dsp

@@ -16,4 +16,22 @@ struct Grain {
     int32_t length = 0;
 };
 
+namespace granular {
+
+// The samples a sounding grain plays in a stretch of `len` samples in which
+// no grain starts: one at least, then until its age reaches its length.
+inline uint32_t stepsWithin(const Grain& g, uint32_t len) {
+    const int64_t left = static_cast<int64_t>(g.length) - g.age;
+    return left <= 1 ? 1u : (left < len ? static_cast<uint32_t>(left) : len);
+}
+
+// Sets the age a grain has reached; it falls silent at its length.
+inline void setAge(Grain& g, int32_t age) {
+    g.age = age;
+    if (g.age >= g.length) {
+        g.active = 0;
+    }
+}
+
+} // namespace granular
 } // namespace dsp

@@ -25,6 +25,18 @@ inline float sampleAt(int64_t k, const float* in, uint32_t available, const floa
     return pastSample(ring, writeIndex, span, static_cast<uint32_t>(-k));
 }
 
+// The history as the engines read it during a block: the ring, the index of
+// its newest sample and the span in use.
+struct HistoryView {
+    const float* ring;
+    uint32_t writeIndex;
+    uint32_t span;
+
+    float at(int64_t k, const float* in, uint32_t available) const {
+        return sampleAt(k, in, available, ring, writeIndex, span);
+    }
+};
+
 // Appends the block `in` of `frames` samples with the modulus `span`. When the
 // block is at least as long as the history, only its last `span` samples are
 // kept and writeIndex stays where it is.

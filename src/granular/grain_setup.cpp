@@ -41,23 +41,6 @@ bool grainGeometryFor(uint32_t sampleRate, float grainSeconds, float spacingSeco
     return true;
 }
 
-void resetGrains(float* ring, uint32_t ringSize, float* window, Grain* grains,
-                 const GrainGeometry& geometry, int64_t stride, int64_t back) {
-    for (uint32_t i = 0; i < ringSize; ++i) {
-        ring[i] = 0.0f;
-    }
-    fillGaussianWindow(window, geometry.length);
-    for (uint32_t k = 0; k < geometry.count; ++k) {
-        const int64_t steps = static_cast<int64_t>(k) + 1;
-        Grain& g = grains[k];
-        g.active = 1;
-        g.start = static_cast<int32_t>(steps * stride - back);
-        g.age = static_cast<int32_t>(geometry.length - steps * geometry.spacing);
-        g.window = window;
-        g.length = static_cast<int32_t>(geometry.length);
-    }
-}
-
 void fillGaussianWindow(float* window, uint32_t length) {
     for (uint32_t i = 0; i < length; ++i) {
         double x = 13.0 * static_cast<double>(i) / static_cast<double>(length) - 6.5;

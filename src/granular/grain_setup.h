@@ -2,11 +2,7 @@
 // from seconds, the output level from dB, the Gaussian grain window.
 #pragma once
 
-#include "grain.h"
-
-#include <cstddef>
 #include <cstdint>
-#include <new>
 
 namespace dsp {
 namespace granular {
@@ -34,18 +30,6 @@ float levelFromDb(float levelDb);
 // window[i] = exp(-0.25 * (13 i / length - 6.5)^2) for i < length.
 void fillGaussianWindow(float* window, uint32_t length);
 
-// new (std::nothrow) T[count], or null when count elements cannot be sized.
-template <typename T>
-T* allocateArray(size_t count) {
-    if (count == 0) {
-        count = 1;
-    }
-    if (count > SIZE_MAX / sizeof(T)) {
-        return nullptr;
-    }
-    return new (std::nothrow) T[count];
-}
-
 // The grain layout of an engine at one sample rate.
 struct GrainGeometry {
     float rate = 0.0f;    // the sample rate as float
@@ -57,48 +41,6 @@ struct GrainGeometry {
 // False for a rate of 0 or a grain length grainLengthFor refuses.
 bool grainGeometryFor(uint32_t sampleRate, float grainSeconds, float spacingSeconds,
                       GrainGeometry* geometry);
-
-// A larger replacement for one owned array. Every array a setup needs is
-// prepared before any is installed, so a failed setup leaves the engine as it
-// was; a replacement that is never installed is freed with this object.
-template <typename T>
-class ArrayGrowth {
-public:
-    ArrayGrowth() = default;
-    ~ArrayGrowth() { delete[] fresh_; }
-    ArrayGrowth(const ArrayGrowth&) = delete;
-    ArrayGrowth& operator=(const ArrayGrowth&) = delete;
-
-    // Allocates `count` elements when `needed`. False when that fails.
-    bool prepare(bool needed, size_t count) {
-        if (!needed) {
-            return true;
-        }
-        fresh_ = allocateArray<T>(count);
-        return fresh_ != nullptr;
-    }
-    // Frees `held` and puts the replacement in its place; false (nothing
-    // done) when no replacement was needed.
-    bool install(T*& held) {
-        if (fresh_ == nullptr) {
-            return false;
-        }
-        delete[] held;
-        held = fresh_;
-        fresh_ = nullptr;
-        return true;
-    }
-
-private:
-    T* fresh_ = nullptr;
-};
-
-// Silences ringSize history samples, draws the window and sets the records
-// up as if the engine had been running: record k began (k + 1) x spacing
-// samples ago at position (k + 1) x stride - back, so the output fades in
-// from silence over about one grain.
-void resetGrains(float* ring, uint32_t ringSize, float* window, Grain* grains,
-                 const GrainGeometry& geometry, int64_t stride, int64_t back);
 
 } // namespace granular
 } // namespace dsp

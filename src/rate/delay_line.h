@@ -1,6 +1,8 @@
 // A fixed delay of `length` samples over a circular buffer (zeros at first).
 #pragma once
 
+#include "core/owned_array.h"
+
 #include <cstdint>
 
 namespace dsp {
@@ -8,30 +10,31 @@ namespace dsp {
 class DelayLine {
 public:
     DelayLine() = default;
-    virtual ~DelayLine();
     DelayLine(const DelayLine&) = delete;
     DelayLine& operator=(const DelayLine&) = delete;
 
     // Sets the delay and clears the buffer, which grows only when length
-    // exceeds the current one. False for length 0 or a failed allocation (the
-    // line is then not ready and passes samples through undelayed).
+    // exceeds what it holds. False for length 0 or a failed allocation (the
+    // line is then left as it was; one never set up passes samples through).
     bool setup(uint32_t length);
 
     // Returns the sample given `length` calls earlier and stores x.
     float tick(float x) {
-        if (!ready) {
+        if (length_ == 0) {
             return x;
         }
-        index = static_cast<int32_t>((static_cast<uint32_t>(index) + 1) % length);
-        const float y = buffer[index];
-        buffer[index] = x;
+        index_ = (index_ + 1) % length_;
+        const float y = buffer_[index_];
+        buffer_[index_] = x;
         return y;
     }
 
-    uint8_t ready = 0;
-    uint32_t length = 0;
-    float* buffer = nullptr;
-    int32_t index = 0;
+    uint32_t length() const { return length_; }
+
+private:
+    OwnedArray<float> buffer_;
+    uint32_t length_ = 0;
+    uint32_t index_ = 0;
 };
 
 } // namespace dsp

@@ -1,162 +1,150 @@
 #include "harmonic_generator.h"
 
-#include "core/fastmem_pool.h"
 #include "core/numeric.h"
 #include "rate/cutoff_detector.h"
 #include "rate/harmonic_mix.h"
 
+#include <utility>
+
 namespace dsp {
 
 namespace {
-
-float* takeFloats(uint32_t count) {
-    if (count > (UINT32_MAX - 15) / 4) {
-        return nullptr;
-    }
-    return static_cast<float*>(fastmemPool().allocate(count * 4));
-}
-
-void giveBack(float*& buffer) {
-    if (buffer != nullptr) {
-        fastmemPool().release(buffer);
-        buffer = nullptr;
-    }
-}
-
-// The analyzer's history holds about 2.33 blocks; it must also hold one whole
-// transform, which very small blocks would not give.
-uint32_t analysisHistoryLength(uint32_t blockFrames) {
-    const uint32_t length = truncToUint32(blockFrames * 2.3333);
-    return length < HarmonicGenerator::kFftSize ? HarmonicGenerator::kFftSize : length;
-}
-
+constexpr float kAnalysisRangeDb = 120.0f;
 } // namespace
 
-HarmonicGenerator::~HarmonicGenerator() {
-    releasePoolBuffers();
-    giveBack(spectrumDb);
-    ready = 0;
-}
-
-void HarmonicGenerator::releasePoolBuffers() {
-    giveBack(band);
-    giveBack(shaped);
+uint32_t HarmonicGenerator::analysisHistoryFor(uint32_t blockFrames) {
+    const uint32_t length = truncToUint32(blockFrames * 2.3333);
+    return length < kFftSize ? kFftSize : length;
 }
 
 uint32_t HarmonicGenerator::setup(uint32_t blockFrames, uint32_t sampleRate, float newHarmonics,
                                   float mixPercent, uint32_t cutoff, uint32_t mode, uint32_t taps) {
-    if (!ready || blockFrames > frames || band == nullptr || shaped == nullptr) {
-        releasePoolBuffers();
-        band = takeFloats(blockFrames);
-        shaped = takeFloats(blockFrames);
-        if (band == nullptr || shaped == nullptr) {
-            releasePoolBuffers();
-            ready = 0;
-            return 0;
-        }
-    }
-    mixGain = static_cast<float>(mixPercent * 0.01);
-    hpCutoffHz = static_cast<float>(cutoff);
-    activeMode = mode;
-    rate = sampleRate;
-    frames = blockFrames;
-
-    const float filterRate = static_cast<float>(sampleRate);
-    if (!bandFilter.setWindow(kAttenuationDb, static_cast<int32_t>(taps), KaiserFir::kHighPass) ||
-        !limitFilter.setWindow(kAttenuationDb, kLimitTaps, KaiserFir::kHighPass)) {
-        ready = 0;
+    if (!takeBandBuffers(blockFrames)) {
+        ready_ = false;
         return 0;
     }
-    bandFilter.design(filterRate, hpCutoffHz);
-    limitFilter.design(filterRate, hpCutoffHz);
+    mixGain_ = static_cast<float>(mixPercent * 0.01);
+    activeMode_ = mode;
+    rate_ = sampleRate;
+    frames_ = blockFrames;
+    ready_ =
+        setUpFilters(taps, static_cast<float>(sampleRate), static_cast<float>(cutoff)) &&
+        setUpDryDelay(mode, taps) && setUpCurve(newHarmonics) &&
+        analyzer_.setup(blockFrames, analysisHistoryFor(blockFrames), kFftSize, kAnalysisRangeDb) &&
+        takeSpectrumBuffer();
+    return ready_ ? 1 : 0;
+}
 
-    // The dry path waits for the filters: 8 samples for the 16-tap band
-    // filter, 16 when the 32-tap limit filter follows it.
-    bool delayReady = true;
+// The band buffers are replaced by exactly `frames` floats whenever the block
+// grows past the last one (the pool's accounting shows their size).
+bool HarmonicGenerator::takeBandBuffers(uint32_t blockFrames) {
+    if (ready_ && blockFrames <= frames_) {
+        return true;
+    }
+    PoolBuffer band = PoolBuffer::allocate(blockFrames);
+    PoolBuffer shaped = PoolBuffer::allocate(blockFrames);
+    if (!band || !shaped) {
+        return false;
+    }
+    band_ = std::move(band);
+    shaped_ = std::move(shaped);
+    return true;
+}
+
+// Taken once, at the first setup that gets this far.
+bool HarmonicGenerator::takeSpectrumBuffer() {
+    if (!spectrumDb_) {
+        spectrumDb_ = PoolBuffer::allocate(2 * kSpectrumBins);
+    }
+    return static_cast<bool>(spectrumDb_);
+}
+
+bool HarmonicGenerator::setUpFilters(uint32_t taps, float rate, float hpCutoffHz) {
+    if (!bandFilter_.setWindow(kAttenuationDb, static_cast<int32_t>(taps), KaiserFir::kHighPass) ||
+        !limitFilter_.setWindow(kAttenuationDb, kLimitTaps, KaiserFir::kHighPass)) {
+        return false;
+    }
+    bandFilter_.design(rate, hpCutoffHz);
+    limitFilter_.design(rate, hpCutoffHz);
+    return true;
+}
+
+// The dry path waits for the filters: 8 samples for the 16-tap band filter,
+// 16 when the 32-tap limit filter follows it.
+bool HarmonicGenerator::setUpDryDelay(uint32_t mode, uint32_t taps) {
     if (mode == 0) {
-        delayReady = dryDelay.setup(taps / 2);
-    } else if (mode == 1) {
-        delayReady = dryDelay.setup(taps);
+        return dryDelay_.setup(taps / 2);
     }
+    if (mode == 1) {
+        return dryDelay_.setup(taps);
+    }
+    return true;
+}
 
-    if (!ready || !curve.ready || newHarmonics != harmonics) {
-        harmonics = newHarmonics;
-        if (!curve.resetIdentity() || !setHarmonics(newHarmonics)) {
-            ready = 0;
-            return 0;
-        }
+// An unchanged bend keeps the curve and where its search stands.
+bool HarmonicGenerator::setUpCurve(float newHarmonics) {
+    if (ready_ && curve_.isBuilt() && newHarmonics == harmonics_) {
+        return true;
     }
-
-    if (!delayReady ||
-        !analyzer.setup(blockFrames, analysisHistoryLength(blockFrames), kFftSize, 120.0f)) {
-        ready = 0;
-        return 0;
-    }
-    if (spectrumDb == nullptr) {
-        spectrumDb = takeFloats(2 * kSpectrumBins);
-        if (spectrumDb == nullptr) {
-            ready = 0;
-            return 0;
-        }
-    }
-    ready = 1;
-    return 1;
+    return setHarmonics(newHarmonics);
 }
 
 bool HarmonicGenerator::setHarmonics(float newHarmonics) {
-    harmonics = newHarmonics;
-    return curve.build(newHarmonics);
+    harmonics_ = newHarmonics;
+    return curve_.build(newHarmonics);
 }
 
 float HarmonicGenerator::analyzeCutoff(const float* block) {
-    analyzer.analyze(block);
-    analyzer.magnitudesDb(spectrumDb);
-    cutoffHz = detectCutoff(spectrumDb, kSpectrumBins, rate);
-    return cutoffHz;
+    analyzer_.analyze(block);
+    analyzer_.magnitudesDb(spectrumDb_.data());
+    cutoffHz_ = detectCutoff(spectrumDb_.data(), kSpectrumBins, rate_);
+    return cutoffHz_;
 }
 
-void HarmonicGenerator::synthesise(const float* in, uint32_t n) {
-    bandFilter.filter(in, band, n);
-    curve.shape(band, shaped, n);
-    subtractFromShaped(shaped, band, n);
+void HarmonicGenerator::synthesise(ArithmeticRule rule, const float* in, uint32_t n) {
+    bandFilter_.filter(rule, in, band_.data(), n);
+    curve_.shape(band_.data(), shaped_.data(), n);
+    subtractFromShaped(rule, shaped_.data(), band_.data(), n);
 }
 
-void HarmonicGenerator::limitAndMix(const float* in, float* out, uint32_t n) {
-    if (activeMode == 1) {
-        limitFilter.design(static_cast<float>(rate), cutoffHz);
-        limitFilter.filter(band, band, n);
+void HarmonicGenerator::limitAndMix(ArithmeticRule rule, const float* in, float* out, uint32_t n) {
+    if (activeMode_ == 1) {
+        limitFilter_.design(static_cast<float>(rate_), cutoffHz_);
+        limitFilter_.filter(rule, band_.data(), band_.data(), n);
     }
     for (uint32_t i = 0; i < n; ++i) {
-        out[i] = dryDelay.tick(in[i]);
+        out[i] = dryDelay_.tick(in[i]);
     }
-    addScaled(out, band, mixGain, n);
+    addScaled(rule, out, band_.data(), mixGain_, n);
 }
 
-void HarmonicGenerator::process(const float* in, float* out, float cutoff, uint32_t n) {
-    cutoffHz = cutoff;
-    if (!ready || n == 0) {
+void HarmonicGenerator::process(ArithmeticRule rule, const float* in, float* out, float cutoff,
+                                uint32_t n) {
+    cutoffHz_ = cutoff;
+    if (!ready_ || n == 0) {
         return;
     }
     // The band buffers hold `frames` samples; a longer block is cut short.
-    if (n > frames) {
-        n = frames;
+    if (n > frames_) {
+        n = frames_;
     }
-    synthesise(in, n);
-    limitAndMix(in, out, n);
+    synthesise(rule, in, n);
+    limitAndMix(rule, in, out, n);
 }
 
-void HarmonicGenerator::processDetecting(const float* in, float* out, uint32_t n) {
-    if (!ready || n == 0) {
+void HarmonicGenerator::processDetecting(ArithmeticRule rule, const float* in, float* out,
+                                         uint32_t n) {
+    if (!ready_ || n == 0) {
         return;
     }
-    if (n > frames) {
-        n = frames;
+    if (n > frames_) {
+        n = frames_;
     }
-    synthesise(in, n);
-    if (activeMode == 1) {
+    synthesise(rule, in, n);
+    if (activeMode_ == 1) {
         analyzeCutoff(in);
     }
-    limitAndMix(in, out, n);
+    limitAndMix(rule, in, out, n);
 }
 
 } // namespace dsp

@@ -1,7 +1,5 @@
 #include "harmonic_mix.h"
 
-#include "core/simd_flags.h"
-
 #if defined(__SSE2__) || defined(_M_X64) || (defined(_M_IX86_FP) && _M_IX86_FP >= 2)
 #define DSP_HAVE_SSE2 1
 #include <emmintrin.h>
@@ -40,32 +38,19 @@ void addScaledSingle(float* out, const float* band, float gain, uint32_t count) 
 #endif
 }
 
-// The share of n handled in groups of `group` (a power of two), when n
-// exceeds group - 1; the remainder goes to the plain rule.
-uint32_t groupedShare(uint32_t n, uint32_t group) {
-    return n >= group ? n - n % group : 0;
+// The share of n the single-precision kernels take under a rule: groups of 4
+// or 8, when n is at least one group; the remainder goes to the plain rule.
+uint32_t groupedShare(ArithmeticRule rule, uint32_t n) {
+    const uint32_t group = rule == ArithmeticRule::kTruncating    ? 4
+                           : rule == ArithmeticRule::kNearestEven ? 8
+                                                                  : 0;
+    return group != 0 && n >= group ? n - n % group : 0;
 }
-
-} // namespace
-
-namespace mix {
 
 void subtractPlain(const float* shaped, float* band, uint32_t n) {
     for (uint32_t i = 0; i < n; ++i) {
         band[i] = static_cast<float>(static_cast<double>(shaped[i]) - band[i]);
     }
-}
-
-void subtract3dnow(const float* shaped, float* band, uint32_t n) {
-    const uint32_t share = groupedShare(n, 4);
-    subtractSingle(shaped, band, share);
-    subtractPlain(shaped + share, band + share, n - share);
-}
-
-void subtractSse(const float* shaped, float* band, uint32_t n) {
-    const uint32_t share = groupedShare(n, 8);
-    subtractSingle(shaped, band, share);
-    subtractPlain(shaped + share, band + share, n - share);
 }
 
 void addScaledPlain(float* out, const float* band, float gain, uint32_t n) {
@@ -75,38 +60,18 @@ void addScaledPlain(float* out, const float* band, float gain, uint32_t n) {
     }
 }
 
-void addScaled3dnow(float* out, const float* band, float gain, uint32_t n) {
-    const uint32_t share = groupedShare(n, 4);
+} // namespace
+
+void subtractFromShaped(ArithmeticRule rule, const float* shaped, float* band, uint32_t n) {
+    const uint32_t share = groupedShare(rule, n);
+    subtractSingle(shaped, band, share);
+    subtractPlain(shaped + share, band + share, n - share);
+}
+
+void addScaled(ArithmeticRule rule, float* out, const float* band, float gain, uint32_t n) {
+    const uint32_t share = groupedShare(rule, n);
     addScaledSingle(out, band, gain, share);
     addScaledPlain(out + share, band + share, gain, n - share);
-}
-
-void addScaledSse(float* out, const float* band, float gain, uint32_t n) {
-    const uint32_t share = groupedShare(n, 8);
-    addScaledSingle(out, band, gain, share);
-    addScaledPlain(out + share, band + share, gain, n - share);
-}
-
-} // namespace mix
-
-void subtractFromShaped(const float* shaped, float* band, uint32_t n) {
-    if (simdFlags.amd3dnow) {
-        mix::subtract3dnow(shaped, band, n);
-    } else if (simdFlags.sse) {
-        mix::subtractSse(shaped, band, n);
-    } else {
-        mix::subtractPlain(shaped, band, n);
-    }
-}
-
-void addScaled(float* out, const float* band, float gain, uint32_t n) {
-    if (simdFlags.amd3dnow) {
-        mix::addScaled3dnow(out, band, gain, n);
-    } else if (simdFlags.sse) {
-        mix::addScaledSse(out, band, gain, n);
-    } else {
-        mix::addScaledPlain(out, band, gain, n);
-    }
 }
 
 } // namespace dsp

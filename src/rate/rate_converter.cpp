@@ -7,7 +7,6 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
-#include <new>
 
 namespace dsp {
 
@@ -22,160 +21,150 @@ double acoshByLog(double y) {
     return std::log(y + std::sqrt(y * y - 1.0));
 }
 
-// The two pieces of cubicWeight. For a fraction d in [0, 1) the distances
-// d and |d - 1| lie in [0, 1] and d + 1 and |d - 2| in [1, 2]; at exactly 1
-// and 2 both pieces (and the 0.0 beyond 2) are +0.0, so each tap can take its
-// piece without the range tests and get the same double.
-inline double cubicInner(double u) {
-    return 1.0 - 2.0 * u * u + u * u * u;
-}
-inline double cubicOuter(double u) {
-    return 4.0 - 8.0 * u + 5.0 * u * u - u * u * u;
-}
-
 constexpr double kCountLimit = 4294967296.0;           // counts must fit 32 bits
 constexpr uint32_t kMaxFrames = (UINT32_MAX - 15) / 4; // the pool's largest float buffer
 
+// The Chebyshev order estimate plus one, truncated: a non-positive
+// attenuation or slope makes the estimate NaN or negative and gets no filter
+// (order 0 passes the signal through); an estimate above the cap is held at
+// the cap.
+int32_t filterOrder(double attenuationDb, double ratio, double rippleDb) {
+    const double x = std::sqrt((std::pow(10.0, 0.1 * attenuationDb) - 1.0) /
+                               (std::pow(10.0, 0.1 * rippleDb) - 1.0));
+    const double estimate = acoshByLog(x) / acoshByLog(ratio) + 1.0;
+    if (!(estimate >= 1.0)) {
+        return 0;
+    }
+    if (estimate >= RateConverter::kMaxFilterOrder + 1.0) {
+        return RateConverter::kMaxFilterOrder;
+    }
+    return truncToInt32(estimate);
+}
+
 } // namespace
 
-RateConverter::~RateConverter() {
-    freeBuffers();
-}
-
-void RateConverter::freeBuffers() {
-    delete[] scratch;
-    delete[] history;
-    scratch = nullptr;
-    history = nullptr;
-    ready = 0;
-}
-
-uint32_t RateConverter::setup(uint32_t frames, uint32_t newSrcRate, uint32_t newDstRate,
-                              uint32_t newInterpolation, float attenuationDb,
-                              float slopeDbPerOctave, uint8_t newFilterOn, float rippleDb) {
-    interpolation = newInterpolation;
-    filterOn = newFilterOn;
-    srcRate = newSrcRate;
-    dstRate = newDstRate;
-
-    if (ready != 1 || frames > capacity) {
-        freeBuffers();
-        // Blocks the work buffers could not hold either are refused, which
-        // also keeps frames + 3 from wrapping on 32-bit targets.
-        if (frames <= kMaxFrames) {
-            scratch = new (std::nothrow) float[frames];
-            history = new (std::nothrow) float[static_cast<size_t>(frames) + 3];
-        }
-        if (scratch == nullptr || history == nullptr) {
-            freeBuffers();
-            capacity = 0;
-            dstFrames = 0;
-            convertible_ = false;
-            return 0;
-        }
+bool RateConverter::setup(uint32_t frames, uint32_t newSrcRate, uint32_t newDstRate,
+                          const ConversionSettings& settings) {
+    cubic_ = settings.interpolation != 0;
+    filterOn_ = settings.filterOn != 0;
+    srcRate_ = newSrcRate;
+    dstRate_ = newDstRate;
+    direction_ = srcRate_ < dstRate_ ? 1 : (srcRate_ > dstRate_ ? -1 : 0);
+    if (!growBuffers(frames) || !designFilter(settings.attenuationDb, settings.slopeDbPerOctave)) {
+        ready_ = false;
+        convertible_ = false;
+        blockFrames_ = 0;
+        dstFrames_ = 0;
+        return false;
     }
-    capacity = frames;
-
+    blockFrames_ = frames;
     // A zero rate, or an output count beyond 32 bits, leaves nothing that can
     // be converted; the buffers are kept so a later setup can reuse them.
     convertible_ =
-        srcRate != 0 && dstRate != 0 && scaledCount(frames, srcRate, dstRate) < kCountLimit;
-    dstFrames = convertible_ ? truncToUint32(scaledCount(frames, srcRate, dstRate)) : 0;
-
-    direction = srcRate < dstRate ? 1 : (srcRate > dstRate ? -1 : 0);
-    designFilter(attenuationDb, slopeDbPerOctave, rippleDb);
-    if (filter.allocated != 1) {
-        freeBuffers();
-        capacity = 0;
-        dstFrames = 0;
-        convertible_ = false;
-        return 0;
-    }
-
-    std::memset(history, 0, (static_cast<size_t>(frames) + 3) * sizeof(float));
-    prevChunk = frames;
-    ready = 1;
-    return dstFrames;
+        srcRate_ != 0 && dstRate_ != 0 && scaledCount(frames, srcRate_, dstRate_) < kCountLimit;
+    dstFrames_ = convertible_ ? outputCount(frames) : 0;
+    clearHistory(frames);
+    ready_ = true;
+    return true;
 }
 
-void RateConverter::designFilter(float attenuationDb, float slopeDbPerOctave, float rippleDb) {
-    const uint32_t lo = srcRate < dstRate ? srcRate : dstRate;
-    const uint32_t hi = srcRate < dstRate ? dstRate : srcRate;
-    const double a = attenuationDb;
-    const double octaves = a / static_cast<double>(slopeDbPerOctave);
-    const double ratio = std::pow(2.0, octaves);
-    const double fc = (0.5 * lo) / ratio;
-    const double x = std::sqrt((std::pow(10.0, 0.1 * a) - 1.0) /
-                               (std::pow(10.0, 0.1 * static_cast<double>(rippleDb)) - 1.0));
-    const double estimate = acoshByLog(x) / acoshByLog(ratio) + 1.0;
+bool RateConverter::growBuffers(uint32_t frames) {
+    // Blocks the work buffers could not hold either are refused, which also
+    // keeps frames + 3 from wrapping on 32-bit targets.
+    if (frames > kMaxFrames) {
+        return false;
+    }
+    OwnedArray<float> scratch;
+    OwnedArray<float> history;
+    if (!prepareGrowth(scratch_, frames, scratch) ||
+        !prepareGrowth(history_, static_cast<size_t>(frames) + 3, history)) {
+        return false;
+    }
+    installGrowth(scratch_, scratch);
+    installGrowth(history_, history);
+    return true;
+}
 
-    // A non-positive attenuation or slope makes the estimate NaN or negative
-    // and gets no filter (order 0 passes the signal through); an estimate
-    // above the cap is held at the cap. A cutoff that is not a positive
-    // frequency below the higher rate's Nyquist limit gets no filter either.
-    int32_t order;
-    if (!(estimate >= 1.0)) {
-        order = 0;
-    } else if (estimate >= kMaxFilterOrder + 1.0) {
-        order = kMaxFilterOrder;
-    } else {
-        order = truncToInt32(estimate);
+// The low-pass at the higher rate whose pass band ends attenuation / slope
+// octaves below the lower rate's Nyquist frequency, designed on every setup
+// whatever the direction and the filter switch. A cutoff that is not a
+// positive frequency below the higher rate's Nyquist limit gets no filter.
+bool RateConverter::designFilter(float attenuationDb, float slopeDbPerOctave) {
+    const uint32_t lo = srcRate_ < dstRate_ ? srcRate_ : dstRate_;
+    const uint32_t hi = srcRate_ < dstRate_ ? dstRate_ : srcRate_;
+    const double a = attenuationDb;
+    const double ratio = std::pow(2.0, a / static_cast<double>(slopeDbPerOctave));
+    lowPass_.rateHz = static_cast<float>(hi);
+    lowPass_.edgeHz = static_cast<float>((0.5 * lo) / ratio);
+    lowPass_.order = filterOrder(a, ratio, kRippleDb);
+    if (lo == 0 || !(lowPass_.edgeHz > 0.0f && lowPass_.edgeHz < 0.5f * lowPass_.rateHz)) {
+        lowPass_.order = 0;
     }
-    const float cutoff = static_cast<float>(fc);
-    if (lo == 0 || !(cutoff > 0.0f && cutoff < 0.5f * static_cast<float>(hi))) {
-        order = 0;
+    if (!filter_.setOrder(lowPass_.order, 0)) {
+        return false;
     }
-    filter.setOrder(order, 0);
-    filter.designChebyshev(static_cast<float>(hi), cutoff, rippleDb);
+    filter_.designChebyshev(lowPass_.rateHz, lowPass_.edgeHz, kRippleDb);
+    return true;
+}
+
+// Zeros for the three carried samples and the first chunk.
+void RateConverter::clearHistory(uint32_t frames) {
+    std::memset(history_.data(), 0, (static_cast<size_t>(frames) + 3) * sizeof(float));
+    prevChunk_ = frames;
+}
+
+uint32_t RateConverter::outputCount(uint32_t n) const {
+    return truncToUint32(scaledCount(n, srcRate_, dstRate_));
 }
 
 uint32_t RateConverter::outputFramesFor(uint32_t n) const {
-    if (srcRate == 0) {
+    if (srcRate_ == 0) {
         return 0;
     }
-    return truncToUint32(dstRate * (static_cast<double>(n) / srcRate));
+    return truncToUint32(dstRate_ * (static_cast<double>(n) / srcRate_));
 }
 
 uint32_t RateConverter::convert(const float* in, float* out, uint32_t frames) {
-    if (ready != 1 || !convertible_) {
+    if (!ready_ || !convertible_) {
         return 0;
     }
-    // The buffers hold `capacity` frames; a longer block is cut short rather
-    // than read past them.
-    const uint32_t n = frames < capacity ? frames : capacity;
-    const uint32_t total = truncToUint32(scaledCount(n, srcRate, dstRate));
+    // The buffers hold the last setup's block; a longer block is cut short
+    // rather than read past them.
+    const uint32_t n = frames < blockFrames_ ? frames : blockFrames_;
+    const uint32_t total = outputCount(n);
 
-    if (direction == 0) {
+    if (direction_ == 0) {
         // All n frames are copied, though the count is one short where
         // (n / rate) * rate evaluates below n. Callers size the output for
         // dstFrames, which is below n only for such a full block: that copy
         // stops at dstFrames.
-        const uint32_t copied = n < dstFrames ? n : dstFrames;
+        const uint32_t copied = n < dstFrames_ ? n : dstFrames_;
         copyBuffer(in, out, static_cast<size_t>(copied) * sizeof(float));
         return total;
     }
 
     const float* source = in;
-    if (direction < 0 && filterOn != 0) {
-        filter.process(in, scratch, n);
-        source = scratch;
+    if (direction_ < 0 && filterOn_) {
+        filter_.process(in, scratch_.data(), n);
+        source = scratch_.data();
     }
 
     interpolate(source, out, n, total);
 
-    if (direction > 0 && filterOn != 0) {
-        filter.process(out, out, total);
+    if (direction_ > 0 && filterOn_) {
+        filter_.process(out, out, total);
     }
     return total;
 }
 
-void RateConverter::interpolate(const float* source, float* out, uint32_t n, uint32_t total) {
-    const double step = static_cast<double>(srcRate) / dstRate;
-    const uint32_t perChunk = truncToUint32(scaledCount(kChunkFrames, srcRate, dstRate));
-    uint32_t remainingIn = n;
-    uint32_t remainingOut = total;
-    float* target = out;
-    while (remainingIn > 0) {
+template <typename Chunk>
+void RateConverter::forEachChunk(uint32_t n, uint32_t total, Chunk chunk) const {
+    const uint32_t perChunk = outputCount(kChunkFrames);
+    uint32_t at = 0;
+    uint32_t to = 0;
+    while (at < n) {
+        const uint32_t remainingIn = n - at;
+        const uint32_t remainingOut = total - to;
         const uint32_t chunkIn = remainingIn < kChunkFrames ? remainingIn : kChunkFrames;
         // The final chunk takes whatever is still owed, so that exactly
         // `total` frames are written.
@@ -183,22 +172,42 @@ void RateConverter::interpolate(const float* source, float* out, uint32_t n, uin
         if (chunkIn == remainingIn) {
             chunkOut = remainingOut;
         }
-        if (interpolation == 0) {
-            linearChunk(source, chunkIn, target, chunkOut, step);
-        } else {
-            cubicChunk(source, chunkIn, target, chunkOut, step);
-        }
-        source += chunkIn;
-        target += chunkOut;
-        remainingIn -= chunkIn;
-        remainingOut -= chunkOut;
+        chunk(at, chunkIn, to, chunkOut);
+        at += chunkIn;
+        to += chunkOut;
     }
 }
 
+void RateConverter::interpolate(const float* source, float* out, uint32_t n, uint32_t total) {
+    const double step = static_cast<double>(srcRate_) / dstRate_;
+    forEachChunk(n, total, [&](uint32_t at, uint32_t chunkIn, uint32_t to, uint32_t chunkOut) {
+        if (cubic_) {
+            cubicChunk(source + at, chunkIn, out + to, chunkOut, step);
+        } else {
+            linearChunk(source + at, chunkIn, out + to, chunkOut, step);
+        }
+    });
+}
+
+void RateConverter::interpolatePair(RateConverter& right, const float* sourceL, float* outL,
+                                    const float* sourceR, float* outR, uint32_t n, uint32_t total) {
+    const double step = static_cast<double>(srcRate_) / dstRate_;
+    forEachChunk(n, total, [&](uint32_t at, uint32_t chunkIn, uint32_t to, uint32_t chunkOut) {
+        if (cubic_) {
+            cubicChunkPair(right, sourceL + at, outL + to, sourceR + at, outR + to, chunkIn,
+                           chunkOut, step);
+        } else {
+            linearChunkPair(sourceL + at, outL + to, sourceR + at, outR + to, chunkIn, chunkOut,
+                            step);
+        }
+    });
+}
+
 bool RateConverter::canPairWith(const RateConverter& other) const {
-    return ready == 1 && other.ready == 1 && convertible_ && other.convertible_ && direction != 0 &&
-           direction == other.direction && (filterOn != 0) == (other.filterOn != 0) &&
-           srcRate == other.srcRate && dstRate == other.dstRate && capacity == other.capacity;
+    return ready_ && other.ready_ && convertible_ && other.convertible_ && direction_ != 0 &&
+           direction_ == other.direction_ && filterOn_ == other.filterOn_ &&
+           srcRate_ == other.srcRate_ && dstRate_ == other.dstRate_ &&
+           blockFrames_ == other.blockFrames_;
 }
 
 namespace {
@@ -212,16 +221,12 @@ bool overlaps(const float* a, size_t na, const float* b, size_t nb) {
 uint32_t RateConverter::convertPair(RateConverter& left, const float* inL, float* outL,
                                     RateConverter& right, const float* inR, float* outR,
                                     uint32_t frames) {
-    if (!left.canPairWith(right)) {
-        const uint32_t produced = left.convert(inL, outL, frames);
-        right.convert(inR, outR, frames);
-        return produced;
-    }
-    const uint32_t n = frames < left.capacity ? frames : left.capacity;
-    const uint32_t total = truncToUint32(scaledCount(n, left.srcRate, left.dstRate));
+    const bool alike = left.canPairWith(right);
+    const uint32_t n = frames < left.blockFrames_ ? frames : left.blockFrames_;
+    const uint32_t total = alike ? left.outputCount(n) : 0;
     // One channel's output must not be the other's input or output, or the
     // order of the two conversions would matter.
-    if (overlaps(outL, total, inR, n) || overlaps(outR, total, inL, n) ||
+    if (!alike || overlaps(outL, total, inR, n) || overlaps(outR, total, inL, n) ||
         overlaps(outL, total, outR, total)) {
         const uint32_t produced = left.convert(inL, outL, frames);
         right.convert(inR, outR, frames);
@@ -229,50 +234,22 @@ uint32_t RateConverter::convertPair(RateConverter& left, const float* inL, float
     }
     const float* sourceL = inL;
     const float* sourceR = inR;
-    const bool filtered = left.filterOn != 0;
-    if (left.direction < 0 && filtered) {
-        IirDesigner::processPair(left.filter, inL, left.scratch, right.filter, inR, right.scratch,
-                                 n);
-        sourceL = left.scratch;
-        sourceR = right.scratch;
+    if (left.direction_ < 0 && left.filterOn_) {
+        IirDesigner::processPair(left.filter_, inL, left.scratch_.data(), right.filter_, inR,
+                                 right.scratch_.data(), n);
+        sourceL = left.scratch_.data();
+        sourceR = right.scratch_.data();
     }
-    if ((left.interpolation == 0) == (right.interpolation == 0)) {
+    if (left.cubic_ == right.cubic_) {
         left.interpolatePair(right, sourceL, outL, sourceR, outR, n, total);
     } else {
         left.interpolate(sourceL, outL, n, total);
         right.interpolate(sourceR, outR, n, total);
     }
-    if (left.direction > 0 && filtered) {
-        IirDesigner::processPair(left.filter, outL, outL, right.filter, outR, outR, total);
+    if (left.direction_ > 0 && left.filterOn_) {
+        IirDesigner::processPair(left.filter_, outL, outL, right.filter_, outR, outR, total);
     }
     return total;
-}
-
-void RateConverter::interpolatePair(RateConverter& right, const float* sourceL, float* outL,
-                                    const float* sourceR, float* outR, uint32_t n, uint32_t total) {
-    // The chunking of interpolate, shared by both channels.
-    const double step = static_cast<double>(srcRate) / dstRate;
-    const uint32_t perChunk = truncToUint32(scaledCount(kChunkFrames, srcRate, dstRate));
-    uint32_t remainingIn = n;
-    uint32_t remainingOut = total;
-    while (remainingIn > 0) {
-        const uint32_t chunkIn = remainingIn < kChunkFrames ? remainingIn : kChunkFrames;
-        uint32_t chunkOut = remainingOut < perChunk ? remainingOut : perChunk;
-        if (chunkIn == remainingIn) {
-            chunkOut = remainingOut;
-        }
-        if (interpolation == 0) {
-            linearChunkPair(sourceL, outL, sourceR, outR, chunkIn, chunkOut, step);
-        } else {
-            cubicChunkPair(right, sourceL, outL, sourceR, outR, chunkIn, chunkOut, step);
-        }
-        sourceL += chunkIn;
-        sourceR += chunkIn;
-        outL += chunkOut;
-        outR += chunkOut;
-        remainingIn -= chunkIn;
-        remainingOut -= chunkOut;
-    }
 }
 
 namespace {
@@ -308,9 +285,7 @@ inline float linearAt(const float* src, int32_t i, double f) {
 }
 
 // The four weights of one cubic output: w[k] belongs to history[i - 1 + k].
-struct CubicWeights {
-    double w[4];
-};
+using CubicWeights = CubicTaps;
 
 // The walk of the cubic interpolation over one chunk of the history: for
 // every output frame j but the last, the index i and the weights.
@@ -321,22 +296,17 @@ void walkCubic(uint32_t chunkIn, uint32_t chunkOut, double step, Emit emit) {
     double pos = 1.0;
     uint32_t j = 0;
     // Below the last index the position lies in [1, 2^31): a plain
-    // conversion truncates it, and the distances fall in the kernel's
-    // inner and outer pieces as written.
+    // conversion truncates it.
     for (; j + 1 < chunkOut && pos < lastPos; ++j) {
         const int32_t i = static_cast<int32_t>(pos);
         const double d = pos - static_cast<double>(i);
-        emit(j, i,
-             CubicWeights{{cubicOuter(d + 1.0), cubicInner(d), cubicInner(std::fabs(d - 1.0)),
-                           cubicOuter(std::fabs(d - 2.0))}});
+        emit(j, i, cubicTaps(d));
         pos = pos + step;
     }
     for (; j + 1 < chunkOut; ++j) {
         const int32_t i = pos < lastPos ? truncToInt32(pos) : last;
         const double d = pos - std::trunc(pos);
-        emit(j, i,
-             CubicWeights{{cubicWeight(d + 1.0), cubicWeight(d), cubicWeight(std::fabs(d - 1.0)),
-                           cubicWeight(std::fabs(d - 2.0))}});
+        emit(j, i, cubicTaps(d));
         pos = pos + step;
     }
 }
@@ -381,14 +351,14 @@ void RateConverter::linearChunk(const float* src, uint32_t chunkIn, float* out, 
     out[chunkOut - 1] = src[chunkIn - 1];
 }
 
-float* RateConverter::takeCubicChunk(const float* src, uint32_t chunkIn) {
+const float* RateConverter::takeCubicChunk(const float* src, uint32_t chunkIn) {
     // history[k] holds source frame k - 3 of this chunk: the three samples
     // before it come from the end of the previous chunk (zeros after setup).
-    float* h = history;
-    h[0] = h[prevChunk];
-    h[1] = h[prevChunk + 1];
-    h[2] = h[prevChunk + 2];
-    prevChunk = chunkIn;
+    float* h = history_.data();
+    h[0] = h[prevChunk_];
+    h[1] = h[prevChunk_ + 1];
+    h[2] = h[prevChunk_ + 2];
+    prevChunk_ = chunkIn;
     std::memcpy(h + 3, src, static_cast<size_t>(chunkIn) * sizeof(float));
     return h;
 }

@@ -6,41 +6,59 @@
 // alias), after it when upsampling (anti-image). Equal rates copy the block.
 #pragma once
 
+#include "core/owned_array.h"
 #include "filters/iir_designer.h"
 
 #include <cstdint>
 
 namespace dsp {
 
+// How a converter interpolates and filters, as the host gives it.
+struct ConversionSettings {
+    uint32_t interpolation = 0;    // 0 linear, anything else 4-point cubic
+    float attenuationDb = 0.0f;    // the low-pass's pass band ends attenuationDb /
+    float slopeDbPerOctave = 0.0f; // slopeDbPerOctave octaves below the lower Nyquist
+    uint8_t filterOn = 0;          // nonzero runs the low-pass
+};
+
+// The low-pass a setup designed: its order (0: none), the rate it runs at and
+// its pass-band edge.
+struct LowPassDesign {
+    int32_t order = 0;
+    float rateHz = 0.0f;
+    float edgeHz = 0.0f;
+};
+
 class RateConverter {
 public:
     static constexpr uint32_t kChunkFrames = 4096;
+    // Pass-band ripple of the low-pass.
+    static constexpr float kRippleDb = 0.1f;
     // Caps the estimated filter order: attenuation/slope pairs whose estimate
     // is larger (a slope far steeper than any audio use, or an infinite
     // attenuation) get this order instead of an endless cascade.
     static constexpr int32_t kMaxFilterOrder = 64;
 
     RateConverter() = default;
-    virtual ~RateConverter();
     RateConverter(const RateConverter&) = delete;
     RateConverter& operator=(const RateConverter&) = delete;
 
     // Sizes the buffers for blocks of up to `frames` source frames (reused
-    // when large enough), designs the low-pass at the higher rate, clears the
-    // cubic history and returns the output frames of a full block. Returns 0
-    // with ready 0 when the buffers cannot be allocated.
-    uint32_t setup(uint32_t frames, uint32_t srcRate, uint32_t dstRate, uint32_t interpolation,
-                   float attenuationDb, float slopeDbPerOctave, uint8_t filterOn, float rippleDb);
+    // when large enough), designs the low-pass at the higher rate and clears
+    // the cubic history. False when memory runs out: the converter then
+    // converts nothing until a setup succeeds.
+    bool setup(uint32_t frames, uint32_t srcRate, uint32_t dstRate,
+               const ConversionSettings& settings);
 
-    // Converts `frames` source frames (at most `capacity`; more are not read)
-    // and writes exactly the returned number of output frames,
-    // trunc((frames / srcRate) * dstRate).
+    // Converts `frames` source frames (at most the block of the last setup;
+    // more are not read) and writes exactly the returned number of output
+    // frames, trunc((frames / srcRate) * dstRate).
     uint32_t convert(const float* in, float* out, uint32_t frames);
 
     // left.convert(inL, outL, frames) and right.convert(inR, outR, frames),
-    // with the two low-passes run side by side and one position sum for both
-    // linear interpolations when the converters are set up alike (same
-    // results, sample for sample). Returns left's count.
+    // with the two low-passes run side by side and one position walk for both
+    // interpolations when the converters are set up alike (same results,
+    // sample for sample). Returns left's count.
     static uint32_t convertPair(RateConverter& left, const float* inL, float* outL,
                                 RateConverter& right, const float* inR, float* outR,
                                 uint32_t frames);
@@ -48,48 +66,60 @@ public:
     // trunc(dstRate * (n / srcRate)); callers use it on byte counts too.
     uint32_t outputFramesFor(uint32_t n) const;
 
-    // True once setup has the buffers.
-    bool isReady() const { return ready == 1; }
+    // True once a setup succeeded.
+    bool isReady() const { return ready_; }
     // True when both rates are nonzero and a full block's output count fits
     // 32 bits; otherwise convert writes nothing and returns 0.
     bool canConvert() const { return convertible_; }
-
-    uint8_t ready = 0;
-    ChebyshevDesigner filter;
-    int32_t direction = 0; // +1 upsampling, -1 downsampling, 0 equal rates
-    uint32_t srcRate = 0;
-    uint32_t dstRate = 0;
-    uint32_t capacity = 0;      // source frames the buffers are sized for
-    uint32_t dstFrames = 0;     // output frames for a block of capacity frames
-    uint32_t prevChunk = 0;     // length of the last chunk converted
-    float* scratch = nullptr;   // the filtered source block when downsampling
-    float* history = nullptr;   // three carried samples, then the current chunk
-    uint32_t interpolation = 0; // 0 linear, anything else cubic
-    uint8_t filterOn = 0;
+    // Output frames for a block of the last setup's frames.
+    uint32_t blockOutputFrames() const { return dstFrames_; }
+    const LowPassDesign& lowPass() const { return lowPass_; }
 
 private:
-    void freeBuffers();
+    // The steps of setup.
+    bool growBuffers(uint32_t frames);
+    bool designFilter(float attenuationDb, float slopeDbPerOctave);
+    void clearHistory(uint32_t frames);
+
+    // Output frames of n source frames.
+    uint32_t outputCount(uint32_t n) const;
     // Both converters ready and convertible, changing the rate the same way
-    // with the filter on or off alike, with the same capacity.
+    // with the filter on or off alike, with the same block.
     bool canPairWith(const RateConverter& other) const;
+    // The chunks of n source frames and `total` output frames: calls
+    // chunk(sourceOffset, chunkIn, outputOffset, chunkOut) for each.
+    template <typename Chunk>
+    void forEachChunk(uint32_t n, uint32_t total, Chunk chunk) const;
     // The chunked interpolation of n source frames into total output frames.
     void interpolate(const float* source, float* out, uint32_t n, uint32_t total);
-    void designFilter(float attenuationDb, float slopeDbPerOctave, float rippleDb);
-    static void linearChunk(const float* src, uint32_t chunkIn, float* out, uint32_t chunkOut,
-                            double step);
-    // interpolate for two channels at once (this one left, `right` right),
-    // both linear or both cubic: the positions and weights serve both.
+    // interpolate for two channels at once (this one left, `right` right,
+    // both linear or both cubic): the positions and weights serve both.
     void interpolatePair(RateConverter& right, const float* sourceL, float* outL,
                          const float* sourceR, float* outR, uint32_t n, uint32_t total);
+    static void linearChunk(const float* src, uint32_t chunkIn, float* out, uint32_t chunkOut,
+                            double step);
     static void linearChunkPair(const float* srcL, float* outL, const float* srcR, float* outR,
                                 uint32_t chunkIn, uint32_t chunkOut, double step);
     void cubicChunk(const float* src, uint32_t chunkIn, float* out, uint32_t chunkOut, double step);
-    // Appends a chunk to the cubic history; returns the history.
-    float* takeCubicChunk(const float* src, uint32_t chunkIn);
     void cubicChunkPair(RateConverter& right, const float* srcL, float* outL, const float* srcR,
                         float* outR, uint32_t chunkIn, uint32_t chunkOut, double step);
+    // Appends a chunk to the cubic history; returns the history.
+    const float* takeCubicChunk(const float* src, uint32_t chunkIn);
 
+    bool ready_ = false;
     bool convertible_ = false;
+    ChebyshevDesigner filter_;
+    LowPassDesign lowPass_;
+    int32_t direction_ = 0; // +1 upsampling, -1 downsampling, 0 equal rates
+    uint32_t srcRate_ = 0;
+    uint32_t dstRate_ = 0;
+    uint32_t blockFrames_ = 0;  // source frames of the last setup's block
+    uint32_t dstFrames_ = 0;    // output frames for such a block
+    uint32_t prevChunk_ = 0;    // length of the last chunk converted
+    OwnedArray<float> scratch_; // the filtered source block when downsampling
+    OwnedArray<float> history_; // three carried samples, then the current chunk
+    bool cubic_ = false;
+    bool filterOn_ = false;
 };
 
 // Source units that yield n output units: s = trunc((n / dstRate) * srcRate),

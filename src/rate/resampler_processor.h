@@ -5,7 +5,7 @@
 #pragma once
 
 #include "core/processor.h"
-#include "rate/rate_converter.h"
+#include "rate/rate_converter_pair.h"
 
 #include <cstdint>
 
@@ -13,15 +13,15 @@ namespace dsp {
 
 class ResamplerProcessor : public DspProcessor {
 public:
-    ResamplerProcessor() { tag = kTagResampler; }
+    explicit ResamplerProcessor(const ConversionSettings& settings)
+        : DspProcessor(kTagResampler), settings_(settings) {}
     ~ResamplerProcessor() override = default;
 
     // Builds a ready resampler, or returns null when a rate is zero, a channel
     // count is not 1 or 2, or memory runs out (nothing is left allocated).
     static ResamplerProcessor* create(uint32_t frames, uint32_t inChannels, uint32_t outChannels,
-                                      uint32_t srcRate, uint32_t dstRate, uint32_t interpolation,
-                                      float attenuationDb, float slopeDbPerOctave,
-                                      uint8_t filterOn);
+                                      uint32_t srcRate, uint32_t dstRate,
+                                      const ConversionSettings& settings);
 
     // New input format from a chain: the output channels follow the input,
     // the destination rate stays; the converters are rebuilt (filter state
@@ -36,27 +36,17 @@ public:
     // output of one configured block.
     uint32_t processChained(const float* inL, const float* inR, float* outL, float* outR,
                             uint32_t frames) override;
-    // Converts in, resamples, converts out with outChannels channels and
-    // returns the bytes written. A block larger than inFrames is processed in
-    // pieces of inFrames frames.
+    // Returns the bytes written (outChannels channels).
     uint32_t processInterleaved(const int16_t* src, int16_t* dst, uint32_t bytes) override;
 
-    // Floats that work[2] and work[3] hold.
-    uint32_t outputCapacity() const { return outputCapacity_; }
-
-    RateConverter converters[2];
-    uint32_t interpolation = 0;
-    float attenuationDb = 0.0f;
-    float slopeDbPerOctave = 0.0f;
-    uint8_t filterOn = 0;
-
 private:
-    // Sets up both converters for the current input format and outRate;
-    // false when either cannot get its buffers.
-    bool setupConverters(uint32_t frames, uint32_t rate, uint32_t* outputFrames);
+    // New output buffers of exactly `floats` floats.
     bool replaceOutputBuffers(uint32_t floats);
+    // Output buffers of at least `floats` floats, replaced only when smaller.
+    bool holdOutput(uint32_t floats);
 
-    uint32_t outputCapacity_ = 0;
+    RateConverterPair converters_;
+    ConversionSettings settings_; // as given at init, reused by every configure
 };
 
 } // namespace dsp

@@ -2,152 +2,103 @@
 
 #include <cmath>
 #include <cstring>
-#include <new>
 
 namespace dsp {
 
 namespace {
 
 constexpr double kQuarterPi = 0.7853981633974483;
-
-void freeList(CurveNode* node) {
-    while (node != nullptr) {
-        CurveNode* next = node->next;
-        delete node;
-        node = next;
-    }
-}
+constexpr int kCurveSamples = 64; // points at t = k / 64, k = 1 .. 63
 
 // Slope of the segment from a to b, computed in double from the stored floats.
-float segmentSlope(const CurveNode* a, const CurveNode* b) {
-    return static_cast<float>((static_cast<double>(b->y) - a->y) /
-                              (static_cast<double>(b->x) - a->x));
-}
-
-// The two end nodes (0, 0) and (1, 1), linked, with the slope 1 between them.
-bool makeStraightLine(CurveNode*& first, CurveNode*& last) {
-    first = new (std::nothrow) CurveNode{0.0f, 0.0f, 1.0f, nullptr, nullptr};
-    last = new (std::nothrow) CurveNode{1.0f, 1.0f, 0.0f, nullptr, nullptr};
-    if (first == nullptr || last == nullptr) {
-        delete first;
-        delete last;
-        return false;
-    }
-    first->next = last;
-    last->prev = first;
-    return true;
+float segmentSlope(const CurveNode& a, const CurveNode& b) {
+    return static_cast<float>((static_cast<double>(b.y) - a.y) / (static_cast<double>(b.x) - a.x));
 }
 
 double clampTo(double v, double lo, double hi) {
     return v < lo ? lo : (v > hi ? hi : v);
 }
 
+// Point k of the quadratic Bezier from (0, 0) to (1, 1) with control point
+// (a, b), x limited to [0, 1] and y to [-1, 1].
+CurveNode bezierPoint(int k, double a, double b) {
+    const double t = static_cast<double>(k) / kCurveSamples;
+    const float x = static_cast<float>(clampTo(2.0 * (1.0 - t) * t * a + t * t, 0.0, 1.0));
+    const float y = static_cast<float>(clampTo(2.0 * (1.0 - t) * t * b + t * t, -1.0, 1.0));
+    return CurveNode{x, y, 0.0f};
+}
+
+// Inserts a point after the last node whose x does not exceed it (searching
+// back from the end) and updates the slopes on both sides. Points on an
+// existing x are skipped; so is a point past the last node, which only a NaN
+// bend produces.
+void insertPoint(NothrowVector<CurveNode>& nodes, const CurveNode& point) {
+    size_t p = nodes.size() - 1;
+    while (nodes[p].x > point.x) {
+        --p;
+    }
+    if (p + 1 == nodes.size() || point.x == nodes[p].x || point.x == nodes[p + 1].x) {
+        return;
+    }
+    // Within the reserved capacity: no allocation.
+    nodes.insert(nodes.begin() + static_cast<std::ptrdiff_t>(p) + 1, point);
+    nodes[p + 1].slope = segmentSlope(nodes[p + 1], nodes[p + 2]);
+    nodes[p].slope = segmentSlope(nodes[p], nodes[p + 1]);
+}
+
 } // namespace
 
-TransferCurve::~TransferCurve() {
-    clear();
-}
-
-void TransferCurve::clear() {
-    freeList(head);
-    head = tail = cursor = nullptr;
-    count = 0;
-    ready = 0;
-}
-
-bool TransferCurve::resetIdentity() {
-    if (ready) {
-        return true;
-    }
-    CurveNode* first = nullptr;
-    CurveNode* last = nullptr;
-    if (!makeStraightLine(first, last)) {
-        return false;
-    }
-    head = first;
-    tail = last;
-    cursor = last;
-    count = 2;
-    ready = 1;
-    return true;
-}
-
 bool TransferCurve::build(float harmonics) {
-    CurveNode* first = nullptr;
-    CurveNode* last = nullptr;
-    if (!makeStraightLine(first, last)) {
+    NothrowVector<CurveNode> nodes;
+    if (!tryReserve(nodes, kMaxNodes)) {
         return false;
     }
-    int32_t nodes = 2;
-
+    // The straight line from (0, 0) to (1, 1), then the sampled points.
+    nodes.push_back(CurveNode{0.0f, 0.0f, 1.0f});
+    nodes.push_back(CurveNode{1.0f, 1.0f, 0.0f});
     const double h = harmonics;
     const double a = 0.5 - h * std::cos(kQuarterPi);
     const double b = 0.5 + h * std::sin(kQuarterPi);
-    for (int k = 1; k < 64; ++k) {
-        const double t = k / 64.0;
-        const float x = static_cast<float>(clampTo(2.0 * (1.0 - t) * t * a + t * t, 0.0, 1.0));
-        const float y = static_cast<float>(clampTo(2.0 * (1.0 - t) * t * b + t * t, -1.0, 1.0));
-        CurveNode* p = last;
-        while (p->x > x) {
-            p = p->prev;
-        }
-        CurveNode* q = p->next;
-        // Points on an existing x are skipped; so is a point past the tail,
-        // which only a NaN bend produces.
-        if (q == nullptr || x == p->x || x == q->x) {
-            continue;
-        }
-        CurveNode* n = new (std::nothrow) CurveNode{x, y, 0.0f, q, p};
-        if (n == nullptr) {
-            freeList(first);
-            return false;
-        }
-        p->next = n;
-        q->prev = n;
-        n->slope = segmentSlope(n, q);
-        p->slope = segmentSlope(p, n);
-        ++nodes;
+    for (int k = 1; k < kCurveSamples; ++k) {
+        insertPoint(nodes, bezierPoint(k, a, b));
     }
-
-    clear();
-    head = first;
-    tail = last;
-    cursor = last;
-    count = nodes;
-    ready = 1;
+    nodes_.swap(nodes);
+    cursor_ = nodes_.size() - 1;
     return true;
 }
 
 void TransferCurve::shape(const float* in, float* out, uint32_t n) {
-    if (!ready) {
+    if (!isBuilt()) {
         if (in != out) {
             std::memmove(out, in, static_cast<size_t>(n) * sizeof(float));
         }
         return;
     }
-    CurveNode* node = cursor;
-    for (uint32_t i = 0; i < n; ++i) {
-        const float x = in[i];
+    const CurveNode* nodes = nodes_.data();
+    const size_t last = nodes_.size() - 1;
+    size_t i = cursor_;
+    for (uint32_t s = 0; s < n; ++s) {
+        const float x = in[s];
         const float a = std::fabs(x);
         for (;;) {
-            while (a < node->x) {
-                node = node->prev;
+            while (a < nodes[i].x) {
+                --i;
             }
-            if (node->next != nullptr && node->next->x <= a) {
-                node = node->next;
+            if (i < last && nodes[i + 1].x <= a) {
+                ++i;
                 continue;
             }
             break;
         }
-        const float y = node->slope * (a - node->x) + node->y;
+        const float y = nodes[i].slope * (a - nodes[i].x) + nodes[i].y;
         uint32_t yBits;
         uint32_t xBits;
         std::memcpy(&yBits, &y, sizeof yBits);
         std::memcpy(&xBits, &x, sizeof xBits);
         yBits |= xBits & 0x80000000u;
-        std::memcpy(&out[i], &yBits, sizeof yBits);
+        std::memcpy(&out[s], &yBits, sizeof yBits);
     }
-    cursor = node;
+    cursor_ = i;
 }
 
 } // namespace dsp

@@ -47,14 +47,13 @@ bool RiffFile::open(const char* path, Access access) {
     if (path == nullptr || path[0] == '\0') {
         return false;
     }
-    buffer_ = new (std::nothrow) uint8_t[kBufferBytes];
-    if (buffer_ == nullptr) {
+    buffer_ = OwnedArray<uint8_t>::allocate(kBufferBytes);
+    if (!buffer_) {
         return false;
     }
     file_ = std::fopen(path, access == Access::kRead ? "rb" : "w+b");
     if (file_ == nullptr) {
-        delete[] buffer_;
-        buffer_ = nullptr;
+        buffer_.reset();
         return false;
     }
     // Our own buffer does the buffering; the stream's would only copy twice.
@@ -77,8 +76,7 @@ bool RiffFile::close() {
         ok = false;
     }
     file_ = nullptr;
-    delete[] buffer_;
-    buffer_ = nullptr;
+    buffer_.reset();
     writable_ = false;
     return ok;
 }
@@ -145,7 +143,7 @@ bool RiffFile::writeBack() {
     }
     size_t bytes = dirtyTo_ - dirtyFrom_;
     if (!seekFile(windowStart_ + static_cast<int64_t>(dirtyFrom_)) ||
-        std::fwrite(buffer_ + dirtyFrom_, 1, bytes, file_) != bytes) {
+        std::fwrite(buffer_.data() + dirtyFrom_, 1, bytes, file_) != bytes) {
         // The range stays dirty: a later flush tries again.
         return false;
     }
@@ -166,7 +164,7 @@ int64_t RiffFile::read(void* dst, size_t bytes) {
         if (position_ >= windowStart_ && position_ < windowEnd) {
             size_t offset = static_cast<size_t>(position_ - windowStart_);
             size_t n = std::min(bytes - done, windowBytes_ - offset);
-            std::memcpy(out + done, buffer_ + offset, n);
+            std::memcpy(out + done, buffer_.data() + offset, n);
             done += n;
             position_ += static_cast<int64_t>(n);
             continue;
@@ -190,7 +188,7 @@ int64_t RiffFile::read(void* dst, size_t bytes) {
             continue;
         }
         windowStart_ = position_;
-        windowBytes_ = std::fread(buffer_, 1, kBufferBytes, file_);
+        windowBytes_ = std::fread(buffer_.data(), 1, kBufferBytes, file_);
         if (windowBytes_ == 0) {
             failed = std::ferror(file_) != 0;
             break;
@@ -222,7 +220,7 @@ int64_t RiffFile::write(const void* src, size_t bytes) {
         }
         size_t offset = static_cast<size_t>(position_ - windowStart_);
         size_t n = std::min(bytes - done, kBufferBytes - offset);
-        std::memcpy(buffer_ + offset, in + done, n);
+        std::memcpy(buffer_.data() + offset, in + done, n);
         if (dirtyTo_ <= dirtyFrom_) {
             dirtyFrom_ = offset;
             dirtyTo_ = offset + n;
@@ -253,6 +251,48 @@ bool RiffFile::writeExact(const void* src, size_t bytes) {
     return write(src, bytes) == static_cast<int64_t>(bytes);
 }
 
+namespace {
+
+bool isForm(uint32_t id) {
+    return id == kFourccRiff || id == kFourccList;
+}
+
+bool matches(const RiffChunk& found, const RiffChunk& wanted, RiffFile::Search search) {
+    switch (search) {
+    case RiffFile::Search::kNext:
+        return true;
+    case RiffFile::Search::kChunk:
+        return found.id == wanted.id;
+    case RiffFile::Search::kRiff:
+        return found.id == kFourccRiff && found.formType == wanted.formType;
+    case RiffFile::Search::kList:
+        return found.id == kFourccList && found.formType == wanted.formType;
+    }
+    return false;
+}
+
+} // namespace
+
+bool RiffFile::readHeader(int64_t at, RiffChunk& found) {
+    uint8_t header[12];
+    position_ = at;
+    if (!readExact(header, 8)) {
+        return false;
+    }
+    found.id = loadLe32(header);
+    found.size = loadLe32(header + 4);
+    found.formType = 0;
+    if (isForm(found.id)) {
+        if (!readExact(header + 8, 4)) {
+            return false;
+        }
+        found.formType = loadLe32(header + 8);
+    }
+    found.dataOffset = static_cast<uint64_t>(at + 8);
+    found.created = false;
+    return true;
+}
+
 bool RiffFile::descend(RiffChunk& chunk, const RiffChunk* parent, Search search) {
     if (file_ == nullptr) {
         return false;
@@ -266,50 +306,19 @@ bool RiffFile::descend(RiffChunk& chunk, const RiffChunk* parent, Search search)
             return false;
         }
     }
-    int64_t at = start;
-    while (at < limit) {
-        uint8_t header[12];
-        position_ = at;
-        if (!readExact(header, 8)) {
+    for (int64_t at = start; at < limit;) {
+        RiffChunk found;
+        if (!readHeader(at, found)) {
             break;
         }
-        uint32_t id = loadLe32(header);
-        uint32_t size = loadLe32(header + 4);
-        bool isForm = id == kFourccRiff || id == kFourccList;
-        uint32_t formType = 0;
-        if (isForm) {
-            if (!readExact(header + 8, 4)) {
-                break;
-            }
-            formType = loadLe32(header + 8);
-        }
-        bool match = false;
-        switch (search) {
-        case Search::kNext:
-            match = true;
-            break;
-        case Search::kChunk:
-            match = id == chunk.id;
-            break;
-        case Search::kRiff:
-            match = id == kFourccRiff && formType == chunk.formType;
-            break;
-        case Search::kList:
-            match = id == kFourccList && formType == chunk.formType;
-            break;
-        }
-        if (match) {
-            chunk.id = id;
-            chunk.size = size;
-            chunk.formType = formType;
-            chunk.dataOffset = static_cast<uint64_t>(at + 8);
-            chunk.created = false;
-            position_ = at + (isForm ? 12 : 8);
+        if (matches(found, chunk, search)) {
+            chunk = found;
+            position_ = at + (isForm(found.id) ? 12 : 8);
             return true;
         }
         // Sizes are 32-bit, so this cannot overflow; a size past the end of
         // the file simply makes the next header read fail.
-        at += 8 + static_cast<int64_t>(size) + (size & 1u);
+        at += 8 + static_cast<int64_t>(found.size) + (found.size & 1u);
     }
     position_ = start;
     return false;

@@ -4,6 +4,8 @@
 // buffer of its own; 64-bit file positions on every build.
 #pragma once
 
+#include "core/owned_array.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -40,7 +42,7 @@ public:
     // given id, a "RIFF" or a "LIST" chunk with the given form type.
     enum class Search { kNext, kChunk, kRiff, kList };
 
-    static constexpr size_t kBufferBytes = 128 * 1024;
+    static constexpr size_t kBufferBytes = size_t{128} * 1024;
 
     RiffFile() = default;
     ~RiffFile();
@@ -86,12 +88,15 @@ public:
 
 private:
     bool seekFile(int64_t position);
+    // Reads the chunk header at `at` into `found`; false when the file ends
+    // first.
+    bool readHeader(int64_t at, RiffChunk& found);
     bool writeBack();
     bool readExact(void* dst, size_t bytes);
     bool writeExact(const void* src, size_t bytes);
 
     std::FILE* file_ = nullptr;
-    uint8_t* buffer_ = nullptr;
+    OwnedArray<uint8_t> buffer_;
     bool writable_ = false;
     int64_t position_ = 0;
     // The buffer mirrors the file bytes [windowStart_, windowStart_ + windowBytes_);

@@ -4,8 +4,10 @@
 // 2 x channels bytes (16-bit samples).
 #pragma once
 
+#include "core/owned_array.h"
 #include "dsp.h"
 #include "wavefile/riff_file.h"
+#include "wavefile/wavefile_format_codec.h"
 
 #include <cstdint>
 
@@ -19,7 +21,7 @@ public:
     WavefileReader& operator=(const WavefileReader&) = delete;
 
     // Opens `path` and positions the file at the first sample byte, with an
-    // own buffer of `frames` frames. Any failure leaves isOpen 0 and the file
+    // own buffer of `frames` frames. Any failure leaves it closed and the file
     // closed.
     void open(const char* path, uint32_t frames);
     // Reads frames x 2 x channels bytes into `buffer`, or into the own buffer
@@ -39,24 +41,29 @@ public:
     // Closes the file and frees the own buffer.
     void close();
 
-    RiffFile file;
-    RiffChunk riffChunk;
-    RiffChunk chunk; // "fmt " during open, then "data"
-    uint8_t isOpen = 0;
-    uint32_t bufferBytes = 0;
-    // The records are packed; aligning them keeps the header's pointer and
-    // the format's 32-bit fields naturally aligned for the host.
-    alignas(8) WavefileFormat format{};
-    alignas(8) WavefileHeader header{};
+    // The records the host reads through pointers.
+    WavefileFormat* format() { return &format_; }
+    WavefileHeader* header() { return &header_; }
 
 private:
     bool frameBytes(uint32_t frames, uint32_t& bytes) const;
     bool openChecked(const char* path, uint32_t frames);
+    // Finds the "WAVE" form and its "fmt " chunk and reads the format body.
+    bool readFormatChunk(uint8_t (&body)[kWaveFormatBytes]);
+    // The header record the host reads, for the "data" chunk just found.
+    void fillHeader();
     int32_t moveTo(int64_t position);
 
-    // Allocated and freed only by the reader; a caller's buffer is never
-    // taken over.
-    uint8_t* ownBuffer_ = nullptr;
+    RiffFile file_;
+    RiffChunk riffChunk_;
+    RiffChunk chunk_; // "fmt " during open, then "data"
+    uint8_t isOpen_ = 0;
+    // The records are packed; aligning them keeps the header's pointer and
+    // the format's 32-bit fields naturally aligned for the host.
+    alignas(8) WavefileFormat format_{};
+    alignas(8) WavefileHeader header_{};
+    // The reader's own buffer; a caller's buffer is never taken over.
+    OwnedArray<uint8_t> ownBuffer_;
 };
 
 } // namespace dsp

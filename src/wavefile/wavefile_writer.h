@@ -15,7 +15,7 @@ public:
     static constexpr uint32_t kProvisionalDataBytes = 307200;
 
     // Copies `source` (when given) and creates the file; any failure leaves
-    // isOpen 0.
+    // it closed.
     void open(const char* path, const WavefileFormat* source);
     // Bytes written, 0 when not open, -1 on error (including a write that
     // would take the file past what the 32-bit RIFF size can describe).
@@ -27,14 +27,17 @@ public:
     // when fixing, flushing or closing fails.
     uint32_t close();
 
-    RiffFile file;
-    RiffChunk riffChunk;
-    RiffChunk chunk; // "fmt " while the header is written, then "data"
-    uint8_t isOpen = 0;
-    alignas(8) WavefileFormat format{}; // packed; aligned for the host's reads
+    // The record the host reads through a pointer.
+    WavefileFormat* format() { return &format_; }
 
 private:
     bool writeHeader();
+
+    RiffFile file_;
+    RiffChunk riffChunk_;
+    RiffChunk chunk_; // "fmt " while the header is written, then "data"
+    uint8_t isOpen_ = 0;
+    alignas(8) WavefileFormat format_{}; // packed; aligned for the host's reads
 };
 
 } // namespace dsp

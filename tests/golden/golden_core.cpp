@@ -44,8 +44,9 @@ void toFloatRuns(golden::Sink& out, uint32_t channels, bool mixDown) {
         PoolFloats left(frames), right(frames);
         uint32_t bytes = frames * channels * 2;
         // An odd trailing byte is ignored.
-        uint32_t done = dsp::convertToFloat(in.data(), bytes + 1, left.data(),
-                                            mixDown ? nullptr : right.data(), channels);
+        uint32_t done =
+            dsp::convertToFloat(dsp::currentRules().rule, in.data(), bytes + 1, left.data(),
+                                mixDown ? nullptr : right.data(), channels);
         out.value(done);
         out.samples(left.data(), frames);
         if (channels == 2 && !mixDown) {
@@ -62,8 +63,9 @@ void toInt16Runs(golden::Sink& out, uint32_t channels, bool duplicate, size_t of
         std::memcpy(left.data(), l.data(), frames * 4);
         std::memcpy(right.data(), r.data(), frames * 4);
         std::vector<int16_t> dst(frames * 2 + 4, 0x5a5a);
-        uint32_t bytes = dsp::convertToInt16(left.data(), duplicate ? nullptr : right.data(),
-                                             frames, dst.data(), channels);
+        uint32_t bytes =
+            dsp::convertToInt16(dsp::currentRules().rule, left.data(),
+                                duplicate ? nullptr : right.data(), frames, dst.data(), channels);
         out.value(bytes);
         out.samples(dst);
     }
@@ -108,8 +110,10 @@ GOLDEN_RUN(convertRoundTrip) {
     }
     PoolFloats buffer(in.size());
     std::vector<int16_t> back(in.size());
-    dsp::convertToFloat(in.data(), static_cast<uint32_t>(in.size() * 2), buffer.data(), nullptr, 1);
-    dsp::convertToInt16(buffer.data(), nullptr, static_cast<uint32_t>(in.size()), back.data(), 1);
+    dsp::convertToFloat(dsp::currentRules().rule, in.data(), static_cast<uint32_t>(in.size() * 2),
+                        buffer.data(), nullptr, 1);
+    dsp::convertToInt16(dsp::currentRules().rule, buffer.data(), nullptr,
+                        static_cast<uint32_t>(in.size()), back.data(), 1);
     out.samples(back);
 }
 
@@ -164,12 +168,13 @@ void designerRuns(golden::Sink& out, bool chebyshev) {
                         continue;
                     }
                     filter->design(rate, rate * fraction);
-                    for (int32_t i = 0; i < filter->sections; ++i) {
-                        out.value(static_cast<float>(filter->a1[i]));
-                        out.value(static_cast<float>(filter->a2[i]));
-                        out.value(static_cast<float>(filter->b0[i]));
-                        out.value(static_cast<float>(filter->b1[i]));
-                        out.value(static_cast<float>(filter->b2[i]));
+                    for (int32_t i = 0; i < filter->sectionCount(); ++i) {
+                        const dsp::BiquadSection& s = filter->section(i);
+                        out.value(static_cast<float>(s.a1));
+                        out.value(static_cast<float>(s.a2));
+                        out.value(static_cast<float>(s.b0));
+                        out.value(static_cast<float>(s.b1));
+                        out.value(static_cast<float>(s.b2));
                     }
                     std::vector<float> response(impulse.size());
                     filter->process(impulse.data(), response.data(),
@@ -208,12 +213,13 @@ GOLDEN_RUN(iirChebyshevRipple) {
                 continue;
             }
             filter.designChebyshev(44100.0f, 3000.0f, ripple);
-            for (int32_t i = 0; i < filter.sections; ++i) {
-                out.value(static_cast<float>(filter.a1[i]));
-                out.value(static_cast<float>(filter.a2[i]));
-                out.value(static_cast<float>(filter.b0[i]));
-                out.value(static_cast<float>(filter.b1[i]));
-                out.value(static_cast<float>(filter.b2[i]));
+            for (int32_t i = 0; i < filter.sectionCount(); ++i) {
+                const dsp::BiquadSection& s = filter.section(i);
+                out.value(static_cast<float>(s.a1));
+                out.value(static_cast<float>(s.a2));
+                out.value(static_cast<float>(s.b0));
+                out.value(static_cast<float>(s.b1));
+                out.value(static_cast<float>(s.b2));
             }
         }
     }

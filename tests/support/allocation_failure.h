@@ -18,6 +18,11 @@ struct FailingPool {
 struct FailingHeap {
     static void arm(uint64_t failAt, FailMode mode);
     static uint64_t disarm();
+    // Whether failures take effect: the nothrow operator new cannot be
+    // replaced on every platform.
+    static bool works();
 };
+
+constexpr const char* kNoFailingHeap = "the nothrow operator new cannot be replaced here";
 
 } // namespace dsptest

@@ -70,6 +70,18 @@ uint64_t FailingHeap::disarm() {
     return heapCalls;
 }
 
+bool FailingHeap::works() {
+    // Called through a pointer, so the probe reaches whatever operator new the
+    // process really uses (a memory checker may substitute its own) instead of
+    // the definition below inlined.
+    void* (*volatile nothrowNewOf)(std::size_t, const std::nothrow_t&) noexcept = &::operator new;
+    arm(1, FailMode::OnlyAt);
+    void* probe = nothrowNewOf(16, std::nothrow);
+    disarm();
+    ::operator delete(probe);
+    return probe == nullptr;
+}
+
 } // namespace dsptest
 
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {

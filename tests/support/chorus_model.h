@@ -13,13 +13,12 @@ public:
     ChorusModel(uint32_t rate, uint32_t voices, float delayMs, float depthMs, float speed,
                 float mixPercent, float orgMixPercent)
         : histories_(voices, std::vector<float>(65536, 0.0f)),
-          mix_(voices, static_cast<float>(0.01 * mixPercent)),
-          delay_(static_cast<uint32_t>(static_cast<double>(rate) * delayMs * 0.001)),
-          depth_(static_cast<float>(depthMs * 0.001 * rate)),
-          msPerSample_(static_cast<float>(1000.0 / rate)),
-          periodMs_(static_cast<float>(1000.0 * speed)),
-          cyclesPerMs_(speed == 0.0f ? 0.0f : static_cast<float>(1.0 / (1000.0 * speed))),
-          orgMix_(static_cast<float>(0.01 * orgMixPercent)) {
+          mix_(voices, static_cast<float>(0.01 * mixPercent)), rate_(rate),
+          msPerSample_(static_cast<float>(1000.0 / rate)) {
+        setDelayTime(delayMs);
+        setDepth(depthMs);
+        setSpeed(speed);
+        setOrgMix(orgMixPercent);
         for (int k = 0; k <= 1024; ++k) {
             sine_[k] = static_cast<float>(std::sin(k * (kTwoPi / 1024.0)));
         }
@@ -50,14 +49,25 @@ public:
     }
 
     void setVoiceMix(uint32_t v, float percent) { mix_[v] = static_cast<float>(0.01 * percent); }
+    void setOrgMix(float percent) { orgMix_ = static_cast<float>(0.01 * percent); }
+    void setDelayTime(float ms) {
+        delay_ = static_cast<uint32_t>(static_cast<double>(rate_) * ms * 0.001);
+    }
+    void setDepth(float ms) { depth_ = static_cast<float>(ms * 0.001 * rate_); }
+    void setSpeed(float seconds) {
+        periodMs_ = static_cast<float>(1000.0 * seconds);
+        cyclesPerMs_ = seconds == 0.0f ? 0.0f : static_cast<float>(1.0 / (1000.0 * seconds));
+    }
 
 private:
     static constexpr double kTwoPi = 6.283185307179586;
     std::vector<std::vector<float>> histories_;
     std::vector<float> mix_, offsets_;
     float sine_[1025];
-    uint32_t delay_;
-    float depth_, msPerSample_, periodMs_, cyclesPerMs_, orgMix_;
+    uint32_t rate_;
+    float msPerSample_;
+    uint32_t delay_ = 0;
+    float depth_ = 0.0f, periodMs_ = 0.0f, cyclesPerMs_ = 0.0f, orgMix_ = 0.0f;
     float lfoTime_ = 0.0f;
     uint32_t write_ = 0;
 };

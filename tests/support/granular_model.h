@@ -1,9 +1,13 @@
 // Straightforward models of the granular engines' per-sample grain loops,
 // written from the stated arithmetic, to check the library's output sample
 // for sample. They keep their own copies of every rule (window, pending
-// settings, history ring, 32768-sample blocks).
+// settings, history ring, 32768-sample blocks). Beside them: the tests' test
+// signal, processor makers and block runner.
 #pragma once
 
+#include "dsp.h"
+#include "granular/pitch_shift_processor.h"
+#include "granular/stretch_processor.h"
 #include "support/rate_model.h"
 
 #include <algorithm>
@@ -45,7 +49,8 @@ protected:
     GrainModel(uint32_t rate, float levelDb, float grainSeconds, float spacingSeconds) {
         const double r = static_cast<float>(rate);
         length_ = static_cast<uint32_t>(r * grainSeconds * 1.5330188679245282);
-        spacing_ = static_cast<uint32_t>(r * spacingSeconds);
+        // A spacing that truncates to 0 samples counts as 1.
+        spacing_ = std::max(1u, static_cast<uint32_t>(r * spacingSeconds));
         count_ = length_ / spacing_;
         setLevel(levelDb);
         for (uint32_t i = 0; i < length_; ++i) {
@@ -213,6 +218,25 @@ private:
         endChunk(in, n);
     }
 };
+
+// The tests' usual engine: grains of 0.05 s every 0.01 s at 44100 Hz.
+constexpr uint32_t kRate = 44100;
+constexpr float kGrain = 0.05f;
+constexpr float kSpacing = 0.01f;
+
+inline dsp::PitchShiftProcessor* makePitch(uint32_t frames, uint32_t channels, float cents,
+                                           float levelDb = 0.0f, float grain = kGrain,
+                                           float spacing = kSpacing, uint32_t rate = kRate) {
+    return static_cast<dsp::PitchShiftProcessor*>(
+        initPitchShift(frames, channels, rate, cents, levelDb, grain, spacing));
+}
+
+inline dsp::StretchProcessor* makeStretch(uint32_t frames, uint32_t channels, float scale,
+                                          float levelDb = 0.0f, float grain = kGrain,
+                                          float spacing = kSpacing, uint32_t rate = kRate) {
+    return static_cast<dsp::StretchProcessor*>(
+        initStretch(frames, channels, rate, scale, levelDb, grain, spacing));
+}
 
 // Two tones and a little deterministic noise.
 inline std::vector<float> granularSignal(size_t n) {

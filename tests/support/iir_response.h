@@ -16,9 +16,10 @@ inline double cascadeResponseDb(const dsp::IirDesigner& filter, double rate, dou
     const std::complex<double> z1 = std::polar(1.0, -w); // z^-1
     const std::complex<double> z2 = z1 * z1;
     std::complex<double> h(1.0, 0.0);
-    for (int i = 0; i < filter.sections; ++i) {
-        std::complex<double> num = filter.b0[i] + filter.b1[i] * z1 + filter.b2[i] * z2;
-        std::complex<double> den = 1.0 - filter.a1[i] * z1 - filter.a2[i] * z2;
+    for (int i = 0; i < filter.sectionCount(); ++i) {
+        const dsp::BiquadSection& s = filter.section(i);
+        std::complex<double> num = s.b0 + s.b1 * z1 + s.b2 * z2;
+        std::complex<double> den = 1.0 - s.a1 * z1 - s.a2 * z2;
         h *= num / den;
     }
     return 20.0 * std::log10(std::abs(h));

@@ -1,15 +1,15 @@
 // A direct model of the Kaiser-window FIR for the tests: the design from its
-// formulas, and the output of every summation path written out term by term
-// from the plain input history (no rotated table, no circular buffer).
+// formulas, and the output under every arithmetic rule written out term by
+// term from the plain input history (no rotated table, no circular buffer).
 #pragma once
+
+#include "core/arithmetic_rules.h"
 
 #include <cmath>
 #include <cstdint>
 #include <vector>
 
 namespace dsptest {
-
-enum class FirPath { kPlain, kAmd3dnow, kSse };
 
 // The N + 1 coefficients of a design, coefficient m for the input m samples back.
 inline std::vector<float> kaiserCoefficients(double attenuationDb, int n, bool highPass,
@@ -53,7 +53,7 @@ inline std::vector<float> kaiserCoefficients(double attenuationDb, int n, bool h
     return c;
 }
 
-// Feeds samples one by one and returns the output of the chosen path. The
+// Feeds samples one by one and returns the output under the chosen rule. The
 // filter's internal order is reproduced from the history position: after t
 // inputs the position is (-t) mod N, and history slot k holds the input
 // ((k - position) mod N) + 1 samples back, weighted by that coefficient.
@@ -64,7 +64,7 @@ public:
 
     void setCoefficients(std::vector<float> coefficients) { c_ = std::move(coefficients); }
 
-    float step(float x, FirPath path) {
+    float step(float x, dsp::ArithmeticRule rule) {
         const int position = static_cast<int>((-static_cast<int64_t>(inputs_.size())) & (n_ - 1));
         std::vector<float> s(n_), w(n_);
         for (int k = 0; k < n_; ++k) {
@@ -74,13 +74,13 @@ public:
             w[k] = c_[back];
         }
         float y = 0.0f;
-        if (path == FirPath::kPlain) {
+        if (rule == dsp::ArithmeticRule::kPlain) {
             double acc = static_cast<double>(x) * c_[0];
             for (int k = 0; k < n_; ++k) {
                 acc += static_cast<double>(s[k]) * w[k];
             }
             y = static_cast<float>(acc);
-        } else if (path == FirPath::kAmd3dnow) {
+        } else if (rule == dsp::ArithmeticRule::kTruncating) { // two pairs of lanes
             float a[2] = {x * c_[0], 0.0f}, b[2] = {0.0f, 0.0f};
             for (int k = 0; k < n_; k += 4) {
                 a[0] = a[0] + s[k] * w[k];
@@ -89,7 +89,7 @@ public:
                 b[1] = b[1] + s[k + 3] * w[k + 3];
             }
             y = (a[0] + b[0]) + (a[1] + b[1]);
-        } else {
+        } else { // four lanes
             float lane[4];
             for (int j = 0; j < 4; ++j) {
                 if (n_ == 16) {

@@ -104,15 +104,4 @@ private:
     float carried_[3] = {0.0f, 0.0f, 0.0f};
 };
 
-// Deterministic noise in [-amplitude, amplitude).
-inline std::vector<float> noiseBlock(size_t n, uint32_t seed, float amplitude = 0.9f) {
-    std::vector<float> v(n);
-    uint32_t x = seed * 2654435761u + 12345u;
-    for (size_t i = 0; i < n; ++i) {
-        x = x * 1664525u + 1013904223u;
-        v[i] = amplitude * (static_cast<float>(x >> 8) / 8388608.0f - 1.0f);
-    }
-    return v;
-}
-
 } // namespace dsptest

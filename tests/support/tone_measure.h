@@ -2,6 +2,8 @@
 // (Goertzel) and a search for the strongest frequency in a range.
 #pragma once
 
+#include "support/signals.h"
+
 #include <cmath>
 #include <cstddef>
 #include <vector>
@@ -58,16 +60,6 @@ inline double dominantFrequency(const float* x, size_t n, double rate, double lo
     };
     double coarse = scan(lo, hi, 1.0);
     return scan(coarse - 1.0, coarse + 1.0, step);
-}
-
-inline std::vector<float> sineWave(size_t n, double frequency, double rate, double amplitude) {
-    const double pi = 3.14159265358979323846;
-    std::vector<float> x(n);
-    for (size_t i = 0; i < n; ++i) {
-        x[i] = static_cast<float>(amplitude *
-                                  std::sin(2.0 * pi * frequency * static_cast<double>(i) / rate));
-    }
-    return x;
 }
 
 } // namespace dsptest

@@ -1,8 +1,14 @@
 // The biquad-cascade designers: listed responses, coefficients and the
-// process arithmetic against models written here, setOrder's arrays.
+// process arithmetic against models written here, setOrder's arrays. The IIR
+// filter effect through its exports: the output against plain conversions
+// around a designer of its own, reconfiguration.
+#include "core/sample_convert.h"
+#include "dsp.h"
 #include "filters/iir_designer.h"
-#include "support/filter_noise.h"
+#include "filters/iir_filter_processor.h"
 #include "support/iir_response.h"
+#include "support/signals.h"
+#include "support/simd_guard.h"
 
 #include <gtest/gtest.h>
 
@@ -13,20 +19,23 @@
 
 namespace {
 
-using dsptest::filterNoise;
+using dsp::IirFilterProcessor;
+using dsptest::noise;
+using dsptest::pcmNoise;
 
 constexpr uint32_t kLowPass = 0;
 constexpr uint32_t kHighPass = 1;
 
 // Direct form II per section, one sample at a time, in double.
 std::vector<float> modelCascade(const dsp::IirDesigner& f, const std::vector<float>& in) {
-    std::vector<double> s1(f.sections, 0.0), s2(f.sections, 0.0);
+    std::vector<double> s1(f.sectionCount(), 0.0), s2(f.sectionCount(), 0.0);
     std::vector<float> out(in.size());
     for (size_t n = 0; n < in.size(); ++n) {
         double x = in[n];
-        for (int i = 0; i < f.sections; ++i) {
-            double w = x + (f.a2[i] * s2[i] + f.a1[i] * s1[i]);
-            x = (f.b2[i] * s2[i] + f.b1[i] * s1[i]) + f.b0[i] * w;
+        for (int i = 0; i < f.sectionCount(); ++i) {
+            const dsp::BiquadSection& c = f.section(i);
+            double w = x + (c.a2 * s2[i] + c.a1 * s1[i]);
+            x = (c.b2 * s2[i] + c.b1 * s1[i]) + c.b0 * w;
             s2[i] = s1[i];
             s1[i] = w;
         }
@@ -123,10 +132,10 @@ TEST(IirDesigner, CoefficientsFollowTheDesignArithmeticExactly) {
                 for (bool cheb : {false, true}) {
                     const dsp::IirDesigner& f = cheb ? static_cast<dsp::IirDesigner&>(c) : b;
                     const auto m = modelDesign(cheb, order, kind, s.rate, s.cutoff, s.ripple);
-                    ASSERT_EQ(f.sections, static_cast<int32_t>(m.size()));
-                    for (int32_t i = 0; i < f.sections; ++i) {
-                        const std::vector<double> got = {f.a1[i], f.a2[i], f.b0[i], f.b1[i],
-                                                         f.b2[i]};
+                    ASSERT_EQ(f.sectionCount(), static_cast<int32_t>(m.size()));
+                    for (int32_t i = 0; i < f.sectionCount(); ++i) {
+                        const dsp::BiquadSection& s = f.section(i);
+                        const std::vector<double> got = {s.a1, s.a2, s.b0, s.b1, s.b2};
                         EXPECT_EQ(got, m[i])
                             << cheb << " order " << order << " kind " << kind << " section " << i;
                     }
@@ -138,58 +147,57 @@ TEST(IirDesigner, CoefficientsFollowTheDesignArithmeticExactly) {
     dsp::ChebyshevDesigner h;
     ASSERT_TRUE(h.setOrder(4, kHighPass));
     h.design(44100.0f, 1000.0f);
-    EXPECT_EQ(h.kindSign, -1.0f);
-    EXPECT_EQ(h.frequency, 21050.0f);
+    EXPECT_EQ(h.frequency(), 21050.0f);
 }
 
-TEST(IirDesigner, SetOrderResetsPassThroughSectionsAndShrinksInPlace) {
-    const std::vector<float> in = filterNoise(64, 1);
+// design keeps the running state; setOrder resets every section to
+// pass-through, shrinking in place and growing when it must.
+TEST(IirDesigner, DesignKeepsTheStateAndSetOrderResetsItInPlace) {
+    const std::vector<float> in = noise(64, 1);
     std::vector<float> out(64, 9.0f);
     for (int32_t order : {0, -1, -4}) {
         dsp::ButterworthDesigner f;
         ASSERT_TRUE(f.setOrder(order, kHighPass));
-        EXPECT_EQ(f.sections, 0);
+        EXPECT_EQ(f.sectionCount(), 0);
         f.design(44100.0f, 1000.0f);
         EXPECT_EQ(f.process(in.data(), out.data(), 64), 64u);
         EXPECT_EQ(out, in);
     }
     dsp::ButterworthDesigner f;
     ASSERT_TRUE(f.setOrder(7, kLowPass));
-    EXPECT_EQ(f.sections, 4);
+    EXPECT_EQ(f.sectionCount(), 4);
     f.design(44100.0f, 1000.0f);
     f.process(in.data(), out.data(), 64);
-    double* before[] = {f.a1, f.a2, f.b0, f.b1, f.b2, f.s1, f.s2};
+    auto state = [&f] {
+        std::vector<double> s;
+        for (int32_t i = 0; i < f.sectionCount(); ++i) {
+            s.insert(s.end(), {f.section(i).s1, f.section(i).s2});
+        }
+        return s;
+    };
+    const std::vector<double> running = state();
+    ASSERT_NE(running, std::vector<double>(8, 0.0));
+    f.design(48000.0f, 5000.0f);
+    EXPECT_EQ(state(), running);
+    EXPECT_EQ(f.frequency(), 5000.0f);
+    const dsp::BiquadSection* before = &f.section(0);
     ASSERT_TRUE(f.setOrder(4, kHighPass));
-    double* after[] = {f.a1, f.a2, f.b0, f.b1, f.b2, f.s1, f.s2};
-    EXPECT_TRUE(std::equal(before, before + 7, after));
-    EXPECT_EQ(f.sections, 2);
-    EXPECT_EQ(f.kindSign, -1.0f);
+    EXPECT_EQ(&f.section(0), before);
+    EXPECT_EQ(f.sectionCount(), 2);
     f.process(in.data(), out.data(), 64); // every section reset to pass-through
     EXPECT_EQ(out, in);
     // Growing again takes arrays large enough for the new order.
     ASSERT_TRUE(f.setOrder(12, kLowPass));
-    EXPECT_EQ(f.sections, 6);
+    EXPECT_EQ(f.sectionCount(), 6);
     f.design(44100.0f, 1000.0f);
     EXPECT_NEAR(dsptest::cascadeResponseDb(f, 44100.0, 1000.0), -3.01, 0.005);
-}
-
-TEST(IirDesigner, RedesignKeepsTheState) {
-    dsp::ChebyshevDesigner f;
-    f.setOrder(4, kLowPass);
-    f.design(44100.0f, 1000.0f);
-    std::vector<float> in = filterNoise(50, 7), out(50);
-    f.process(in.data(), out.data(), 50);
-    const std::vector<double> state = {f.s1[0], f.s1[1], f.s2[0], f.s2[1]};
-    f.design(48000.0f, 5000.0f);
-    EXPECT_EQ(state, (std::vector<double>{f.s1[0], f.s1[1], f.s2[0], f.s2[1]}));
-    EXPECT_EQ(f.frequency, 5000.0f);
 }
 
 // Two cascades side by side, every grouping of sections, each gives its own
 // direct form II output across uneven blocks (empty too, and across the
 // internal chunks), in place or not; different orders take the single path.
 TEST(IirDesigner, ProcessAndProcessPairFollowEachChannelsOwnCascade) {
-    const std::vector<float> left = filterNoise(3000, 5), right = filterNoise(3000, 6);
+    const std::vector<float> left = noise(3000, 5), right = noise(3000, 6);
     for (int32_t order = 0; order <= 13; ++order) {
         for (int32_t otherOrder : {order, order + 3}) {
             dsp::ChebyshevDesigner a;
@@ -212,6 +220,113 @@ TEST(IirDesigner, ProcessAndProcessPairFollowEachChannelsOwnCascade) {
             ASSERT_EQ(inPlaceRight, expectedRight) << order << " / " << otherOrder;
         }
     }
+}
+
+// Mono reference: plain conversion in, a designer of its own, plain out.
+struct MonoModel {
+    dsp::ChebyshevDesigner filter;
+    MonoModel(float rate, int32_t order, float cutoff, uint32_t kind) {
+        filter.setOrder(order, kind);
+        filter.design(rate, cutoff);
+    }
+    std::vector<int16_t> run(const std::vector<int16_t>& in) {
+        std::vector<float> x(in.size());
+        std::transform(in.begin(), in.end(), x.begin(), dsp::convert::sampleToFloat);
+        filter.process(x.data(), x.data(), static_cast<uint32_t>(x.size()));
+        std::vector<int16_t> out(in.size());
+        std::transform(x.begin(), x.end(), out.begin(), dsp::convert::floatToSample);
+        return out;
+    }
+};
+
+// Channel c of interleaved stereo samples.
+std::vector<int16_t> channel(const std::vector<int16_t>& stereo, uint32_t c) {
+    std::vector<int16_t> v(stereo.size() / 2);
+    for (size_t i = 0; i < v.size(); ++i) {
+        v[i] = stereo[2 * i + c];
+    }
+    return v;
+}
+
+class IirFilterTest : public ::testing::Test {
+protected:
+    void SetUp() override { dsptest::SimdGuard::set(false, false, false); }
+    dsptest::SimdGuard guard_;
+};
+
+// Each stereo channel is its own mono cascade, across blocks shorter and
+// longer than the processor's frames (the latter go through in pieces); kind
+// 1 is the high-pass, every other kind a low-pass. Order 0 is the plain
+// conversion round trip.
+TEST_F(IirFilterTest, StereoChannelsMatchTheirOwnMonoCascades) {
+    const uint32_t frames = 300, orders[] = {1, 4, 5, 8, 9, 12, 0}, kinds[] = {1, 0, 2, 99};
+    for (uint32_t k = 0; k < 7; ++k) {
+        const uint32_t order = orders[k], kind = kinds[k % 4], modelKind = kind == 1 ? 1 : 0;
+        void* h = initIirFilter(frames, 2, 48000, order, 3000.0f, kind);
+        ASSERT_NE(h, nullptr);
+        MonoModel model[2] = {{48000.0f, static_cast<int32_t>(order), 3000.0f, modelKind},
+                              {48000.0f, static_cast<int32_t>(order), 3000.0f, modelKind}};
+        for (uint32_t block : {frames, 1000u, 7u}) {
+            std::vector<int16_t> src = pcmNoise(2 * block, order + block), dst(2 * block);
+            EXPECT_EQ(doIirFilter(h, src.data(), dst.data(), 4 * block), 1u);
+            for (uint32_t ch = 0; ch < 2; ++ch) {
+                ASSERT_EQ(channel(dst, ch), model[ch].run(channel(src, ch)))
+                    << order << " " << block;
+            }
+        }
+        termIirFilter(h);
+    }
+}
+
+// processChained in place, and with the left output written over the right
+// input (then the right filter sees the left result).
+TEST_F(IirFilterTest, ChainedChannelsInPlaceAndAliased) {
+    const uint32_t frames = 300;
+    IirFilterProcessor* f =
+        static_cast<IirFilterProcessor*>(initIirFilter(frames, 2, 44100, 6, 900.0f, 0));
+    ASSERT_NE(f, nullptr);
+    MonoModel refL(44100.0f, 6, 900.0f, 0), refR(44100.0f, 6, 900.0f, 0);
+    std::vector<float> inL = dsptest::noise(frames, 98), inR = dsptest::noise(frames, 99);
+    std::vector<float> l(inL), r(inR), el(inL), er(inR);
+    EXPECT_EQ(f->processChained(l.data(), r.data(), l.data(), r.data(), frames), frames);
+    refL.filter.process(el.data(), el.data(), frames);
+    refR.filter.process(er.data(), er.data(), frames);
+    EXPECT_EQ(l, el);
+    EXPECT_EQ(r, er);
+    std::vector<float> shared(inR), outR(frames), expectShared(inR), expectR(frames);
+    f->processChained(inL.data(), shared.data(), shared.data(), outR.data(), frames);
+    refL.filter.process(inL.data(), expectShared.data(), frames);
+    refR.filter.process(expectShared.data(), expectR.data(), frames);
+    EXPECT_EQ(shared, expectShared);
+    EXPECT_EQ(outR, expectR);
+    EXPECT_EQ(f->processChannel(2, inR.data(), outR.data(), frames), 0u);
+    termIirFilter(f);
+}
+
+// Mono writes `frames` samples and runs the left filter only: going stereo at
+// the same rate, the left filter continues while the right one starts fresh.
+// At a new rate the output is that of a fresh filter for that rate.
+TEST_F(IirFilterTest, ConfigureKeepsTheStateAtTheSameRateAndRestartsAtAnother) {
+    void* h = initIirFilter(256, 1, 44100, 4, 1000.0f, 0);
+    IirFilterProcessor* f = static_cast<IirFilterProcessor*>(h);
+    MonoModel left(44100.0f, 4, 1000.0f, 0), right(44100.0f, 4, 1000.0f, 0);
+    std::vector<int16_t> src = pcmNoise(256, 14), dst(260, 777);
+    EXPECT_EQ(doIirFilter(h, src.data(), dst.data(), 512), 1u);
+    EXPECT_EQ(dst[256], 777);
+    dst.resize(256);
+    EXPECT_EQ(dst, left.run(src));
+    f->configure(1024, 2, 44100);
+    EXPECT_EQ(f->inFrames(), 1024u);
+    std::vector<int16_t> stereo = pcmNoise(2048, 15), out(2048);
+    EXPECT_EQ(doIirFilter(h, stereo.data(), out.data(), 4096), 1u);
+    EXPECT_EQ(channel(out, 0), left.run(channel(stereo, 0)));
+    EXPECT_EQ(channel(out, 1), right.run(channel(stereo, 1)));
+    f->configure(1024, 1, 48000);
+    EXPECT_EQ(f->inRate(), 48000u);
+    EXPECT_EQ(f->outRate(), 48000u);
+    EXPECT_EQ(doIirFilter(h, src.data(), dst.data(), 512), 1u);
+    EXPECT_EQ(dst, MonoModel(48000.0f, 4, 1000.0f, 0).run(src));
+    termIirFilter(h);
 }
 
 } // namespace
