@@ -2,23 +2,19 @@
 # Compares the functions a built library exports with the ones declared in
 # include/dsp.h: none may be missing and none extra.
 #
-# Usage: scripts/check-exports.sh [--allow-missing] FILE...
+# Usage: scripts/check-exports.sh FILE...
 #   FILE is a shared library (.so, read with nm -D), a Windows DLL (.dll,
 #   read with objdump -p) or a module definition file (.def).
-#   --allow-missing  report declared names that are not exported without
-#                    failing (extra names still fail).
-# Prints the differences per file; exits 1 on any failure, 2 on bad usage.
+# Prints the differences per file; exits 1 on any difference, 2 on bad usage.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 header=${DSP_HEADER:-$root/include/dsp.h}
 
-allow_missing=0
 files=()
 for arg in "$@"; do
     case $arg in
-    --allow-missing) allow_missing=1 ;;
     -h | --help)
-        sed -n '2,11p' "$0" | sed 's/^# \{0,1\}//'
+        sed -n '2,8p' "$0" | sed 's/^# \{0,1\}//'
         exit 0
         ;;
     -*)
@@ -29,7 +25,7 @@ for arg in "$@"; do
     esac
 done
 if ((${#files[@]} == 0)); then
-    echo "usage: $0 [--allow-missing] LIBRARY|DEF..." >&2
+    echo "usage: $0 LIBRARY|DEF..." >&2
     exit 2
 fi
 
@@ -97,11 +93,9 @@ for file in "${files[@]}"; do
     missing_count=$(grep -c . <<<"$missing" || true)
     extra_count=$(grep -c . <<<"$extra" || true)
     verdict=OK
-    if ((extra_count > 0)) || { ((missing_count > 0)) && ((allow_missing == 0)); }; then
+    if ((missing_count > 0 || extra_count > 0)); then
         verdict=FAIL
         status=1
-    elif ((missing_count > 0)); then
-        verdict=INCOMPLETE
     fi
     echo "$verdict $file: $((declared_count - missing_count)) of $declared_count declared functions exported, $missing_count missing, $extra_count extra"
     if ((missing_count > 0)); then

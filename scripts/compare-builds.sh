@@ -3,18 +3,16 @@
 # family under every SIMD setting, one digest per run) of each given build and
 # compares the digests with those of the first build. Windows builds (.exe)
 # run under wine64.
-# Usage: scripts/compare-builds.sh [--report-only] [build-dir...]
+# Usage: scripts/compare-builds.sh [build-dir...]
 #   default build dirs: build build-x86
-#   --report-only  print the differences but exit 0
+# Exits 1 when any digest differs or a build's program cannot run.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 source "$root/scripts/wine-env.sh"
 
-report_only=0
 builds=()
 for arg in "$@"; do
     case $arg in
-    --report-only) report_only=1 ;;
     -*)
         echo "compare-builds: unknown option $arg" >&2
         exit 2
@@ -74,8 +72,4 @@ for i in "${!builds[@]}"; do
             <(awk '{print $1 "/" $2}' "$scratch/out.$i" | sort) | sed 's/^[[:space:]]*/  only in one build: /'
     fi
 done
-if ((status != 0 && report_only)); then
-    echo "compare-builds: differences reported only (--report-only)"
-    exit 0
-fi
 exit $status

@@ -7,9 +7,12 @@
 #   wine64              runs the 64-bit Windows test suite
 #   sox, python3        outside WAVE readers and writers for the round-trip tests
 #   clang, libclang-rt-14-dev  libFuzzer targets and ThreadSanitizer runs
+#   clang-format, clang-tidy   the house-rule checks (scripts/check-format.sh,
+#                              scripts/check-tidy.sh; version 14)
 set -euo pipefail
 packages=(g++ cmake make libgtest-dev libbenchmark-dev
-    g++-multilib googletest mingw-w64 wine64 sox python3 clang libclang-rt-14-dev "$@")
+    g++-multilib googletest mingw-w64 wine64 sox python3 clang libclang-rt-14-dev
+    clang-format clang-tidy "$@")
 missing=()
 for p in "${packages[@]}"; do
     dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")
