@@ -249,6 +249,35 @@ DSP_API uint32_t flushWavefileOut(void* handle);
 DSP_API WavefileFormat* getFormatWavefileOut(void* handle);
 DSP_API uint32_t termWavefileOut(void* handle);
 
+/* ===========================================================================
+ * Extensions beyond the 86 functions above
+ * ===========================================================================
+ * The processing chain driven in 32-bit float: interleaved samples, full
+ * scale 1.0 (the scale of the 16-bit path, sample / 32767). A float block
+ * holding exactly what the library makes of a 16-bit block gives the floats
+ * that dspSend then converts to 16 bits. Float output is not clamped.
+ */
+
+/* Runs `frames` frames (of the chain's source channel count) from src through
+ * the chain into dst and returns the output frames written, each of
+ * dspGetDstChannels(chain) samples; size dst with dspGetDstSamples. A block
+ * longer than the chain's block size runs in pieces. An empty chain copies
+ * the block. Returns 0 and writes nothing for a null or wrong chain handle, a
+ * null buffer, or a processor left unready by a failed reconfiguration; an
+ * analyzer or a wave slicer in the chain makes it output nothing (0). */
+DSP_API uint32_t dspSendFloat(void* chain, const float* src, float* dst, uint32_t frames);
+
+/* The most samples (frames x output channels) dspSendFloat writes for
+ * `frames` input frames, and the most 16-bit samples dspSend writes for the
+ * same block (bytes = frames x 2 x source channels): a dst buffer of that
+ * many samples is always enough. Unlike dspGetDstSize it counts a mono input
+ * that leaves stereo output and a block longer than the chain's block size.
+ * 0 for a null or wrong chain handle. */
+DSP_API uint32_t dspGetDstSamples(void* chain, uint32_t frames);
+
+/* The library's version, "MAJOR.MINOR.PATCH" (a static string). */
+DSP_API const char* dspGetVersion(void);
+
 #ifdef __cplusplus
 } /* extern "C" */
 #endif

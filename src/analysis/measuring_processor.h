@@ -17,6 +17,7 @@ public:
         return 0;
     }
     uint32_t processInterleaved(const int16_t*, int16_t*, uint32_t) override { return 0; }
+    uint32_t pieceOutputBound(uint32_t) const override { return 0; }
 
 protected:
     explicit MeasuringProcessor(uint32_t tag) : DspProcessor(tag) {}

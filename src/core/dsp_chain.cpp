@@ -3,11 +3,25 @@
 #include "sample_convert.h"
 
 #include <algorithm>
+#include <cstring>
 
 namespace dsp {
 
 DspChain::~DspChain() {
     clear();
+    // A volatile store, kept although the object's lifetime ends here.
+    *static_cast<volatile uint32_t*>(&mark_) = 0;
+}
+
+DspChain* DspChain::fromHandle(void* handle) {
+    if (handle == nullptr) {
+        return nullptr;
+    }
+    // Every object the library hands out is larger than the mark, and
+    // reading its bytes says nothing about its type until they match.
+    uint32_t mark = 0;
+    std::memcpy(&mark, handle, sizeof mark);
+    return mark == kMark ? static_cast<DspChain*>(handle) : nullptr;
 }
 
 bool DspChain::contains(const DspProcessor* processor) const {
@@ -61,7 +75,7 @@ bool DspChain::allReady() const {
 }
 
 uint32_t DspChain::pieceLimit() const {
-    return allReady() ? nodes_.front().processor->inFrames() : 0;
+    return allReady() ? nodes_.front().processor->pieceLimit() : 0;
 }
 
 PieceInput DspChain::pieceInput() const {
@@ -78,9 +92,7 @@ PieceOutput DspChain::runPiece(uint32_t frames) {
         } else {
             // Never hand a processor more frames than its buffers hold; each
             // reads its predecessor's output buffers directly.
-            if (n > q->inFrames()) {
-                n = q->inFrames();
-            }
+            n = std::min(n, q->pieceLimit());
             n = q->processChained(previous->work(2), previous->work(3), q->work(2), q->work(3), n);
         }
         previous = q;
@@ -107,6 +119,37 @@ uint32_t DspChain::send(const int16_t* src, int16_t* dst, uint32_t bytes) {
     const DspProcessor& first = *nodes_.front().processor;
     const uint32_t frames = sendPieces(block.in, block.out, bytes / (2 * first.inChannels()));
     return frames * 2 * nodes_.back().processor->outChannels();
+}
+
+uint32_t DspChain::sendFloat(const float* src, float* dst, uint32_t frames) {
+    if (nodes_.empty()) {
+        std::memcpy(dst, src, static_cast<size_t>(frames) * channels_ * sizeof(float));
+        return frames;
+    }
+    InterleavedInput in(src);
+    InterleavedOutput out(dst);
+    return sendPieces(in, out, frames);
+}
+
+uint32_t DspChain::pieceOutputBound(uint32_t frames) const {
+    for (const Node& node : nodes_) {
+        frames = node.processor->pieceOutputBound(std::min(frames, node.processor->pieceLimit()));
+    }
+    return frames;
+}
+
+uint32_t DspChain::dstSamples(uint32_t frames) const {
+    uint64_t samples = static_cast<uint64_t>(frames) * channels_;
+    if (!nodes_.empty()) {
+        const uint32_t limit = pieceLimit();
+        if (limit == 0) {
+            return 0;
+        }
+        const uint64_t outFrames = static_cast<uint64_t>(frames / limit) * pieceOutputBound(limit) +
+                                   pieceOutputBound(frames % limit);
+        samples = outFrames * nodes_.back().processor->outChannels();
+    }
+    return samples > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(samples);
 }
 
 uint32_t DspChain::dstRate() const {

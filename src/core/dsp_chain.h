@@ -18,8 +18,12 @@ class DspChain {
 public:
     DspChain(uint32_t sourceFrames, uint32_t sourceChannels, uint32_t sourceRate)
         : frames_(sourceFrames), channels_(sourceChannels), rate_(sourceRate) {}
-    // Destroys the processors it holds, first to last.
+    // Destroys the processors it holds, first to last, and clears the mark.
     ~DspChain();
+    // The chain behind a host's handle, or null: a null handle, or a handle
+    // of another kind (a processor, a WAVE reader or writer), whose first
+    // bytes are not a chain's mark.
+    static DspChain* fromHandle(void* handle);
     DspChain(const DspChain&) = delete;
     DspChain& operator=(const DspChain&) = delete;
 
@@ -38,6 +42,16 @@ public:
     // first processor's input channels. Returns the output frames written;
     // an empty chain has no work buffers and writes nothing.
     uint32_t sendPieces(InterleavedInput& in, InterleavedOutput& out, uint32_t frames);
+    // Runs `frames` interleaved float frames (full scale 1.0, unclamped)
+    // through every processor; returns the output frames written. An empty
+    // chain copies the block. Returns 0 and writes nothing when a processor
+    // is not ready.
+    uint32_t sendFloat(const float* src, float* dst, uint32_t frames);
+    // The most interleaved samples (output frames x output channels) that
+    // send or sendFloat writes for `frames` input frames, saturated at
+    // UINT32_MAX: blocks longer than the chain's block run in pieces, and a
+    // mono input may leave stereo output.
+    uint32_t dstSamples(uint32_t frames) const;
 
     uint32_t dstRate() const;
     uint32_t dstChannels() const;
@@ -59,10 +73,16 @@ private:
         uint32_t order = 0;
     };
 
+    static constexpr uint32_t kMark = 0x6e696863; // "chin" in memory
+
     void propagate();
+    // The most output frames a piece of `frames` frames leaves at the end.
+    uint32_t pieceOutputBound(uint32_t frames) const;
     bool contains(const DspProcessor* processor) const;
     bool allReady() const;
 
+    // First, so that a handle's first bytes tell a chain from other objects.
+    uint32_t mark_ = kMark;
     NothrowVector<Node> nodes_; // ascending order, arrival order among equals
     uint32_t frames_;
     uint32_t channels_;

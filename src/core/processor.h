@@ -94,6 +94,10 @@ public:
     // outChannels channels, a mono input's single buffer to both when the
     // output is stereo.
     PieceOutput outputOf(uint32_t frames) const;
+    // The most output frames a piece of `frames` input frames (at most
+    // pieceLimit()) can leave: what hosts size their buffers by. The same
+    // count for the effects that keep the rate.
+    virtual uint32_t pieceOutputBound(uint32_t frames) const { return frames; }
 
 protected:
     explicit DspProcessor(uint32_t tag) : tag_(tag) {}

@@ -1,5 +1,5 @@
-// Exports of the processing chain. A null chain is refused (0, or nothing
-// done) by every call.
+// Exports of the processing chain. A null chain, or a handle of another
+// kind, is refused (0, or nothing done) by every call.
 #include "dsp.h"
 
 #include "core/dsp_chain.h"
@@ -9,7 +9,7 @@
 namespace {
 
 dsp::DspChain* chainFromHandle(void* handle) {
-    return static_cast<dsp::DspChain*>(handle);
+    return dsp::DspChain::fromHandle(handle);
 }
 
 } // namespace
@@ -69,6 +69,21 @@ DSP_API void dspClear(void* chain) {
 
 DSP_API void dspDestroy(void* chain) {
     delete chainFromHandle(chain);
+}
+
+/* Extensions */
+
+DSP_API uint32_t dspSendFloat(void* chain, const float* src, float* dst, uint32_t frames) {
+    dsp::DspChain* c = chainFromHandle(chain);
+    if (c == nullptr || src == nullptr || dst == nullptr) {
+        return 0;
+    }
+    return c->sendFloat(src, dst, frames);
+}
+
+DSP_API uint32_t dspGetDstSamples(void* chain, uint32_t frames) {
+    dsp::DspChain* c = chainFromHandle(chain);
+    return c == nullptr ? 0 : c->dstSamples(frames);
 }
 
 } // extern "C"

@@ -30,4 +30,10 @@ DSP_API uint32_t fastmemGetAllocatedSize(void) {
     return dsp::fastmemPool().allocatedSize();
 }
 
+/* Extensions */
+
+DSP_API const char* dspGetVersion(void) {
+    return DSP_VERSION;
+}
+
 } // extern "C"

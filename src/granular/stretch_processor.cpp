@@ -60,6 +60,11 @@ uint32_t StretchProcessor::getDstSize(uint32_t srcBytes) {
     return firstChannel().pendingOutputFrames(srcBytes);
 }
 
+uint32_t StretchProcessor::pieceOutputBound(uint32_t frames) const {
+    return std::max(firstChannel().currentOutputFrames(frames),
+                    firstChannel().pendingOutputFrames(frames));
+}
+
 uint32_t StretchProcessor::largestPiece() const {
     uint32_t piece = inFrames();
     const uint32_t capacity = workCapacity(2);

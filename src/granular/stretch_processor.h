@@ -28,6 +28,8 @@ public:
     void configure(uint32_t frames, uint32_t channelCount, uint32_t rate) override;
     // trunc(srcBytes * pending factor): bytes or frames alike.
     uint32_t getDstSize(uint32_t srcBytes) override;
+    // The block after next already runs with the pending scale.
+    uint32_t pieceOutputBound(uint32_t frames) const override;
     // Returns the bytes written. A block larger than inFrames is processed in
     // pieces that fit the buffers.
     uint32_t processInterleaved(const int16_t* src, int16_t* dst, uint32_t bytes) override;

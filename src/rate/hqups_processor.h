@@ -42,6 +42,9 @@ public:
 
     void configure(uint32_t frames, uint32_t channels, uint32_t rate) override;
     uint32_t getDstSize(uint32_t n) override;
+    uint32_t pieceOutputBound(uint32_t frames) const override {
+        return converters_.convertedFrames(frames);
+    }
     uint32_t processChannel(uint32_t channel, const float* in, float* out,
                             uint32_t frames) override;
     uint32_t processChained(const float* inL, const float* inR, float* outL, float* outR,

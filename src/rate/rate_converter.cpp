@@ -124,6 +124,13 @@ uint32_t RateConverter::outputFramesFor(uint32_t n) const {
     return truncToUint32(dstRate_ * (static_cast<double>(n) / srcRate_));
 }
 
+uint32_t RateConverter::convertedFrames(uint32_t frames) const {
+    if (!ready_ || !convertible_) {
+        return 0;
+    }
+    return outputCount(frames < blockFrames_ ? frames : blockFrames_);
+}
+
 uint32_t RateConverter::convert(const float* in, float* out, uint32_t frames) {
     if (!ready_ || !convertible_) {
         return 0;

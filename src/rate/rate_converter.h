@@ -65,6 +65,8 @@ public:
 
     // trunc(dstRate * (n / srcRate)); callers use it on byte counts too.
     uint32_t outputFramesFor(uint32_t n) const;
+    // What convert returns for a block of `frames` frames.
+    uint32_t convertedFrames(uint32_t frames) const;
 
     // True once a setup succeeded.
     bool isReady() const { return ready_; }

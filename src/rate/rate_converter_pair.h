@@ -27,6 +27,10 @@ public:
     uint32_t blockOutputFrames() const { return converters_[0].blockOutputFrames(); }
     uint32_t outputFramesFor(uint32_t n) const { return converters_[0].outputFramesFor(n); }
     bool canConvert() const { return converters_[0].canConvert(); }
+    // What convert returns for a block of `frames` frames.
+    uint32_t convertedFrames(uint32_t frames) const {
+        return converters_[0].convertedFrames(frames);
+    }
 
 private:
     RateConverter converters_[2];

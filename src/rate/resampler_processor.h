@@ -30,6 +30,9 @@ public:
     void configure(uint32_t frames, uint32_t channels, uint32_t rate) override;
     // trunc(outRate * (n / inRate)), for byte and frame counts alike.
     uint32_t getDstSize(uint32_t srcBytes) override;
+    uint32_t pieceOutputBound(uint32_t frames) const override {
+        return converters_.convertedFrames(frames);
+    }
     uint32_t processChannel(uint32_t channel, const float* in, float* out,
                             uint32_t frames) override;
     // At most inFrames frames are converted: the output buffers hold the
