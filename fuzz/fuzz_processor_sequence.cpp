@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <limits>
 #include <vector>
 
 namespace {
@@ -239,6 +240,49 @@ std::vector<int16_t> samples(dspfuzz::ByteReader& in, size_t count) {
     return data;
 }
 
+// Floats around full scale, beyond it, and now and then not finite.
+std::vector<float> floatSamples(dspfuzz::ByteReader& in, size_t count) {
+    const std::vector<int16_t> base = samples(in, count);
+    const float gain = in.real(0.0f, 4.0f);
+    const float odd[] = {std::numeric_limits<float>::quiet_NaN(),
+                         std::numeric_limits<float>::infinity(), -1e30f, 1e-40f};
+    std::vector<float> data(count);
+    for (size_t i = 0; i < count; ++i) {
+        data[i] = static_cast<float>(base[i]) / 32767.0f * gain;
+    }
+    if (count > 0 && in.flag()) {
+        data[in.range(0, static_cast<uint32_t>(count - 1))] = odd[in.range(0, 3)];
+    }
+    return data;
+}
+
+// The float interface refuses a null or wrong handle (a processor's) and a
+// null buffer: 0, nothing written, the pool left alone.
+void refusedFloatSend(const Chain* chains, const Slot* slots, dspfuzz::ByteReader& in) {
+    const uint32_t pool = fastmemGetAllocatedSize();
+    const std::vector<float> src(256, 0.5f);
+    std::vector<float> dst(256, 0.25f);
+    void* chain = chains[in.range(0, kChains - 1)].handle;
+    switch (in.range(0, 2)) {
+    case 0: {
+        void* wrong = slots[in.range(0, kSlots - 1)].handle;
+        check(dspSendFloat(wrong, src.data(), dst.data(), 64) == 0);
+        check(dspGetDstSamples(wrong, 64) == 0);
+        break;
+    }
+    case 1:
+        check(dspSendFloat(chain, nullptr, dst.data(), 64) == 0);
+        break;
+    default:
+        check(dspSendFloat(chain, src.data(), nullptr, 64) == 0);
+        break;
+    }
+    for (float v : dst) {
+        check(v == 0.25f);
+    }
+    check(fastmemGetAllocatedSize() == pool);
+}
+
 // Bytes a rate changer may write: its size estimate scales the count as
 // given and ignores a change of channel count, so allow for both, and never
 // less than its whole output buffers.
@@ -380,13 +424,24 @@ void chainOp(Chain& c, Slot* slots, dspfuzz::ByteReader& in) {
         break;
     }
     case 1: {
-        const uint32_t frames = in.range(0, c.frames);
-        std::vector<int16_t> src = samples(in, static_cast<size_t>(frames) * c.channels);
-        const uint32_t bytes = frames * 2 * c.channels;
-        const uint32_t room = dspGetDstSize(c.handle, bytes);
-        // The estimate ignores channel changes along the chain.
-        std::vector<int16_t> dst(room + bytes + 512);
-        dspSend(c.handle, src.data(), dst.data(), bytes);
+        // Blocks up to three times the chain's own run in pieces. The output
+        // buffer is exactly as large as the sizing call says, so a write
+        // past it is caught.
+        const uint32_t frames = in.range(0, 3 * c.frames);
+        const size_t count = static_cast<size_t>(frames) * c.channels;
+        const uint32_t bound = dspGetDstSamples(c.handle, frames);
+        if (in.flag()) {
+            std::vector<int16_t> src = samples(in, count);
+            std::vector<int16_t> dst(bound);
+            const uint32_t bytes =
+                dspSend(c.handle, src.data(), dst.data(), frames * 2 * c.channels);
+            check(bytes / 2 <= bound);
+        } else {
+            std::vector<float> src = floatSamples(in, count);
+            std::vector<float> dst(bound);
+            const uint64_t written = dspSendFloat(c.handle, src.data(), dst.data(), frames);
+            check(written * dspGetDstChannels(c.handle) <= bound);
+        }
         break;
     }
     case 2:
@@ -419,7 +474,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Chain chains[kChains];
     for (uint32_t step = 0; step < 64 && !in.empty(); ++step) {
         const uint8_t op = in.u8();
-        switch (op % 5) {
+        switch (op % 6) {
         case 0: {
             Slot& s = slots[in.range(0, kSlots - 1)];
             if (s.handle == nullptr) {
@@ -443,6 +498,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         }
         case 3:
             chainOp(chains[in.range(0, kChains - 1)], slots, in);
+            break;
+        case 4:
+            refusedFloatSend(chains, slots, in);
             break;
         default: {
             Slot& s = slots[in.range(0, kSlots - 1)];

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Compares the functions a built library exports with the ones declared in
-# include/dsp.h: none may be missing and none extra.
+# include/dsp.h (the 86 functions, then the extensions section): none may be
+# missing, none extra, and none listed twice in a .def file.
 #
 # Usage: scripts/check-exports.sh FILE...
 #   FILE is a shared library (.so, read with nm -D), a Windows DLL (.dll,
@@ -30,10 +31,17 @@ if ((${#files[@]} == 0)); then
 fi
 
 # Declarations start a line with DSP_API; the name is the identifier right
-# before the opening parenthesis.
+# before the opening parenthesis. The header's extensions follow the line
+# that opens their section; everything before it is the 86 functions.
+extensions_marker='Extensions beyond the 86 functions'
+declarations() { # declarations base|extensions: names in header order
+    awk -v want="$1" -v marker="$extensions_marker" '
+        index($0, marker) { inExtensions = 1 }
+        /^DSP_API[[:space:]]/ && ((want == "extensions") == (inExtensions == 1)) { print }' "$header" |
+        sed -E 's/^([^(]*[^A-Za-z0-9_(])([A-Za-z_][A-Za-z0-9_]*)[[:space:]]*\(.*/\2/'
+}
 declared_names() {
-    grep -E '^DSP_API[[:space:]]' "$header" |
-        sed -E 's/^([^(]*[^A-Za-z0-9_(])([A-Za-z_][A-Za-z0-9_]*)[[:space:]]*\(.*/\2/' | sort -u
+    { declarations base; declarations extensions; } | sort -u
 }
 
 objdump_for() {
@@ -47,6 +55,11 @@ objdump_for() {
         fi
     done
     return 1
+}
+
+def_names() {
+    awk 'toupper($1) == "EXPORTS" { inExports = 1; next }
+         inExports && $1 ~ /^[A-Za-z_][A-Za-z0-9_]*$/ { print $1 }' "$1"
 }
 
 exported_names() {
@@ -65,8 +78,7 @@ exported_names() {
             inTable && NF == 0 { inTable = 0 }'
         ;;
     *.def)
-        awk 'toupper($1) == "EXPORTS" { inExports = 1; next }
-             inExports && $1 ~ /^[A-Za-z_][A-Za-z0-9_]*$/ && $1 !~ /^;/ { print $1 }' "$file"
+        def_names "$file"
         ;;
     *)
         # Defined dynamic symbols of function type (plain, weak, indirect).
@@ -77,7 +89,18 @@ exported_names() {
 
 declared=$(declared_names)
 declared_count=$(grep -c . <<<"$declared")
+base_count=$(declarations base | grep -c .)
+extension_count=$(declarations extensions | grep -c . || true)
 status=0
+if ((base_count != 86)); then
+    echo "FAIL $header: $base_count functions before the extensions section, not 86"
+    status=1
+fi
+duplicates=$({ declarations base; declarations extensions; } | sort | uniq -d)
+if [[ -n $duplicates ]]; then
+    echo "FAIL $header: declared more than once: $duplicates"
+    status=1
+fi
 for file in "${files[@]}"; do
     if [[ ! -f $file ]]; then
         echo "FAIL $file: no such file"
@@ -88,6 +111,13 @@ for file in "${files[@]}"; do
         status=1
         continue
     }
+    if [[ $file == *.def ]]; then
+        repeated=$(def_names "$file" | sort | uniq -d)
+        if [[ -n $repeated ]]; then
+            echo "FAIL $file: listed more than once:" $repeated
+            status=1
+        fi
+    fi
     missing=$(comm -23 <(echo "$declared") <(echo "$exported") | grep . || true)
     extra=$(comm -13 <(echo "$declared") <(echo "$exported") | grep . || true)
     missing_count=$(grep -c . <<<"$missing" || true)
@@ -97,7 +127,7 @@ for file in "${files[@]}"; do
         verdict=FAIL
         status=1
     fi
-    echo "$verdict $file: $((declared_count - missing_count)) of $declared_count declared functions exported, $missing_count missing, $extra_count extra"
+    echo "$verdict $file: $((declared_count - missing_count)) of $declared_count declared functions ($base_count and $extension_count extensions) exported, $missing_count missing, $extra_count extra"
     if ((missing_count > 0)); then
         sed 's/^/  missing: /' <<<"$missing"
     fi
