@@ -145,7 +145,7 @@ TEST(Hqups, ConfigureRebuildsForTheNewFormat) {
     EXPECT_EQ(doHqups(h.handle, src.data(), dst.data(), 4096), 6144u);
     // Smaller again: buffers kept, the output size follows.
     float* kept = p->work(2);
-    setHqupsActiveMode(h.handle, 1);
+    setHqupsActiveMode(h.handle, DSP_HQUPS_ACTIVE);
     p->configure(1024, 2, 44100);
     EXPECT_EQ(p->work(2), kept);
     EXPECT_EQ(p->generator(1).dryDelayLength(), 16u);
@@ -174,7 +174,7 @@ TEST(Hqups, UnknownModesAndSetters) {
         EXPECT_EQ(h.get()->settings().activeMode, 0u);
         EXPECT_EQ(h.get()->generator(0).dryDelayLength(), 8u);
     }
-    HqupsHandle h(bySource(1024, 2, 44100, 0.0f, 50.0f, 0));
+    HqupsHandle h(bySource(1024, 2, 44100, 0.0f, 50.0f, DSP_HQUPS_PASSIVE));
     HqupsHandle given(bySource(1024, 2, 44100, -1.0f, 25.0f, 0));
     EXPECT_EQ(setHqupsHarmonics(h.handle, -1.0f), 1u);
     EXPECT_EQ(setHqupsMix(h.handle, 25.0f), 1u);
@@ -183,7 +183,7 @@ TEST(Hqups, UnknownModesAndSetters) {
     EXPECT_EQ(doHqups(h.handle, src.data(), out.data(), 4096), 4456u);
     EXPECT_EQ(doHqups(given.handle, src.data(), expected.data(), 4096), 4456u);
     EXPECT_EQ(out, expected);
-    EXPECT_EQ(setHqupsActiveMode(h.handle, 1), 1u);
+    EXPECT_EQ(setHqupsActiveMode(h.handle, DSP_HQUPS_ACTIVE), 1u);
     for (int c = 0; c < 2; ++c) {
         EXPECT_EQ(h.get()->generator(c).activeMode(), 1u);
         EXPECT_EQ(h.get()->generator(c).dryDelayLength(), 8u); // follows the mode at setup only

@@ -256,12 +256,13 @@ protected:
 
 // Each stereo channel is its own mono cascade, across blocks shorter and
 // longer than the processor's frames (the latter go through in pieces); kind
-// 1 is the high-pass, every other kind a low-pass. Order 0 is the plain
-// conversion round trip.
+// DSP_IIR_HIGHPASS (1) is the high-pass, every other kind a low-pass. Order 0
+// is the plain conversion round trip.
 TEST_F(IirFilterTest, StereoChannelsMatchTheirOwnMonoCascades) {
-    const uint32_t frames = 300, orders[] = {1, 4, 5, 8, 9, 12, 0}, kinds[] = {1, 0, 2, 99};
+    const uint32_t frames = 300, orders[] = {1, 4, 5, 8, 9, 12, 0},
+                   kinds[] = {DSP_IIR_HIGHPASS, DSP_IIR_LOWPASS, 2, 99};
     for (uint32_t k = 0; k < 7; ++k) {
-        const uint32_t order = orders[k], kind = kinds[k % 4], modelKind = kind == 1 ? 1 : 0;
+        const uint32_t order = orders[k], kind = kinds[k % 4], modelKind = k % 4 == 0 ? 1 : 0;
         void* h = initIirFilter(frames, 2, 48000, order, 3000.0f, kind);
         ASSERT_NE(h, nullptr);
         MonoModel model[2] = {{48000.0f, static_cast<int32_t>(order), 3000.0f, modelKind},

@@ -258,7 +258,8 @@ TEST(Resampler, ChannelMappingFollowsTheConversionRules) {
     termResampler(sized);
     for (uint32_t in : {1u, 2u}) {
         for (uint32_t out : {1u, 2u}) {
-            void* h = initResampler(frames, in, out, 22050, 32000, 1, 50.0f, 40.0f, 1);
+            void* h =
+                initResampler(frames, in, out, 22050, 32000, DSP_INTERP_CUBIC, 50.0f, 40.0f, 1);
             const std::vector<int16_t>& src = in == 2 ? stereo : mono;
             std::vector<int16_t> dst(2 * n + 8, kSentinel);
             uint32_t bytes =
@@ -305,7 +306,7 @@ TEST(Resampler, OversizeBlocksAreProcessedInPieces) {
 // configure rebuilds for the new input format and clears the converter state:
 // processChained then equals a fresh converter block after block.
 TEST(Resampler, ChainConfigureRebuildsForTheNewInputFormat) {
-    void* h = initResampler(1024, 2, 1, 44100, 48000, 0, 60.0f, 60.0f, 1);
+    void* h = initResampler(1024, 2, 1, 44100, 48000, DSP_INTERP_LINEAR, 60.0f, 60.0f, 1);
     dsp::ResamplerProcessor* p = asResampler(h);
     const std::vector<float> lead = dsptest::noise(1024, 1);
     p->processChained(lead.data(), lead.data(), p->work(2), p->work(3), 1024);

@@ -135,11 +135,11 @@ TEST_F(WavefileReaderTest, TimeAndByteSeeks) {
     Bytes samples = dsptest::patternSamples(176400);
     open(dsptest::canonicalWave(2, 44100, samples));
     readWavefileIn(handle_, nullptr, 100);
-    EXPECT_EQ(timeSeekWavefileIn(handle_, 0.5f, 0), 44 + 88200);
+    EXPECT_EQ(timeSeekWavefileIn(handle_, 0.5f, DSP_SEEK_DATA), 44 + 88200);
     uint8_t got[4];
     ASSERT_EQ(readWavefileIn(handle_, got, 1), 4);
     EXPECT_EQ(std::memcmp(got, &samples[88200], 4), 0);
-    EXPECT_EQ(timeSeekWavefileIn(handle_, 0.25f, 1), 44 + 88204 + 44100);
+    EXPECT_EQ(timeSeekWavefileIn(handle_, 0.25f, DSP_SEEK_CURRENT), 44 + 88204 + 44100);
     EXPECT_EQ(timeSeekWavefileIn(handle_, -0.25f, 1), 44 + 88204);
     // Frames truncate toward zero: 44100 x 0.00003 = 1.323 -> 1 frame.
     EXPECT_EQ(timeSeekWavefileIn(handle_, 0.00003f, 0), 44 + 4);
@@ -149,9 +149,9 @@ TEST_F(WavefileReaderTest, TimeAndByteSeeks) {
     EXPECT_EQ(timeSeekWavefileIn(handle_, -1.0f, 0), -1);
     EXPECT_EQ(timeSeekWavefileIn(handle_, 1e30f, 0), -1);
 
-    EXPECT_EQ(seekWavefileIn(handle_, 500, 0), 544);
-    EXPECT_EQ(seekWavefileIn(handle_, 100, 0), 144);
-    EXPECT_EQ(seekWavefileIn(handle_, 10, 1), 154);
+    EXPECT_EQ(seekWavefileIn(handle_, 500, DSP_SEEK_DATA), 544);
+    EXPECT_EQ(seekWavefileIn(handle_, 100, DSP_SEEK_DATA), 144);
+    EXPECT_EQ(seekWavefileIn(handle_, 10, DSP_SEEK_CURRENT), 154);
     EXPECT_EQ(seekWavefileIn(handle_, -20, 1), 134);
     ASSERT_EQ(readWavefileIn(handle_, got, 1), 4);
     EXPECT_EQ(std::memcmp(got, &samples[90], 4), 0);
