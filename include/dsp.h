@@ -1,5 +1,6 @@
 /*
- * dsp - audio signal processing on blocks of 16-bit PCM.
+ * dsp - audio signal processing on blocks of 16-bit PCM (and of 32-bit float
+ * through the chain's float interface, at the end of this header).
  *
  * The whole interface is this set of plain C functions. Processors, chains
  * and WAVE readers/writers are opaque handles (void*). A processor is created
@@ -24,9 +25,9 @@
  * yields them) are the largest piece it processes at once: a do... call may
  * pass a longer block, which runs in consecutive pieces of that size with the
  * same result as one call per piece (doFft and doFftAnalyze excepted: they
- * read only the frames given at init). Bytes
- * beyond the last whole frame are ignored. A do... of an effect that keeps
- * the rate returns 1; a rate or time changer returns the bytes written.
+ * read only the frames given at init). Bytes beyond the last whole frame are
+ * ignored. A do... of an effect that keeps the rate returns 1; a rate or time
+ * changer returns the bytes written.
  */
 #ifndef DSP_H
 #define DSP_H
