@@ -101,6 +101,16 @@ build_examples_with_cmake() { # build_examples_with_cmake DIR [cmake arguments..
 if [[ -f $build/bin/dsp.dll ]]; then
     # ---- Windows (mingw-w64 cross build)
     expect_files bin/dsp.dll "${libdir#"$prefix/"}/libdsp.dll.a" "${package[@]}"
+    # The import library must lead to the DLL (a program's own import library
+    # under the same name would lead elsewhere).
+    for dlltool in x86_64-w64-mingw32-dlltool i686-w64-mingw32-dlltool; do
+        if command -v "$dlltool" >/dev/null; then
+            target=$("$dlltool" -I "$libdir/libdsp.dll.a") ||
+                fail "$dlltool cannot read libdsp.dll.a"
+            [[ $target == dsp.dll ]] || fail "libdsp.dll.a imports from '$target', not dsp.dll"
+            break
+        fi
+    done
     step "Windows layout complete: bin/dsp.dll, libdsp.dll.a, libdsp.a, dsp.h, CMake package, dsp.pc"
     wine=$(cache_value DSP_WINE64)
     if [[ -z $wine || $wine == *NOTFOUND ]]; then
@@ -110,6 +120,7 @@ if [[ -f $build/bin/dsp.dll ]]; then
     toolchain=$(cache_value CMAKE_TOOLCHAIN_FILE)
     [[ $toolchain == /* ]] || toolchain=$root/$toolchain
     [[ -f $toolchain ]] || fail "toolchain file $toolchain not found"
+    # shellcheck source=scripts/wine-env.sh
     source "$root/scripts/wine-env.sh"
     "$wine" cmd /c exit >/dev/null 2>&1 || true # create the prefix once
     step "find_package(dsp) under $(basename "$toolchain"), examples run under wine"
