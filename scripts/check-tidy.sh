@@ -4,9 +4,9 @@
 #
 # Usage: scripts/check-tidy.sh BUILD_DIR [DIR...]
 #   BUILD_DIR holds the compile_commands.json of a configured build (every
-#   build writes one). DIRs (default: src tools tests bench fuzz) choose the
-#   source files of that database to check; headers under them are checked
-#   through the files that include them.
+#   build writes one). DIRs (default: src tools tests bench fuzz examples)
+#   choose the source files of that database to check; headers under them
+#   are checked through the files that include them.
 #   JOBS sets the number of parallel clang-tidy runs (default 2).
 #   CLANG_TIDY overrides the program (default: clang-tidy-14, else clang-tidy).
 # Prints each finding once, under the file whose run reported it, a count per
@@ -22,7 +22,7 @@ fi
 build=$(cd "$1" && pwd)
 shift
 dirs=("$@")
-((${#dirs[@]})) || dirs=(src tools tests bench fuzz)
+((${#dirs[@]})) || dirs=(src tools tests bench fuzz examples)
 database=$build/compile_commands.json
 if [[ ! -f $database ]]; then
     echo "check-tidy: no $database (configure the build first)" >&2

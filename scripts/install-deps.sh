@@ -9,10 +9,11 @@
 #   clang, libclang-rt-14-dev  libFuzzer targets and ThreadSanitizer runs
 #   clang-format, clang-tidy   the house-rule checks (scripts/check-format.sh,
 #                              scripts/check-tidy.sh; version 14)
+#   pkg-config          consumes the installed library (scripts/check-install.sh)
 set -euo pipefail
 packages=(g++ cmake make libgtest-dev libbenchmark-dev
     g++-multilib googletest mingw-w64 wine64 sox python3 clang libclang-rt-14-dev
-    clang-format clang-tidy "$@")
+    clang-format clang-tidy pkg-config "$@")
 missing=()
 for p in "${packages[@]}"; do
     dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")

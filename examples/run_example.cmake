@@ -1,0 +1,121 @@
+# Runs one example program (wav_chain or float_chain) the way a user would and
+# checks what it leaves behind:
+#   cmake -DEXAMPLE=prog -DMAKE_TONE=prog -DWORK_DIR=dir -DFRAMES=n -DRATE=hz
+#         -DCHANNELS=1|2 [-DEMULATOR=wine64] -P run_example.cmake
+# make_tone writes the input; the example must turn it into a 16-bit PCM WAVE
+# file at 48000 Hz with the input's channel count, holding exactly the frames
+# the resampler makes of each 4096-frame block (trunc(frames x 48000 / RATE)
+# per block), and not silent. Run on a missing input it must fail with exit
+# status 1, name the file on stderr and create no output.
+cmake_minimum_required(VERSION 3.20)
+
+foreach(var EXAMPLE MAKE_TONE WORK_DIR FRAMES RATE CHANNELS)
+    if(NOT DEFINED ${var})
+        message(FATAL_ERROR "run_example: ${var} is not set")
+    endif()
+endforeach()
+set(block 4096)
+set(out_rate 48000)
+
+get_filename_component(name ${EXAMPLE} NAME_WE)
+file(MAKE_DIRECTORY ${WORK_DIR})
+set(in ${WORK_DIR}/${name}-in.wav)
+set(out ${WORK_DIR}/${name}-out.wav)
+set(never ${WORK_DIR}/${name}-never.wav)
+file(REMOVE ${in} ${out} ${never})
+
+function(run expected_status)
+    execute_process(COMMAND ${EMULATOR} ${ARGN}
+        RESULT_VARIABLE status OUTPUT_VARIABLE stdout ERROR_VARIABLE stderr)
+    if(NOT status STREQUAL expected_status)
+        message(FATAL_ERROR "run_example: '${ARGN}' exited with '${status}', not ${expected_status}\n"
+            "stdout: ${stdout}\nstderr: ${stderr}")
+    endif()
+    set(stderr "${stderr}" PARENT_SCOPE)
+endfunction()
+
+run(0 ${MAKE_TONE} ${in} ${FRAMES} ${RATE} ${CHANNELS})
+run(0 ${EXAMPLE} ${in} ${out})
+run(1 ${EXAMPLE} ${WORK_DIR}/missing.wav ${never})
+if(NOT stderr MATCHES "missing\\.wav" OR EXISTS ${never})
+    message(FATAL_ERROR "run_example: on a missing input: stderr '${stderr}', output left: ${never}")
+endif()
+
+# Little-endian unsigned field of `size` bytes at `offset`.
+function(read_le var offset size)
+    file(READ ${out} hex OFFSET ${offset} LIMIT ${size} HEX)
+    string(LENGTH "${hex}" digits)
+    math(EXPR wanted "2 * ${size}")
+    if(NOT digits EQUAL wanted)
+        message(FATAL_ERROR "run_example: ${out} ends inside a field at byte ${offset}")
+    endif()
+    set(value "")
+    math(EXPR last "${wanted} - 2")
+    foreach(at RANGE 0 ${last} 2)
+        string(SUBSTRING "${hex}" ${at} 2 byte)
+        set(value "${byte}${value}")
+    endforeach()
+    math(EXPR value "0x${value}")
+    set(${var} ${value} PARENT_SCOPE)
+endfunction()
+
+function(fail)
+    string(JOIN "" what ${ARGV})
+    message(FATAL_ERROR "run_example: ${out}: ${what}")
+endfunction()
+
+file(SIZE ${out} file_size)
+file(READ ${out} riff LIMIT 12 HEX)
+# "RIFF" .... "WAVE"
+if(NOT riff MATCHES "^52494646........57415645$")
+    fail("not a RIFF WAVE file")
+endif()
+read_le(riff_size 4 4)
+math(EXPR riff_end "8 + ${riff_size}")
+if(NOT riff_end EQUAL file_size)
+    fail("RIFF size ${riff_size} does not match the file size ${file_size}")
+endif()
+
+# Walk the chunks: "fmt " and "data".
+set(offset 12)
+while(offset LESS file_size)
+    file(READ ${out} id OFFSET ${offset} LIMIT 4 HEX)
+    math(EXPR at "${offset} + 4")
+    read_le(size ${at} 4)
+    math(EXPR body "${offset} + 8")
+    if(id STREQUAL "666d7420")
+        read_le(tag ${body} 2)
+        math(EXPR at "${body} + 2")
+        read_le(channels ${at} 2)
+        math(EXPR at "${body} + 4")
+        read_le(rate ${at} 4)
+        math(EXPR at "${body} + 14")
+        read_le(bits ${at} 2)
+    elseif(id STREQUAL "64617461")
+        set(data_offset ${body})
+        set(data_bytes ${size})
+    endif()
+    math(EXPR offset "${body} + ${size} + ${size} % 2")
+endwhile()
+if(NOT DEFINED tag OR NOT DEFINED data_bytes)
+    fail("no \"fmt \" or no \"data\" chunk")
+endif()
+if(NOT tag EQUAL 1 OR NOT bits EQUAL 16 OR NOT channels EQUAL CHANNELS OR NOT rate EQUAL out_rate)
+    fail("format ${tag}, ${bits} bits, ${channels} channels, ${rate} Hz, "
+        "expected 16-bit PCM, ${CHANNELS} channels, ${out_rate} Hz")
+endif()
+math(EXPR data_end "${data_offset} + ${data_bytes}")
+if(data_end GREATER file_size)
+    fail("data chunk of ${data_bytes} bytes runs past the end of the file")
+endif()
+
+math(EXPR expected "${FRAMES} / ${block} * (${block} * ${out_rate} / ${RATE}) + ${FRAMES} % ${block} * ${out_rate} / ${RATE}")
+math(EXPR frames "${data_bytes} / (2 * ${CHANNELS})")
+if(NOT frames EQUAL expected)
+    fail("${frames} frames, expected ${expected}")
+endif()
+file(READ ${out} samples OFFSET ${data_offset} LIMIT 8192 HEX)
+if(samples MATCHES "^0*$")
+    fail("the first 4096 samples are all 0")
+endif()
+message(STATUS "${name}: ${frames} frames at ${rate} Hz, ${channels} channel(s)")
