@@ -74,6 +74,7 @@ class HeldSignals {
 public:
 #if defined(_WIN32)
     HeldSignals() = default;
+    ~HeldSignals() {} // signals are not held back there
 #else
     HeldSignals() {
         sigset_t set;
@@ -146,8 +147,9 @@ void refuseInputs(const std::string& output, const std::vector<std::string>& inp
     }
     for (const std::string& input : inputs) {
         if (input != "-" && fs::equivalent(input, output, ec)) {
-            throw UsageError("the output '" + output + "' is the input file '" + input +
-                             "'; choose another name");
+            throw UsageError("the output " + quoted(output, "standard output") +
+                             " is the input file " + quoted(input, "standard input") +
+                             "; choose another name");
         }
     }
 }
