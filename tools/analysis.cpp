@@ -350,8 +350,7 @@ void writeSlices(const std::string& file, const std::string& dir,
         char name[32];
         std::snprintf(name, sizeof name, "slice-%03zu.wav", i + 1);
         std::string out = (std::filesystem::path(dir) / name).string();
-        checkDistinct(file, out);
-        writeWholeFile(out, in.format(), samples);
+        writeWholeFile(out, in.format(), samples, {file});
     }
 }
 

@@ -17,6 +17,8 @@ struct Failure : std::runtime_error {
 
 // Set by the interrupt handler; long loops check it and stop cleanly.
 bool interrupted();
+// Handles SIGINT, SIGTERM and SIGHUP so that no temporary output file is
+// left behind (output_file.h), and makes a closed pipe an error on write.
 void installInterruptHandler();
 
 } // namespace cli

@@ -124,9 +124,12 @@ int runDemo(const std::vector<std::string>& args, const Options& options) {
         throw UsageError("usage: dsp demo [OUT.wav]");
     }
     const std::string outPath = args.empty() ? "demo.wav" : args[0];
+    if (outPath == "-") {
+        throw UsageError("the demo writes and reads back files; OUT.wav cannot be standard output");
+    }
     std::filesystem::path out(outPath);
     std::string sourcePath = (out.parent_path() / (out.stem().string() + "-source.wav")).string();
-    writeWholeFile(sourcePath, AudioFormat{kRate, 2}, synthesiseMusic());
+    writeWholeFile(sourcePath, AudioFormat{kRate, 2}, synthesiseMusic(), {});
 
     std::vector<EffectSpec> effects =
         parseEffects({"resample", "48000", "cubic", "chorus", "3", "20", "2", "1.5", "30", "100",

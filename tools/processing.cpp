@@ -15,6 +15,11 @@ namespace cli {
 
 namespace {
 
+// The report goes to standard error when the audio goes to standard output.
+std::FILE* reportStream(const std::string& outPath) {
+    return outPath == "-" ? stderr : stdout;
+}
+
 void stopIfInterrupted(const std::string& outPath) {
     if (interrupted()) {
         throw Failure("interrupted; '" + outPath + "' was not written");
@@ -46,7 +51,6 @@ uint64_t stream(WavInput& in, Chain& chain, WavOutput& out, const std::string& o
 
 ProcessResult processFile(const std::string& inPath, const std::string& outPath,
                           const std::vector<EffectSpec>& effects, const Options& options) {
-    checkDistinct(inPath, outPath);
     WavInput in(inPath, kBlockFrames);
     Chain chain(kBlockFrames, in.format());
     for (const EffectSpec& e : effects) {
@@ -57,7 +61,7 @@ ProcessResult processFile(const std::string& inPath, const std::string& outPath,
     result.outFormat = chain.outputFormat();
     result.chain = chain.descriptions();
 
-    WavOutput out(outPath, result.outFormat);
+    WavOutput out(outPath, result.outFormat, {inPath});
     Progress progress("processing", in.totalFrames(), options.quiet);
     auto start = std::chrono::steady_clock::now();
     result.framesIn = stream(in, chain, out, outPath, progress);
@@ -82,15 +86,16 @@ int runProcess(const std::vector<std::string>& args, const Options& options) {
     std::vector<EffectSpec> effects = parseEffects(words);
     ProcessResult r = processFile(args[0], args[1], effects, options);
     if (!options.quiet) {
+        std::FILE* report = reportStream(args[1]);
         double seconds = static_cast<double>(r.framesOut) / r.outFormat.rate;
-        std::printf("%s: %.3f s, %s (%llu frames)", args[1].c_str(), seconds,
-                    formatDescription(r.outFormat).c_str(),
-                    static_cast<unsigned long long>(r.framesOut));
+        std::fprintf(report, "%s: %.3f s, %s (%llu frames)", args[1].c_str(), seconds,
+                     formatDescription(r.outFormat).c_str(),
+                     static_cast<unsigned long long>(r.framesOut));
         if (r.elapsedSeconds > 0.0) {
             double audio = static_cast<double>(r.framesIn) / r.inFormat.rate;
-            std::printf(", %.0fx real time", audio / r.elapsedSeconds);
+            std::fprintf(report, ", %.0fx real time", audio / r.elapsedSeconds);
         }
-        std::printf("\n");
+        std::fprintf(report, "\n");
     }
     return 0;
 }
@@ -144,7 +149,7 @@ uint64_t writeCrossfade(const std::string& outPath, WavInput& a, WavInput& b, ui
                         void* fader, const Options& options) {
     const AudioFormat f = a.format();
     const uint64_t total = bStart + b.totalFrames();
-    WavOutput out(outPath, f);
+    WavOutput out(outPath, f, {a.path(), b.path()});
     std::vector<int16_t> bufA(size_t{kBlockFrames} * f.channels), bufB(bufA.size()),
         mixed(bufA.size());
     Progress progress("cross-fading", total, options.quiet);
@@ -170,8 +175,6 @@ int runCrossfade(const std::vector<std::string>& args, const Options& options) {
         throw UsageError("usage: dsp crossfade A.wav B.wav OUT.wav SECONDS");
     }
     double overlapSeconds = parseSeconds(args[3], "SECONDS");
-    checkDistinct(args[0], args[2]);
-    checkDistinct(args[1], args[2]);
     WavInput a(args[0], kBlockFrames);
     WavInput b(args[1], kBlockFrames);
     const AudioFormat f = a.format();
@@ -186,9 +189,9 @@ int runCrossfade(const std::vector<std::string>& args, const Options& options) {
     Owned fader = crossFader(f, a.totalFrames(), overlap);
     uint64_t total = writeCrossfade(args[2], a, b, a.totalFrames() - overlap, fader.get(), options);
     if (!options.quiet) {
-        std::printf("%s: %.3f s, %s (%.3f s overlap)\n", args[2].c_str(),
-                    static_cast<double>(total) / f.rate, formatDescription(f).c_str(),
-                    static_cast<double>(overlap) / f.rate);
+        std::fprintf(reportStream(args[2]), "%s: %.3f s, %s (%.3f s overlap)\n", args[2].c_str(),
+                     static_cast<double>(total) / f.rate, formatDescription(f).c_str(),
+                     static_cast<double>(overlap) / f.rate);
     }
     return 0;
 }

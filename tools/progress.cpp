@@ -1,15 +1,18 @@
 #include "progress.h"
 
 #include "cli_error.h"
+#include "output_file.h"
 
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 
 #if defined(_WIN32)
 #include <io.h>
 #define DSP_ISATTY(fd) _isatty(fd)
 #define DSP_STDERR_FD 2
 #else
+#include <signal.h>
 #include <unistd.h>
 #define DSP_ISATTY(fd) isatty(fd)
 #define DSP_STDERR_FD STDERR_FILENO
@@ -20,8 +23,28 @@ namespace cli {
 namespace {
 volatile std::sig_atomic_t interruptFlag = 0;
 
-extern "C" void onInterrupt(int) {
+// The first SIGINT asks the loops to stop: they do at the next block (a
+// write waiting on a pipe returns early), and the output is discarded on the
+// way out. SIGTERM, SIGHUP or a second SIGINT end the process at once:
+// the output's temporary file is removed, then the signal takes its usual
+// course. Only async-signal-safe calls here.
+extern "C" void onSignal(int sig) {
+    if (sig == SIGINT && interruptFlag == 0) {
+        interruptFlag = 1;
+#if defined(_WIN32)
+        std::signal(SIGINT, onSignal); // reset to the default on each call
+#endif
+        return;
+    }
     interruptFlag = 1;
+    discardTemporaryOutputs();
+#if defined(_WIN32)
+    _exit(128 + sig);
+#else
+    // Delivered, and fatal, as soon as this handler returns.
+    signal(sig, SIG_DFL);
+    raise(sig);
+#endif
 }
 } // namespace
 
@@ -30,8 +53,25 @@ bool interrupted() {
 }
 
 void installInterruptHandler() {
-    std::signal(SIGINT, onInterrupt);
-    std::signal(SIGTERM, onInterrupt);
+#if defined(_WIN32)
+    std::signal(SIGINT, onSignal);
+    std::signal(SIGTERM, onSignal);
+#else
+    struct sigaction action = {};
+    action.sa_handler = onSignal;
+    sigemptyset(&action.sa_mask);
+    for (int sig : {SIGINT, SIGTERM, SIGHUP}) {
+        sigaddset(&action.sa_mask, sig);
+    }
+    // No SA_RESTART: a blocking write or open returns, so the loop sees
+    // the flag.
+    action.sa_flags = 0;
+    for (int sig : {SIGINT, SIGTERM, SIGHUP}) {
+        sigaction(sig, &action, nullptr);
+    }
+    // A closed pipe is reported as an error on the write, naming the file.
+    signal(SIGPIPE, SIG_IGN);
+#endif
 }
 
 Progress::Progress(std::string label, uint64_t total, bool quiet)

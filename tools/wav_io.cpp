@@ -159,49 +159,56 @@ WavefileFormat pcmFormat(const AudioFormat& format) {
     return f;
 }
 
-WavOutput::WavOutput(const std::string& path, const AudioFormat& format)
-    : path_(path), format_(format) {
-    std::error_code ec;
-    if (fs::is_directory(path, ec)) {
-        throw Failure("cannot write '" + path + "': it is a directory");
-    }
-    fs::path target(path);
-    fs::path dir = target.has_parent_path() ? target.parent_path() : fs::path(".");
-    if (!fs::is_directory(dir, ec)) {
-        throw Failure("cannot write '" + path + "': no directory '" + dir.string() + "'");
-    }
-    // A hidden temporary beside the destination, so the final rename stays
-    // on one file system.
-    for (int attempt = 0; attempt < 1000; ++attempt) {
-        fs::path candidate =
-            dir / ("." + target.filename().string() + ".part" + std::to_string(attempt));
-        if (!fs::exists(candidate, ec)) {
-            tempPath_ = candidate.string();
-            break;
-        }
-    }
-    if (tempPath_.empty()) {
-        throw Failure("cannot find a temporary name beside '" + path + "'");
-    }
-    WavefileFormat f = pcmFormat(format);
-    writer_ = initWavefileOut(tempPath_.c_str(), &f);
-    if (writer_ == nullptr || flushWavefileOut(writer_) == 0) {
-        if (writer_ != nullptr) {
-            termWavefileOut(writer_);
-            writer_ = nullptr;
-        }
-        fs::remove(tempPath_, ec);
-        throw Failure("cannot create '" + path + "' (is the directory writable?)");
+namespace {
+
+// The RIFF size (38 header bytes after the first 8, then the samples) must
+// fit in 32 bits.
+constexpr uint64_t kHeaderBytes = 46;
+constexpr uint64_t kMaxDataBytes = 0xFFFFFFFFu - (kHeaderBytes - 8);
+// The sizes of a stream whose length is not known when its header goes out.
+constexpr uint32_t kUnknownSize = 0xFFFFFFFFu;
+
+void putLe(unsigned char*& p, uint32_t value, int bytes) {
+    for (int i = 0; i < bytes; ++i) {
+        *p++ = static_cast<unsigned char>(value >> (8 * i));
     }
 }
 
-WavOutput::~WavOutput() {
-    if (!committed_) {
-        if (writer_ != nullptr) {
-            termWavefileOut(writer_);
-        }
-        std::error_code ec;
-        fs::remove(tempPath_, ec);
+// RIFF, an 18-byte "fmt " chunk and the head of "data", as the library's
+// writer lays them out.
+void writeHeader(ByteSink& sink, const AudioFormat& format, uint32_t riffBytes,
+                 uint32_t dataBytes) {
+    const WavefileFormat f = pcmFormat(format);
+    unsigned char header[kHeaderBytes];
+    unsigned char* p = header;
+    std::memcpy(p, "RIFF", 4);
+    p += 4;
+    putLe(p, riffBytes, 4);
+    std::memcpy(p, "WAVEfmt ", 8);
+    p += 8;
+    putLe(p, 18, 4);
+    putLe(p, f.formatTag, 2);
+    putLe(p, f.channels, 2);
+    putLe(p, f.samplesPerSecond, 4);
+    putLe(p, f.avgBytesPerSecond, 4);
+    putLe(p, f.blockAlign, 2);
+    putLe(p, f.bitsPerSample, 2);
+    putLe(p, f.extraSize, 2);
+    std::memcpy(p, "data", 4);
+    p += 4;
+    putLe(p, dataBytes, 4);
+    sink.write(header, sizeof header);
+}
+
+} // namespace
+
+WavOutput::WavOutput(const std::string& path, const AudioFormat& format,
+                     const std::vector<std::string>& inputs)
+    : file_(OutputFile::open(path, inputs)), format_(format) {
+    if (file_->seekable()) {
+        writeHeader(*file_, format_, kHeaderBytes - 8, 0); // sizes fixed by commit()
+    } else {
+        writeHeader(*file_, format_, kUnknownSize, kUnknownSize);
     }
 }
 
@@ -209,42 +216,33 @@ void WavOutput::write(const int16_t* samples, uint32_t frames) {
     if (frames == 0) {
         return;
     }
-    int32_t bytes = static_cast<int32_t>(frames * 2 * format_.channels);
-    if (writeWavefileOut(writer_, samples, bytes) != bytes) {
-        throw Failure("cannot write '" + path_ + "' (disk full?)");
+    const uint64_t frameBytes = uint64_t{2} * format_.channels;
+    if ((frames_ + frames) * frameBytes > kMaxDataBytes) {
+        throw Failure("output '" + path() + "' would exceed the 4 GiB WAVE limit");
     }
+    file_->write(samples, frames * frameBytes);
     frames_ += frames;
 }
 
 void WavOutput::commit() {
-    uint64_t dataBytes = frames_ * 2 * format_.channels;
-    if (dataBytes > 0xFFFFFFF0u) {
-        throw Failure("output '" + path_ + "' would exceed the 4 GiB WAVE limit");
+    if (file_->seekable()) {
+        const uint64_t end = file_->position();
+        const auto dataBytes = static_cast<uint32_t>(end - kHeaderBytes);
+        file_->seek(0);
+        writeHeader(*file_, format_, static_cast<uint32_t>(kHeaderBytes - 8) + dataBytes,
+                    dataBytes);
+        file_->seek(end); // where a caller's standard output goes on
     }
-    bool flushed = flushWavefileOut(writer_) == 1;
-    uint32_t written = termWavefileOut(writer_);
-    writer_ = nullptr;
-    if (!flushed || written != dataBytes) {
-        throw Failure("cannot finish '" + path_ + "' (disk full?)");
-    }
-    std::error_code ec;
-    fs::rename(tempPath_, path_, ec);
-    if (ec) {
-        throw Failure("cannot rename the finished output to '" + path_ + "': " + ec.message());
-    }
-    committed_ = true;
+    file_->commit();
 }
 
-void checkDistinct(const std::string& input, const std::string& output) {
-    std::error_code ec;
-    if (fs::exists(output, ec) && fs::equivalent(input, output, ec)) {
-        throw UsageError("the output '" + output + "' is the input file; choose another name");
-    }
+const std::string& WavOutput::path() const {
+    return file_->name();
 }
 
 void writeWholeFile(const std::string& path, const AudioFormat& format,
-                    const std::vector<int16_t>& samples) {
-    WavOutput out(path, format);
+                    const std::vector<int16_t>& samples, const std::vector<std::string>& inputs) {
+    WavOutput out(path, format, inputs);
     const uint32_t block = 65536;
     uint64_t frames = samples.size() / format.channels;
     for (uint64_t at = 0; at < frames; at += block) {

@@ -1,12 +1,14 @@
-// WAVE input and output for the tool, through the library's reader and
-// writer. Input is checked to be 16-bit PCM mono or stereo; output goes to a
-// temporary file beside the destination and is renamed into place only when
-// complete, so a failed or interrupted run never leaves a truncated file.
+// WAVE input and output for the tool. Input goes through the library's
+// reader and is checked to be 16-bit PCM mono or stereo; output goes
+// through an OutputFile (output_file.h), so a failed or interrupted run
+// never leaves a truncated file or damages anything.
 #pragma once
 
 #include "dsp.h"
+#include "output_file.h"
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -49,34 +51,32 @@ private:
     uint32_t blockFrames_;
 };
 
+// A 16-bit PCM WAVE file. A seekable output gets its sizes by commit(); a
+// stream (a pipe, a device) has them marked unknown (0xFFFFFFFF), as
+// readers of streamed WAVE expect.
 class WavOutput {
 public:
-    WavOutput(const std::string& path, const AudioFormat& format);
-    ~WavOutput(); // removes the temporary file unless committed
-    WavOutput(const WavOutput&) = delete;
-    WavOutput& operator=(const WavOutput&) = delete;
+    // `inputs` are the files the output may not be.
+    WavOutput(const std::string& path, const AudioFormat& format,
+              const std::vector<std::string>& inputs);
 
     void write(const int16_t* samples, uint32_t frames);
-    // Closes the file and renames it into place.
+    // Completes the header and puts the file in place; without it the
+    // output is discarded.
     void commit();
     uint64_t framesWritten() const { return frames_; }
+    const std::string& path() const;
 
 private:
-    std::string path_;
-    std::string tempPath_;
-    void* writer_ = nullptr;
+    std::unique_ptr<OutputFile> file_;
     AudioFormat format_;
     uint64_t frames_ = 0;
-    bool committed_ = false;
 };
-
-// Refuses (UsageError) an output that is the same file as an input.
-void checkDistinct(const std::string& input, const std::string& output);
 
 // Writes a whole buffer of interleaved samples as a WAVE file (used by the
 // demo and by slice splitting).
 void writeWholeFile(const std::string& path, const AudioFormat& format,
-                    const std::vector<int16_t>& samples);
+                    const std::vector<int16_t>& samples, const std::vector<std::string>& inputs);
 
 WavefileFormat pcmFormat(const AudioFormat& format);
 
