@@ -47,7 +47,7 @@ int main(int argc, char** argv) {
         status = failure(inPath, "out of memory");
         goto done;
     }
-    if (seekWavefileIn(reader, 0, 1) <= 0) {
+    if (seekWavefileIn(reader, 0, DSP_SEEK_CURRENT) <= 0) {
         status = failure(inPath, "cannot open as a WAVE file");
         goto done;
     }
@@ -69,7 +69,7 @@ int main(int argc, char** argv) {
         goto done;
     }
     void* resampler = initResampler(BLOCK_FRAMES, channels, channels, in->samplesPerSecond,
-                                    OUT_RATE, 1, 60.0f, 60.0f, 1);
+                                    OUT_RATE, DSP_INTERP_CUBIC, 60.0f, 60.0f, 1);
     if (resampler == NULL || dspAdd(chain, resampler, 1) != 1) {
         termResampler(resampler);
         status = failure(inPath, "cannot create the resampler");
