@@ -30,7 +30,8 @@ struct Input {
 Input input() {
     Input in;
     for (uint32_t i = 0; i < 2 * kFrames; ++i) {
-        const double t = static_cast<double>(i / 2) / kRate;
+        const uint32_t frame = i / 2;
+        const double t = static_cast<double>(frame) / kRate;
         const double x =
             0.3 * std::sin(2 * M_PI * 440.0 * t) + 0.2 * std::sin(2 * M_PI * 3000.0 * t);
         in.int16.push_back(static_cast<int16_t>(std::lrint(x * 32767.0)));
