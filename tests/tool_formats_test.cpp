@@ -436,7 +436,8 @@ TEST(ToolFormats, CopiesKeepEveryEncodingExactly) {
         ASSERT_EQ(r.status, 0) << r.err;
         Decoded d = readWave(out);
         EXPECT_EQ(d.format.type, e.type);
-        EXPECT_EQ(d.format.extensible, e.extensible);
+        // Extensible stays so where the plain header would do for fewer readers.
+        EXPECT_EQ(d.format.extensible, e.extensible && e.type == SampleType::kInt24);
         EXPECT_TRUE(d.samples == encoded(e.type, tone));
     }
     writeWave(in, stereo(SampleType::kInt24), encoded(SampleType::kInt24, tone));

@@ -66,14 +66,19 @@ AudioOutput::AudioOutput(const std::string& path, const std::vector<std::string>
     stream_.channels = format.channels;
     stream_.type =
         storedType(container, encoding.type.value_or(input.type), encoding.type.has_value(), path);
-    stream_.extensible = input.extensible;
-    if (stream_.type == input.type) {
+    if (stream_.type == input.type && input.validBits != bitsPerSample(input.type)) {
         stream_.validBits = input.validBits;
     }
-    stream_.channelMask = format.channels == input.channels ? input.channelMask
-                          : input.channelMask == 0          ? 0
-                          : format.channels == 1            ? 0x4u // front centre
-                                                            : 0x3u;           // front left, right
+    const uint32_t usualMask = format.channels == 1 ? 0x4u : 0x3u; // centre; left and right
+    stream_.channelMask =
+        format.channels == input.channels || input.channelMask == 0 ? input.channelMask : usualMask;
+    // An extensible input stays extensible where the plain header would lose
+    // something (24 and 32-bit PCM are extensible by convention); otherwise
+    // the plain header, which more readers take.
+    stream_.extensible =
+        input.extensible &&
+        (stream_.type == SampleType::kInt24 || stream_.type == SampleType::kInt32 ||
+         stream_.validBits != 0 || (stream_.channelMask != 0 && stream_.channelMask != usualMask));
     // Fewer bits than the input: dithered, unless turned off.
     if (encoding.dither && !isFloat(stream_.type) &&
         bitsPerSample(stream_.type) < bitsPerSample(input.type)) {

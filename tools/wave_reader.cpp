@@ -59,6 +59,7 @@ bool isId(const uint8_t* p, const char* id) {
 }
 
 constexpr uint32_t kUnknown32 = 0xFFFFFFFFu;
+constexpr uint32_t kStreamPlaceholder = 0x7FFF0000u;
 
 } // namespace
 
@@ -142,8 +143,12 @@ WaveReader::WaveReader(ByteSource& source) : source_(source) {
             if (rf64 && size == kUnknown32) {
                 bytes = ds64Data;
             }
+            // Unknown: 0xFFFFFFFF; 0 with a RIFF size of 0 or 0xFFFFFFFF;
+            // and in a stream the placeholders near 2 GiB that writers put
+            // there when they cannot come back to fix the size.
             lengthKnown_ = !(bytes == UINT64_MAX || (!rf64 && size == kUnknown32) ||
-                             (size == 0 && (riffSize == 0 || riffSize == kUnknown32)));
+                             (size == 0 && (riffSize == 0 || riffSize == kUnknown32)) ||
+                             (!rf64 && !source_.seekable() && size >= kStreamPlaceholder));
             dataBytes_ = lengthKnown_ ? bytes : 0;
             totalFrames_ = lengthKnown_ ? bytes / format_.frameBytes() : 0;
             dataStart_ = source_.position();
