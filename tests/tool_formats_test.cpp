@@ -601,6 +601,42 @@ TEST(ToolFormats, MalformedHeadersGiveOneLineEach) {
     }
 }
 
+// With libsndfile: FLAC and AIFF keep the samples exactly, Ogg Vorbis keeps
+// the length; without it, each is refused by name and nothing is written.
+TEST(ToolFormats, OtherContainersThroughLibsndfile) {
+    const std::vector<float> tone = testTone(6000);
+    const Bytes samples = encoded(SampleType::kInt24, tone);
+    const std::string in = tempPath("in.wav"), back = tempPath("back.wav");
+    writeWave(in, stereo(SampleType::kInt24), samples);
+    const struct {
+        const char* name;
+        const char* container;
+        bool exact;
+    } cases[] = {{"out.flac", "FLAC", true}, {"out.aiff", "AIFF", true}, {"out.ogg", "Ogg", false}};
+    for (const auto& c : cases) {
+        const std::string out = tempPath(c.name);
+        ToolRun r = runTool("-q " + in + " " + out);
+        if (!cli::haveSndfile()) {
+            EXPECT_EQ(r.status, 1);
+            EXPECT_EQ(r.err, "dsp: '" + out + "': " + c.container + (c.exact ? "" : " Vorbis") +
+                                 " needs libsndfile, which this dsp was built without\n");
+            EXPECT_FALSE(fs::exists(out));
+            continue;
+        }
+        ASSERT_EQ(r.status, 0) << r.err;
+        r = runTool("-q " + out + " " + back);
+        ASSERT_EQ(r.status, 0) << r.err;
+        Decoded d = readWave(back);
+        EXPECT_EQ(d.format.rate, 44100u);
+        EXPECT_EQ(d.format.type, c.exact ? SampleType::kInt24 : SampleType::kFloat32) << c.name;
+        if (c.exact) {
+            EXPECT_TRUE(d.samples == samples) << c.name;
+        } else {
+            EXPECT_EQ(d.samples.size(), 6000u * 2 * 4) << c.name;
+        }
+    }
+}
+
 // RF64 with a data chunk beyond 4 GiB, as a sparse file: the length comes
 // from ds64, and a spectrum from beyond 4 GiB is read.
 TEST(ToolFormats, Rf64BeyondFourGiBIsRead) {

@@ -21,6 +21,7 @@ enum class Container : uint8_t { kWave, kFlac, kOggVorbis, kOggOpus, kAiff };
 const char* containerName(Container c);
 
 struct StreamFormat {
+    Container container = Container::kWave;
     uint32_t rate = 0;
     uint32_t channels = 0;
     SampleType type = SampleType::kInt16;

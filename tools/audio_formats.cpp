@@ -41,10 +41,12 @@ bool haveSndfile() {
 
 namespace {
 
+#if !defined(DSP_HAVE_SNDFILE)
 [[noreturn]] void needSndfile(const std::string& name, const char* what) {
     throw Failure("'" + name + "': " + what +
                   " needs libsndfile, which this dsp was built without");
 }
+#endif
 
 std::string headText(const std::vector<uint8_t>& head) {
     std::string s;

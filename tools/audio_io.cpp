@@ -62,6 +62,7 @@ AudioOutput::AudioOutput(const std::string& path, const std::vector<std::string>
                          const AudioFormat& format, const StreamFormat& input,
                          const OutputEncoding& encoding, const std::vector<ExtraChunk>& extras) {
     const Container container = containerForPath(path);
+    stream_.container = container;
     stream_.rate = format.rate;
     stream_.channels = format.channels;
     stream_.type =
@@ -146,7 +147,9 @@ void writeWholeFile(const std::string& path, const AudioFormat& format,
 }
 
 std::string streamDescription(const StreamFormat& f) {
-    return sampleTypeName(f.type) + ", " + std::to_string(f.rate) + " Hz, " +
+    const bool lossy = f.container == Container::kOggVorbis || f.container == Container::kOggOpus;
+    return (f.container == Container::kWave ? "" : std::string(containerName(f.container)) + ", ") +
+           (lossy ? "" : sampleTypeName(f.type) + ", ") + std::to_string(f.rate) + " Hz, " +
            (f.channels == 2 ? "stereo" : "mono");
 }
 
