@@ -27,32 +27,34 @@ void printHelp() {
     std::printf("Effects run in the order given, in one processing chain (none: a plain\n"
                 "copy):\n%s\n",
                 cli::effectsHelp().c_str());
-    std::printf("Commands:\n"
-                "  crossfade   A followed by B, overlapped and cross-faded over SECONDS\n"
-                "  info        format, length, peak and RMS level per channel\n"
-                "  spectrum    spectrum of N frames (default 4096) from SECONDS (default 0),\n"
-                "              in dB relative to a full-scale sine\n"
-                "  envelope    amplitude envelope, the loudest value every --step seconds\n"
-                "              (default 0.1); CSV gives the analyzer's 16-bit sample units\n"
-                "  slices      cut at attacks; gates in dB (defaults -30 and -40), rise in\n"
-                "              percent (5), minimum slice length (0.1 s); --split writes\n"
-                "              each slice to DIR/slice-NNN.wav\n"
-                "  demo        synthesise test music, process it (resample 48000, chorus,\n"
-                "              fade), slice and measure it; writes OUT (default demo.wav)\n"
-                "              and OUT-source.wav\n\n"
-                "Options:\n"
-                "  --bits B     output samples: 8, 16, 24, 32 (PCM), float or double\n"
-                "               (IEEE float 32 or 64 bits); default: those of the input\n"
-                "  --no-dither  no TPDF dither when the output has fewer bits than the input\n"
-                "  --quiet      no report, no progress bar; --help, --version\n"
-                "Input: mono or stereo WAVE (RIFF or RF64; 8-bit unsigned, 16, 24 or 32-bit\n"
-                "PCM, 32 or 64-bit float, plain or extensible)%s. '-' reads standard input and\n"
-                "writes standard output. The output is written to a temporary file and renamed\n"
-                "into place when complete; it may not be the input file.\n"
-                "Exit status: 0 success, 1 failure, 2 usage error.\n",
-                cli::haveSndfile() ? "; FLAC, Ogg Vorbis, Ogg Opus and AIFF (by the output's\n"
-                                     "extension .flac, .ogg, .opus, .aiff)"
-                                   : "");
+    std::printf(
+        "Commands:\n"
+        "  crossfade   A followed by B, overlapped and cross-faded over SECONDS\n"
+        "  info        format, length, peak and RMS level per channel\n"
+        "  spectrum    spectrum of N frames (default 4096) from SECONDS (default 0),\n"
+        "              in dB relative to a full-scale sine\n"
+        "  envelope    amplitude envelope, the loudest value every --step seconds\n"
+        "              (default 0.1); CSV gives the analyzer's 16-bit sample units\n"
+        "  slices      cut at attacks; gates in dB (defaults -30 and -40), rise in\n"
+        "              percent (5), minimum slice length (0.1 s); --split writes\n"
+        "              each slice to DIR/slice-NNN.wav\n"
+        "  demo        synthesise test music, process it (resample 48000, chorus,\n"
+        "              fade), slice and measure it; writes OUT (default demo.wav)\n"
+        "              and OUT-source.wav\n\n"
+        "Options:\n"
+        "  --bits B     output samples: 8, 16, 24, 32 (PCM), float or double\n"
+        "               (IEEE float 32 or 64 bits); default: those of the input\n"
+        "  --no-dither  no TPDF dither when the output has fewer bits than the input\n"
+        "  --quiet      no report, no progress bar; --help, --version\n"
+        "Input: mono or stereo WAVE (RIFF or RF64; 8-bit unsigned, 16, 24 or 32-bit\n"
+        "PCM, 32 or 64-bit float, plain or extensible)%s. '-' reads standard input or\n"
+        "writes standard output. The output is written to a temporary file and renamed\n"
+        "into place when complete; it may not be the input file.\n"
+        "Exit status: 0 success, 1 failure, 2 usage error.\n",
+        cli::haveSndfile()
+            ? ";\nthrough libsndfile also FLAC, Ogg Vorbis, Ogg Opus and AIFF (an output's\n"
+              "format by its extension: .flac, .ogg, .opus, .aiff)"
+            : "");
 }
 
 // The commands named by their first word; any other first word is an input

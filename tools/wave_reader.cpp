@@ -209,10 +209,8 @@ void WaveReader::collectTrailingChunks() {
             }
         }
     } catch (const Failure&) {
-        // A damaged tail (a chunk cut short) is not copied.
-        if (!extras_.empty() && extras_.back().body.empty()) {
-            extras_.pop_back();
-        }
+        // A damaged tail (a chunk cut short) is not copied; takeChunk keeps
+        // a chunk only once its body is read whole.
     }
 }
 
