@@ -20,6 +20,7 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -221,7 +222,10 @@ TEST(ToolWaveCodec, SamplesMapToTheLibraryScale) {
     cli::encodeSamples(SampleType::kInt24, loud, out, 2, nullptr);
     EXPECT_EQ(Bytes(out, out + 6), (Bytes{0xFF, 0xFF, 0x7F, 0x00, 0x00, 0x80}));
     cli::encodeSamples(SampleType::kFloat32, loud, out, 2, nullptr);
-    EXPECT_EQ(std::memcmp(out, loud, 8), 0);
+    float kept[2];
+    std::memcpy(kept, out, 8);
+    EXPECT_EQ(kept[0], loud[0]);
+    EXPECT_EQ(kept[1], loud[1]);
 
     // 16 bits decode to the floats of the library's 16-bit path: through the
     // same chain, the float interface then gives what dspSend gives.
@@ -348,6 +352,15 @@ std::string tempPath(const std::string& name = "") {
     return (dir / name).string();
 }
 
+// Words joined by spaces: a command line.
+std::string words(std::initializer_list<std::string> parts) {
+    std::string line;
+    for (const std::string& p : parts) {
+        line += (line.empty() ? "" : " ") + p;
+    }
+    return line;
+}
+
 struct ToolRun {
     int status;
     std::string out;
@@ -412,7 +425,8 @@ std::vector<float> testTone(size_t frames) {
     uint32_t noise = 5;
     for (size_t i = 0; i < s.size(); ++i) {
         noise = noise * 1664525u + 1013904223u;
-        s[i] = static_cast<float>(0.7 * std::sin(2 * M_PI * 440.0 * (i / 2) / 44100.0) +
+        const size_t frame = i / 2;
+        s[i] = static_cast<float>(0.7 * std::sin(2 * M_PI * 440.0 * frame / 44100.0) +
                                   0.01 * ((noise >> 8) / 8388608.0 - 1.0));
     }
     return s;
@@ -432,7 +446,7 @@ TEST(ToolFormats, CopiesKeepEveryEncodingExactly) {
     for (const EncodingCase& e : kEncodings) {
         SCOPED_TRACE(cli::sampleTypeName(e.type) + (e.extensible ? " extensible" : ""));
         writeWave(in, stereo(e.type, e.extensible), encoded(e.type, tone));
-        ToolRun r = runTool("-q " + in + " " + out);
+        ToolRun r = runTool(words({"-q", in, out}));
         ASSERT_EQ(r.status, 0) << r.err;
         Decoded d = readWave(out);
         EXPECT_EQ(d.format.type, e.type);
@@ -588,7 +602,7 @@ TEST(ToolFormats, MalformedHeadersGiveOneLineEach) {
     const std::string in = tempPath("bad.wav"), out = tempPath("out.wav");
     for (const auto& c : cases) {
         dsptest::writeFileBytes(in, c.file);
-        ToolRun r = runTool(in + " " + out + " gain -1");
+        ToolRun r = runTool(words({in, out, "gain -1"}));
         const std::string expected =
             c.message != nullptr ? c.message
             : cli::haveSndfile() ? in
@@ -615,16 +629,17 @@ TEST(ToolFormats, OtherContainersThroughLibsndfile) {
     } cases[] = {{"out.flac", "FLAC", true}, {"out.aiff", "AIFF", true}, {"out.ogg", "Ogg", false}};
     for (const auto& c : cases) {
         const std::string out = tempPath(c.name);
-        ToolRun r = runTool("-q " + in + " " + out);
+        ToolRun r = runTool(words({"-q", in, out}));
         if (!cli::haveSndfile()) {
+            const std::string what = std::string(c.container) + (c.exact ? "" : " Vorbis");
             EXPECT_EQ(r.status, 1);
-            EXPECT_EQ(r.err, "dsp: '" + out + "': " + c.container + (c.exact ? "" : " Vorbis") +
-                                 " needs libsndfile, which this dsp was built without\n");
+            EXPECT_EQ(r.err, words({"dsp: '" + out + "':", what,
+                                    "needs libsndfile, which this dsp was built without\n"}));
             EXPECT_FALSE(fs::exists(out));
             continue;
         }
         ASSERT_EQ(r.status, 0) << r.err;
-        r = runTool("-q " + out + " " + back);
+        r = runTool(words({"-q", out, back}));
         ASSERT_EQ(r.status, 0) << r.err;
         Decoded d = readWave(back);
         EXPECT_EQ(d.format.rate, 44100u);
