@@ -190,13 +190,15 @@ TEST_F(ToolTest, EffectsMatchTheLibrary) {
         {"chorus 2 15 3 0.5 50 80", 44100, 2,
          [](void*) { return initChorus(kBlock, 2, 44100, 2, 15.0f, 3.0f, 0.5f, 50.0f, 80.0f); }},
         {"pitch 700", 44100, 2,
-         [](void*) { return initPitchShift(kBlock, 2, 44100, 700.0f, 0.0f, 0.05f, 0.01f); }},
+         [](void*) { return initPitchShift(kBlock, 2, 44100, 700.0f, 0.0f, 0.15f, 0.1f); }},
         {"stretch -500", 44100, 2,
-         [](void*) { return initStretch(kBlock, 2, 44100, -500.0f, 0.0f, 0.05f, 0.01f); }},
+         [](void*) { return initStretch(kBlock, 2, 44100, -500.0f, 0.0f, 0.2f, 0.1f); }},
+        {"pitch -300 --grain 0.05 --spacing 0.01", 44100, 2,
+         [](void*) { return initPitchShift(kBlock, 2, 44100, -300.0f, 0.0f, 0.05f, 0.01f); }},
         {"tempo 1.25", 44100, 2,
          [](void*) {
              float scale = static_cast<float>(1000.0 * std::log2(1.25));
-             return initStretch(kBlock, 2, 44100, scale, 0.0f, 0.05f, 0.01f);
+             return initStretch(kBlock, 2, 44100, scale, 0.0f, 0.2f, 0.1f);
          }},
         {"gain -6", 44100, 2, [](void*) { return initFader(kBlock, 2, 44100, 0.0f, -6.0f, 0.0f); }},
         {"fade 0.2 0.3", 44100, 2,
@@ -379,6 +381,9 @@ TEST_F(ToolTest, ErrorsGiveOneLineAndTheRightStatusAndWriteNothing) {
         {effectArgs("pitch 5000"), 2, "CENTS must be between"},
         {effectArgs("gain loud"), 2, "DB must be a number"},
         {effectArgs("resample 48000 fast"), 2, "unknown option 'fast'"},
+        {effectArgs("gain 3 --grain 0.1"), 2, "gain: unknown option '--grain'"},
+        {effectArgs("tempo 1.1 --spacing 0.3 --grain 0.2"), 2, "must not exceed --grain"},
+        {effectArgs("pitch 100 --grain"), 2, "--grain needs a value"},
         {input_ + " " + input_ + " gain 1", 2, "is the input file"},
         {input_ + " " + tempPath("no/such/dir/out.wav") + " gain 1", 1, "no directory"},
         {"crossfade " + input_ + " " + input_ + " " + output_ + " 5", 2, "longer than"},

@@ -17,20 +17,39 @@ namespace {
 // Processor settings the tool does not expose.
 constexpr float kFilterAttenuationDb = 60.0f; // resampler / hqups anti-alias filter
 constexpr float kFilterSlopeDbPerOctave = 60.0f;
-constexpr float kGrainSeconds = 0.05f; // pitch / stretch grains
-constexpr float kSpacingSeconds = 0.01f;
 constexpr uint32_t kHqupsBandEdgeHz = 5000;
 constexpr float kFaderFloorDb = -50.0f; // the fader's lowest level
 constexpr uint32_t kChorusHistory = 65536;
 
-// The words after an effect's name, read with messages that name the effect.
+// Grain and spacing of the pitch shifter and the time stretcher: the
+// settings bench_granular_choice finds best on sines and a vowel (pitch
+// error, energy outside the expected tone); --grain and --spacing override.
+constexpr float kPitchGrainSeconds = 0.15f;
+constexpr float kPitchSpacingSeconds = 0.1f;
+constexpr float kStretchGrainSeconds = 0.2f;
+constexpr float kStretchSpacingSeconds = 0.1f;
+
+// The words after an effect's name, read with messages that name the effect:
+// positional words, and options written "--NAME VALUE" among them.
 class EffectArgs {
 public:
-    EffectArgs(const EffectSpec& effect, const char* usage) : effect_(effect), usage_(usage) {}
+    EffectArgs(const EffectSpec& effect, const char* usage) : effect_(effect), usage_(usage) {
+        for (size_t i = 0; i < effect.args.size(); ++i) {
+            const std::string& w = effect.args[i];
+            if (w.size() > 2 && w.compare(0, 2, "--") == 0) {
+                if (i + 1 >= effect.args.size()) {
+                    refuse(w + " needs a value");
+                }
+                options_.push_back({w, effect.args[++i], false});
+            } else {
+                words_.push_back(w);
+            }
+        }
+    }
 
     const std::string& name() const { return effect_.name; }
-    size_t count() const { return effect_.args.size(); }
-    const std::string& word(size_t index) const { return effect_.args.at(index); }
+    size_t count() const { return words_.size(); }
+    const std::string& word(size_t index) const { return words_.at(index); }
 
     // Refuses fewer than lo or more than hi words.
     void requireCount(size_t lo, size_t hi) const {
@@ -44,16 +63,7 @@ public:
 
     // The word at index as a finite number from lo to hi.
     double number(size_t index, const char* what, double lo, double hi) const {
-        double v = 0.0;
-        if (!readNumber(word(index), v) || !std::isfinite(v)) {
-            fail(std::string(what) + " must be a number, not '" + word(index) + "'");
-        }
-        if (v < lo || v > hi) {
-            std::ostringstream range;
-            range << lo << " and " << hi;
-            fail(std::string(what) + " must be between " + range.str() + ", not " + word(index));
-        }
-        return v;
+        return numberIn(word(index), what, lo, hi);
     }
 
     // The same, a whole number.
@@ -65,18 +75,61 @@ public:
         return v;
     }
 
+    // The value of option `option` as a number from lo to hi; fallback when
+    // it is not given.
+    double option(const char* option, double fallback, double lo, double hi) const {
+        double v = fallback;
+        for (Option& o : options_) {
+            if (o.name == option) {
+                v = numberIn(o.value, option, lo, hi);
+                o.read = true;
+            }
+        }
+        return v;
+    }
+
+    // Refuses an option that the effect's parser did not read.
+    void requireOptionsRead() const {
+        for (const Option& o : options_) {
+            if (!o.read) {
+                refuse("unknown option '" + o.name + "'");
+            }
+        }
+    }
+
     // A problem with the words as a whole: the message repeats the usage.
     [[noreturn]] void refuse(const std::string& problem) const {
         fail(problem + "; usage: " + usage_);
     }
 
 private:
+    struct Option {
+        std::string name;
+        std::string value;
+        bool read;
+    };
+
+    double numberIn(const std::string& text, const char* what, double lo, double hi) const {
+        double v = 0.0;
+        if (!readNumber(text, v) || !std::isfinite(v)) {
+            fail(std::string(what) + " must be a number, not '" + text + "'");
+        }
+        if (v < lo || v > hi) {
+            std::ostringstream range;
+            range << lo << " and " << hi;
+            fail(std::string(what) + " must be between " + range.str() + ", not " + text);
+        }
+        return v;
+    }
+
     [[noreturn]] void fail(const std::string& problem) const {
         throw UsageError(name() + ": " + problem);
     }
 
     const EffectSpec& effect_;
     const char* usage_;
+    std::vector<std::string> words_;
+    mutable std::vector<Option> options_;
 };
 
 // An optional number of an effect, read into a member of its settings.
@@ -273,44 +326,80 @@ void buildChorus(const ChorusSettings& s, const Stage& at) {
                   " s, mix " + fixed(s.mix, 0) + "%, dry " + fixed(s.dry, 0) + "%");
 }
 
+// Grain and spacing of the granular processors.
+struct Granular {
+    float grain;
+    float spacing;
+};
+
+Granular readGranular(const EffectArgs& a, float grain, float spacing) {
+    Granular g;
+    g.grain = static_cast<float>(a.option("--grain", grain, 0.005, 1.0));
+    g.spacing = static_cast<float>(a.option("--spacing", spacing, 0.001, 1.0));
+    if (g.spacing > g.grain) {
+        a.refuse("--spacing must not exceed --grain");
+    }
+    return g;
+}
+
+// Grains start a whole number of samples apart, at least one.
+void checkGranular(const Granular& g, const Stage& at) {
+    if (std::floor(static_cast<double>(g.spacing) * at.format.rate) < 1.0) {
+        throw UsageError(at.effect + ": --spacing must be at least one sample (" +
+                         fixed(1.0 / at.format.rate, 4) + " s at " +
+                         std::to_string(at.format.rate) + " Hz)");
+    }
+}
+
+std::string granularDescription(const Granular& g) {
+    return ", grain " + fixed(g.grain, 3) + " s, spacing " + fixed(g.spacing, 3) + " s";
+}
+
 struct PitchSettings {
     float cents;
+    Granular granular;
 };
 
 PitchSettings parsePitch(const EffectArgs& a) {
-    return {static_cast<float>(onlyNumber(a, "CENTS", -1200.0, 1200.0))};
+    return {static_cast<float>(onlyNumber(a, "CENTS", -1200.0, 1200.0)),
+            readGranular(a, kPitchGrainSeconds, kPitchSpacingSeconds)};
 }
 
 void buildPitch(const PitchSettings& s, const Stage& at) {
     const AudioFormat& f = at.format;
+    checkGranular(s.granular, at);
     at.append(termPitchShift,
-              initPitchShift(at.blockFrames, f.channels, f.rate, s.cents, 0.0f, kGrainSeconds,
-                             kSpacingSeconds),
-              "pitch " + fixed(s.cents, 1) + " cents");
+              initPitchShift(at.blockFrames, f.channels, f.rate, s.cents, 0.0f, s.granular.grain,
+                             s.granular.spacing),
+              "pitch " + fixed(s.cents, 1) + " cents" + granularDescription(s.granular));
 }
 
 // stretch and tempo: the same processor, its scale given two ways.
 struct StretchSettings {
     double scale;
     std::string description;
+    Granular granular;
 };
 
 void buildStretch(const StretchSettings& s, const Stage& at) {
     const AudioFormat& f = at.format;
+    checkGranular(s.granular, at);
     at.append(termStretch,
               initStretch(at.blockFrames, f.channels, f.rate, static_cast<float>(s.scale), 0.0f,
-                          kGrainSeconds, kSpacingSeconds),
-              s.description);
+                          s.granular.grain, s.granular.spacing),
+              s.description + granularDescription(s.granular));
 }
 
 StretchSettings parseStretch(const EffectArgs& a) {
     double scale = onlyNumber(a, "SCALE", -2000.0, 3000.0);
-    return {scale, "stretch scale " + fixed(scale, 0)};
+    return {scale, "stretch scale " + fixed(scale, 0),
+            readGranular(a, kStretchGrainSeconds, kStretchSpacingSeconds)};
 }
 
 StretchSettings parseTempo(const EffectArgs& a) {
     double scale = 1000.0 * std::log2(onlyNumber(a, "FACTOR", 0.25, 8.0));
-    return {scale, "tempo x" + a.word(0) + " (scale " + fixed(scale, 1) + ")"};
+    return {scale, "tempo x" + a.word(0) + " (scale " + fixed(scale, 1) + ")",
+            readGranular(a, kStretchGrainSeconds, kStretchSpacingSeconds)};
 }
 
 struct GainSettings {
@@ -373,7 +462,12 @@ template <auto parse, auto build>
 EffectEntry effect(const char* name, const char* usage, const char* help) {
     using Settings = decltype(parse(std::declval<const EffectArgs&>()));
     return {
-        name, usage, help, [](const EffectArgs& a) { return std::any(parse(a)); },
+        name, usage, help,
+        [](const EffectArgs& a) {
+            std::any settings(parse(a));
+            a.requireOptionsRead();
+            return settings;
+        },
         [](const std::any& s, const Stage& at) { build(std::any_cast<const Settings&>(s), at); }};
 }
 
@@ -392,14 +486,16 @@ const EffectEntry kEffects[] = {
     effect<parseChorus, buildChorus>("chorus",
                                      "chorus [VOICES DELAY_MS DEPTH_MS PERIOD_S MIX% DRY%]",
                                      "multi-voice chorus (default 3 20 2 1.5 30 100)"),
-    effect<parsePitch, buildPitch>("pitch", "pitch CENTS",
-                                   "shift the pitch, -1200..1200 cents, keeping the duration"),
+    effect<parsePitch, buildPitch>(
+        "pitch", "pitch CENTS [--grain SECONDS] [--spacing SECONDS]",
+        "shift the pitch, -1200..1200 cents, keeping the duration (grains of 0.15 s every 0.1 s "
+        "by default)"),
     effect<parseStretch, buildStretch>(
-        "stretch", "stretch SCALE",
+        "stretch", "stretch SCALE [--grain SECONDS] [--spacing SECONDS]",
         "change the duration keeping the pitch: SCALE in thousandths of an octave, -2000..3000 "
-        "(1000 halves the duration, -1000 doubles it)"),
+        "(1000 halves the duration, -1000 doubles it; grains of 0.2 s every 0.1 s by default)"),
     effect<parseTempo, buildStretch>(
-        "tempo", "tempo FACTOR",
+        "tempo", "tempo FACTOR [--grain SECONDS] [--spacing SECONDS]",
         "the same given as a speed factor, 0.25..8 (1.25 plays 25% faster)"),
     effect<parseGain, buildGain>("gain", "gain DB", "change the level, -50..50 dB"),
     effect<parseFade, buildFade>(
