@@ -216,12 +216,14 @@ TEST(ToolWaveCodec, SamplesMapToTheLibraryScale) {
         cli::decodeSamples(c.type, c.bytes.data(), &v, 1);
         EXPECT_EQ(v, c.value) << cli::sampleTypeName(c.type);
     }
-    // Integers clamp at full scale; floats keep what lies beyond it.
-    const float loud[2] = {1.75f, -3.0f};
+    // Integers clamp at full scale, counting the clamped samples; floats keep
+    // what lies beyond it.
+    const float loud[2] = {1.75f, -3.0f}, full[2] = {1.0f, -1.0f};
     uint8_t out[8];
-    cli::encodeSamples(SampleType::kInt24, loud, out, 2, nullptr);
+    EXPECT_EQ(cli::encodeSamples(SampleType::kInt24, loud, out, 2, nullptr), 2u);
     EXPECT_EQ(Bytes(out, out + 6), (Bytes{0xFF, 0xFF, 0x7F, 0x00, 0x00, 0x80}));
-    cli::encodeSamples(SampleType::kFloat32, loud, out, 2, nullptr);
+    EXPECT_EQ(cli::encodeSamples(SampleType::kInt16, full, out, 2, nullptr), 0u);
+    EXPECT_EQ(cli::encodeSamples(SampleType::kFloat32, loud, out, 2, nullptr), 0u);
     float kept[2];
     std::memcpy(kept, out, 8);
     EXPECT_EQ(kept[0], loud[0]);

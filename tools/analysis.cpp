@@ -206,8 +206,10 @@ void printSpectrumBands(const Spectrum& s, const std::string& file) {
     }
 }
 
-// The envelope as a table: one row per step, the loudest value of each
-// channel over the step.
+// The envelope as a table: one row per step, the highest value of each
+// channel's envelope follower over the step, in dB relative to the value the
+// follower settles at for a full-scale sine (so a sine reads its level in
+// dBFS), the same in text and CSV.
 class EnvelopeTable {
 public:
     EnvelopeTable(const AudioFormat& format, double step, bool csv)
@@ -219,11 +221,12 @@ public:
         if (csv_) {
             std::printf("time_s");
             for (uint32_t c = 0; c < format_.channels; ++c) {
-                std::printf(",%s", channelName(c, format_.channels));
+                std::printf(",%s_db", channelName(c, format_.channels));
             }
             std::printf("\n");
         } else {
-            std::printf("envelope of %s, %s, every %.3f s (dB relative to full scale)\n",
+            std::printf("envelope of %s, %s, every %.3f s (the highest envelope per step, in dB "
+                        "relative to a full-scale sine's)\n",
                         file.c_str(), formatDescription(format_).c_str(), step);
         }
     }
@@ -252,20 +255,18 @@ public:
     uint64_t position() const { return position_; }
 
 private:
-    // The analyzer settles at 2.5 x 32767 for a constant full-scale input.
-    static constexpr double kFullScale = 2.5 * 32767.0;
+    // The follower rectifies, multiplies by 2.5 and smooths (33 Hz): for a
+    // sine of amplitude A it settles at 2.5 x A x 2 / pi, in 16-bit units.
+    static constexpr double kFullScaleSine = 2.5 * 32767.0 * 2.0 / 3.14159265358979323846;
 
     void printRow() {
         double t = static_cast<double>(rowStart_) / format_.rate;
-        if (csv_) {
-            std::printf("%.4f", t);
-            for (uint32_t c = 0; c < format_.channels; ++c) {
-                std::printf(",%.0f", rowMax_[c]);
-            }
-        } else {
-            std::printf("%9.3f s", t);
-            for (uint32_t c = 0; c < format_.channels; ++c) {
-                double v = rowMax_[c] > 0.0f ? 20.0 * std::log10(rowMax_[c] / kFullScale) : -120.0;
+        std::printf(csv_ ? "%.4f" : "%9.3f s", t);
+        for (uint32_t c = 0; c < format_.channels; ++c) {
+            double v = rowMax_[c] > 0.0f ? 20.0 * std::log10(rowMax_[c] / kFullScaleSine) : -120.0;
+            if (csv_) {
+                std::printf(",%.2f", v);
+            } else {
                 std::printf("  %7.1f %-40s", v, bar(v, -80.0).c_str());
             }
         }

@@ -3,6 +3,7 @@
 #include "audio_formats.h"
 #include "cli_error.h"
 
+#include <cmath>
 #include <cstdio>
 
 namespace cli {
@@ -100,8 +101,29 @@ void AudioOutput::writeFloat(const float* src, uint32_t frames) {
     if (raw_.size() < samples * bytesPerSample(stream_.type)) {
         raw_.resize(samples * bytesPerSample(stream_.type));
     }
-    encodeSamples(stream_.type, src, raw_.data(), samples, dither_ ? &*dither_ : nullptr);
+    if (!isFloat(stream_.type)) {
+        for (size_t i = 0; i < samples; ++i) {
+            peak_ = std::fmax(peak_, std::fabs(src[i]));
+        }
+    }
+    clipped_ +=
+        encodeSamples(stream_.type, src, raw_.data(), samples, dither_ ? &*dither_ : nullptr);
     writeRaw(raw_.data(), frames);
+}
+
+void AudioOutput::writeFloatBy16BitRule(const float* src, uint32_t frames, bool monoSource) {
+    const uint32_t channels = stream_.channels;
+    const size_t samples = static_cast<size_t>(frames) * channels;
+    if (int16_.size() < samples) {
+        int16_.resize(samples);
+    }
+    for (size_t i = 0; i < samples; ++i) {
+        const float x = src[monoSource ? i - i % channels : i];
+        peak_ = std::fmax(peak_, std::fabs(x));
+        clipped_ += clipsInt16(x) ? 1 : 0;
+        int16_[i] = floatToInt16(x);
+    }
+    writeInt16(int16_.data(), frames);
 }
 
 void AudioOutput::writeInt16(const int16_t* src, uint32_t frames) {

@@ -75,6 +75,14 @@ public:
     void writeRaw(const uint8_t* src, uint32_t frames);
     void writeFloat(const float* src, uint32_t frames);
     void writeInt16(const int16_t* src, uint32_t frames);
+    // Floats to 16-bit output by the library's own 16-bit rule (clamp, x
+    // 32767, toward zero), so that the result is what dspSend writes; a mono
+    // source's stereo output takes its left channel for both, as there.
+    void writeFloatBy16BitRule(const float* src, uint32_t frames, bool monoSource);
+    // Samples clamped by an integer encoding so far, and the largest
+    // magnitude given to an integer encoding (1.0 = full scale).
+    uint64_t clipped() const { return clipped_; }
+    float peak() const { return peak_; }
     // Completes the file (with chunks that followed the input's samples)
     // and puts it in place.
     void commit(const std::vector<ExtraChunk>& trailing = {});
@@ -87,7 +95,10 @@ private:
     std::optional<Dither> dither_;
     std::vector<uint8_t> raw_;
     std::vector<float> floats_;
+    std::vector<int16_t> int16_;
     uint64_t frames_ = 0;
+    uint64_t clipped_ = 0;
+    float peak_ = 0.0f;
 };
 
 // Writes a whole buffer of interleaved 16-bit samples (the demo's material,

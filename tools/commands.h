@@ -12,6 +12,7 @@ namespace cli {
 
 struct Options {
     bool quiet = false;
+    bool noClip = false;     // --no-clip: scale the output down rather than clip
     OutputEncoding encoding; // --bits, --no-dither
 };
 

@@ -4,6 +4,7 @@
 #include "dsp.h"
 #include "numbers.h"
 
+#include <algorithm>
 #include <cmath>
 #include <functional>
 #include <iterator>
@@ -158,6 +159,8 @@ struct Stage {
     uint32_t blockFrames;
     double inputSeconds; // the length of the whole input as it arrives here
     std::function<void(uint32_t (*term)(void*), void* processor, const std::string& what)> append;
+    // Makes [from, to) seconds at this point of the chain digital silence.
+    std::function<void(double from, double to)> silence;
 };
 
 std::string fixed(double v, int digits) {
@@ -429,21 +432,28 @@ FadeSettings parseFade(const EffectArgs& a) {
     return s;
 }
 
+// The fader's ramps run between 0 dB and its lowest level, -50 dB; the frame
+// before a fade-in and the frame after a fade-out are made digital silence.
 void buildFade(const FadeSettings& s, const Stage& at) {
     const AudioFormat& f = at.format;
     float startLevel = s.in > 0.0 ? kFaderFloorDb : 0.0f;
     void* fader = initFader(at.blockFrames, f.channels, f.rate, 0.0f, startLevel, 0.0f);
     at.append(termFader, fader, "fade in " + fixed(s.in, 2) + " s, out " + fixed(s.out, 2) + " s");
-    // Actions must start after the fader's first sample.
-    const double firstSample = 1.5 / f.rate;
+    const double frame = 1.0 / f.rate;
+    // Actions start after the fader's first sample; a time half a frame
+    // past a frame's start lands on that frame.
+    const double firstSample = 1.5 * frame;
     if (s.in > 0.0) {
         setFaderAction(fader, 0, static_cast<float>(firstSample),
                        static_cast<float>(std::fmax(s.in, 2 * firstSample)), 0.0f);
+        at.silence(0.0, frame);
     }
     if (s.out > 0.0) {
+        // The ramp ends on the last frame, which is silent.
         double start = std::fmax(at.inputSeconds - s.out, firstSample);
-        double end = std::fmax(at.inputSeconds, start + firstSample);
+        double end = std::fmax(at.inputSeconds - 0.5 * frame, start + firstSample);
         setFaderAction(fader, 0, static_cast<float>(start), static_cast<float>(end), kFaderFloorDb);
+        at.silence(std::fmax(at.inputSeconds - frame, frame), HUGE_VAL);
     }
 }
 
@@ -570,23 +580,39 @@ AudioFormat Chain::outputFormat() const {
     return AudioFormat{dspGetDstRate(chain_), dspGetDstChannels(chain_)};
 }
 
-uint32_t Chain::outputCapacityBytes(uint32_t frames) const {
-    // The chain's size estimate ignores a change of channel count: allow twice.
-    uint64_t bytes = dspGetDstSize(chain_, frames * 2 * source_.channels);
-    return static_cast<uint32_t>(2 * bytes + 1024);
-}
-
 uint32_t Chain::outputCapacitySamples(uint32_t frames) const {
     return dspGetDstSamples(chain_, frames);
 }
 
 uint32_t Chain::sendFloat(const float* src, uint32_t frames, float* dst) {
-    return dspSendFloat(chain_, src, dst, frames);
+    const uint32_t written = dspSendFloat(chain_, src, dst, frames);
+    silence(dst, written);
+    return written;
 }
 
-uint32_t Chain::send(const int16_t* src, uint32_t frames, int16_t* dst) {
-    uint32_t bytes = dspSend(chain_, src, dst, frames * 2 * source_.channels);
-    return bytes / (2 * dspGetDstChannels(chain_));
+void Chain::silence(float* dst, uint32_t frames) {
+    if (!spans_.empty() && silentFrames_.empty()) {
+        // Placed in the output: seconds where a span was made scale with the
+        // length of the whole input from there to the end of the chain.
+        const double seconds = secondsHere(totalFrames_);
+        const double rate = dspGetDstRate(chain_);
+        for (const SilentSpan& span : spans_) {
+            const double scale = span.stageSeconds > 0.0 ? seconds / span.stageSeconds : 1.0;
+            const double from = std::nearbyint(span.from * scale * rate);
+            const double to =
+                std::fmax(std::nearbyint(std::fmin(span.to * scale * rate, 1e18)), from + 1.0);
+            silentFrames_.push_back({static_cast<uint64_t>(from), static_cast<uint64_t>(to)});
+        }
+    }
+    const uint32_t channels = dspGetDstChannels(chain_);
+    for (const SilentFrames& span : silentFrames_) {
+        const uint64_t from = std::max(span.from, position_);
+        const uint64_t to = std::min(span.to, position_ + frames);
+        for (uint64_t i = from; i < to; ++i) {
+            std::fill_n(dst + (i - position_) * channels, channels, 0.0f);
+        }
+    }
+    position_ += frames;
 }
 
 void Chain::append(uint32_t (*term)(void*), void* processor, const std::string& what) {
@@ -622,10 +648,17 @@ void Chain::add(const EffectSpec& e, uint64_t totalFrames) {
     if (entry == nullptr) {
         throw UsageError("unknown effect '" + e.name + "'");
     }
-    const Stage at{e.name, outputFormat(), blockFramesHere(), secondsHere(totalFrames),
+    const Stage at{e.name,
+                   outputFormat(),
+                   blockFramesHere(),
+                   secondsHere(totalFrames),
                    [this](uint32_t (*term)(void*), void* processor, const std::string& what) {
                        append(term, processor, what);
+                   },
+                   [this, stageSeconds = secondsHere(totalFrames)](double from, double to) {
+                       spans_.push_back(SilentSpan{from, to, stageSeconds});
                    }};
+    totalFrames_ = totalFrames;
     // A spec made by hand, not by parseEffects, is read here.
     entry->build(e.settings.has_value() ? e.settings : entry->parse(EffectArgs(e, entry->usage)),
                  at);

@@ -44,14 +44,11 @@ public:
     void add(const EffectSpec& effect, uint64_t totalFrames);
 
     AudioFormat outputFormat() const;
-    // Output bytes room needed for one input block of `frames` frames.
-    uint32_t outputCapacityBytes(uint32_t frames) const;
     // Output samples room needed for one input block of `frames` frames
     // through sendFloat.
     uint32_t outputCapacitySamples(uint32_t frames) const;
-    // Processes one block; returns output frames.
-    uint32_t send(const int16_t* src, uint32_t frames, int16_t* dst);
-    // The same through the library's float interface (full scale 1.0).
+    // Processes one block through the library's float interface (full scale
+    // 1.0); returns output frames.
     uint32_t sendFloat(const float* src, uint32_t frames, float* dst);
     bool empty() const { return descriptions_.empty(); }
     // One line per effect, for reports.
@@ -65,11 +62,29 @@ private:
     // of totalFrames frames.
     double secondsHere(uint64_t totalFrames) const;
 
+    // Sets the frames of the output block `dst` that lie in a silent span
+    // to zero; the block follows the ones sent before.
+    void silence(float* dst, uint32_t frames);
+
+    // Seconds [from, to) made silent at the point of the chain where they
+    // were set, whose input there lasts stageSeconds.
+    struct SilentSpan {
+        double from, to, stageSeconds;
+    };
+    // The same as output frames [from, to), worked out at the first send.
+    struct SilentFrames {
+        uint64_t from, to;
+    };
+
     void* chain_ = nullptr;
     uint32_t blockFrames_;
     AudioFormat source_;
     uint32_t order_ = 0;
     std::vector<std::string> descriptions_;
+    uint64_t totalFrames_ = 0; // of the whole input
+    std::vector<SilentSpan> spans_;
+    std::vector<SilentFrames> silentFrames_;
+    uint64_t position_ = 0; // output frames sent
 };
 
 } // namespace cli

@@ -13,8 +13,8 @@ namespace {
 
 const char* kUsage =
     "usage:\n"
-    "  dsp [--bits B] [--no-dither] IN OUT [EFFECT [ARGS] [EFFECT [ARGS] ...]]\n"
-    "  dsp crossfade A.wav B.wav OUT.wav SECONDS\n"
+    "  dsp [--bits B] [--no-dither] [--no-clip] IN OUT [EFFECT [ARGS] [EFFECT [ARGS] ...]]\n"
+    "  dsp crossfade A.wav B.wav OUT.wav SECONDS [--curve equal-power|equal-gain]\n"
     "  dsp info FILE.wav\n"
     "  dsp spectrum FILE.wav [--size N] [--at SECONDS] [--csv]\n"
     "  dsp envelope FILE.wav [--step SECONDS] [--csv]\n"
@@ -29,12 +29,18 @@ void printHelp() {
                 cli::effectsHelp().c_str());
     std::printf(
         "Commands:\n"
-        "  crossfade   A followed by B, overlapped and cross-faded over SECONDS\n"
+        "  crossfade   A followed by B, overlapped and cross-faded over SECONDS;\n"
+        "              --curve equal-power (default) keeps the level of uncorrelated\n"
+        "              material (different recordings), equal-gain that of correlated\n"
+        "              material (the same recording, or in-phase takes), which\n"
+        "              equal-power would raise by up to 3 dB in the middle\n"
         "  info        format, length, peak and RMS level per channel\n"
         "  spectrum    spectrum of N frames (default 4096) from SECONDS (default 0),\n"
         "              in dB relative to a full-scale sine\n"
-        "  envelope    amplitude envelope, the loudest value every --step seconds\n"
-        "              (default 0.1); CSV gives the analyzer's 16-bit sample units\n"
+        "  envelope    the envelope follower (rectified, smoothed at 33 Hz): its\n"
+        "              highest value every --step seconds (default 0.1), in dB\n"
+        "              relative to its value for a full-scale sine, so a sine reads\n"
+        "              its level in dBFS (text and CSV alike)\n"
         "  slices      cut at attacks; gates in dB (defaults -30 and -40), rise in\n"
         "              percent (5), minimum slice length (0.1 s); --split writes\n"
         "              each slice to DIR/slice-NNN.wav\n"
@@ -45,6 +51,9 @@ void printHelp() {
         "  --bits B     output samples: 8, 16, 24, 32 (PCM), float or double\n"
         "               (IEEE float 32 or 64 bits); default: those of the input\n"
         "  --no-dither  no TPDF dither when the output has fewer bits than the input\n"
+        "  --no-clip    integer outputs: where samples would clip (a warning counts\n"
+        "               them), scale the whole output down to full scale instead\n"
+        "               (a second pass through a temporary file)\n"
         "  --quiet      no report, no progress bar; --help, --version\n"
         "Input: mono or stereo WAVE (RIFF or RF64; 8-bit unsigned, 16, 24 or 32-bit\n"
         "PCM, 32 or 64-bit float, plain or extensible)%s. '-' reads standard input or\n"
@@ -126,6 +135,9 @@ int main(int argc, char** argv) {
         for (size_t i = 0; i < args.size();) {
             if (args[i] == "--no-dither") {
                 options.encoding.dither = false;
+                args.erase(args.begin() + static_cast<long>(i));
+            } else if (args[i] == "--no-clip") {
+                options.noClip = true;
                 args.erase(args.begin() + static_cast<long>(i));
             } else if (args[i] == "--bits") {
                 if (i + 1 >= args.size()) {

@@ -5,12 +5,14 @@
 #include "numbers.h"
 #include "owned.h"
 #include "progress.h"
+#include "temporary_samples.h"
 
 #include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 
 namespace cli {
 
@@ -27,42 +29,84 @@ void stopIfInterrupted(const std::string& outPath) {
     }
 }
 
-// The host loop: all of `in` through the chain into `out`; returns the
-// frames read. 16-bit input to 16-bit output runs the library's 16-bit path,
-// so it gives exactly what a 16-bit host gets; an empty chain between equal
-// encodings copies the samples as they are; everything else runs in float.
-uint64_t stream(AudioInput& in, Chain& chain, AudioOutput& out, const std::string& outPath,
+// Where processed samples go, a block of frames at a time.
+using FloatSink = std::function<void(const float* src, uint32_t frames)>;
+
+// The host loop: all of `in` through the chain, its output to `sink`;
+// returns the frames read.
+uint64_t stream(AudioInput& in, Chain& chain, const FloatSink& sink, const std::string& outPath,
                 Progress& progress) {
     const uint32_t ch = in.format().channels;
-    const SampleType from = in.stream().type, to = out.stream().type;
-    const bool raw = chain.empty() && from == to;
-    const bool int16 = !raw && from == SampleType::kInt16 && to == SampleType::kInt16;
-    std::vector<uint8_t> rawBlock(raw ? size_t{kBlockFrames} * in.stream().frameBytes() : 0);
-    std::vector<int16_t> src16(int16 ? size_t{kBlockFrames} * ch : 0);
-    std::vector<int16_t> dst16(int16 ? chain.outputCapacityBytes(kBlockFrames) / 2 : 0);
-    std::vector<float> src(!raw && !int16 ? size_t{kBlockFrames} * ch : 0);
-    std::vector<float> dst(!raw && !int16 ? chain.outputCapacitySamples(kBlockFrames) : 0);
+    std::vector<float> src(size_t{kBlockFrames} * ch);
+    std::vector<float> dst(chain.outputCapacitySamples(kBlockFrames));
     uint64_t framesIn = 0;
-    for (;;) {
-        stopIfInterrupted(outPath);
-        uint32_t n;
-        if (raw) {
-            n = in.readRaw(rawBlock.data(), kBlockFrames);
-            out.writeRaw(rawBlock.data(), n);
-        } else if (int16) {
-            n = in.readInt16(src16.data(), kBlockFrames);
-            out.writeInt16(dst16.data(), n == 0 ? 0 : chain.send(src16.data(), n, dst16.data()));
-        } else {
-            n = in.readFloat(src.data(), kBlockFrames);
-            out.writeFloat(dst.data(), n == 0 ? 0 : chain.sendFloat(src.data(), n, dst.data()));
-        }
-        if (n == 0) {
-            break;
-        }
+    for (uint32_t n;
+         (stopIfInterrupted(outPath), n = in.readFloat(src.data(), kBlockFrames)) > 0;) {
+        sink(dst.data(), chain.sendFloat(src.data(), n, dst.data()));
         framesIn += n;
         progress.update(framesIn);
     }
     return framesIn;
+}
+
+// An empty chain between equal encodings: the samples copied as they are.
+uint64_t copyRaw(AudioInput& in, AudioOutput& out, const std::string& outPath, Progress& progress) {
+    std::vector<uint8_t> block(size_t{kBlockFrames} * in.stream().frameBytes());
+    uint64_t framesIn = 0;
+    for (uint32_t n;
+         (stopIfInterrupted(outPath), n = in.readRaw(block.data(), kBlockFrames)) > 0;) {
+        out.writeRaw(block.data(), n);
+        framesIn += n;
+        progress.update(framesIn);
+    }
+    return framesIn;
+}
+
+// The largest magnitude an integer encoding takes without clamping: full
+// scale, less one step where dither may add up to one.
+double unclippedLimit(const AudioOutput& out) {
+    if (!out.dithered()) {
+        return 1.0;
+    }
+    const double scale = integerScale(out.stream().type);
+    return (scale - 1.0) / scale;
+}
+
+// Runs `produce` with a sink; its samples reach `write` as they come, or
+// with --no-clip (integer outputs) through a temporary, scaled down as a
+// whole when their peak would clip.
+void deliver(const std::function<void(const FloatSink&)>& produce, const FloatSink& write,
+             AudioOutput& out, const std::string& outPath, const Options& options) {
+    if (!options.noClip || isFloat(out.stream().type)) {
+        produce(write);
+        return;
+    }
+    const uint32_t ch = out.stream().channels;
+    TemporarySamples kept(outPath);
+    produce([&](const float* src, uint32_t frames) { kept.write(src, size_t{frames} * ch); });
+    const double limit = unclippedLimit(out);
+    float gain = kept.peak() > limit ? static_cast<float>(limit / kept.peak()) : 1.0f;
+    while (kept.peak() * gain > static_cast<float>(limit)) {
+        gain = std::nextafter(gain, 0.0f);
+    }
+    std::vector<float> scaled(size_t{kBlockFrames} * ch);
+    kept.replay(scaled.size(), [&](const float* src, size_t count) {
+        for (size_t i = 0; i < count; ++i) {
+            scaled[i] = src[i] * gain;
+        }
+        write(scaled.data(), static_cast<uint32_t>(count / ch));
+    });
+}
+
+// One warning line when an integer output clipped.
+void warnClipping(const std::string& outPath, const AudioOutput& out) {
+    if (out.clipped() > 0) {
+        std::fprintf(stderr,
+                     "dsp: warning: '%s': %llu samples clipped (the peak would have been %+.1f "
+                     "dBFS); --no-clip scales the whole output down instead\n",
+                     outPath.c_str(), static_cast<unsigned long long>(out.clipped()),
+                     20.0 * std::log10(static_cast<double>(out.peak())));
+    }
 }
 
 // A fade-out is placed from the end of the input: a stream that does not
@@ -104,7 +148,28 @@ ProcessResult processFile(const std::string& inPath, const std::string& outPath,
     result.dithered = out.dithered();
     Progress progress("processing", in.totalFrames(), options.quiet || outPath == "-");
     auto start = std::chrono::steady_clock::now();
-    result.framesIn = stream(in, chain, out, outPath, progress);
+    const bool raw = chain.empty() && in.stream().type == out.stream().type;
+    // 16-bit input written as 16 bits: the library's 16-bit rule, so the
+    // result is exactly what a 16-bit host gets from dspSend.
+    const bool rule16 =
+        in.stream().type == SampleType::kInt16 && out.stream().type == SampleType::kInt16;
+    const bool monoSource = in.format().channels == 1;
+    const FloatSink write = [&](const float* src, uint32_t frames) {
+        if (rule16) {
+            out.writeFloatBy16BitRule(src, frames, monoSource);
+        } else {
+            out.writeFloat(src, frames);
+        }
+    };
+    if (raw) {
+        result.framesIn = copyRaw(in, out, outPath, progress);
+    } else {
+        deliver(
+            [&](const FloatSink& sink) {
+                result.framesIn = stream(in, chain, sink, outPath, progress);
+            },
+            write, out, outPath, options);
+    }
     if (in.lengthKnown() && result.framesIn < in.totalFrames()) {
         throw Failure("'" + in.name() + "' ends early: its data chunk promises " +
                       std::to_string(in.totalFrames()) + " frames, only " +
@@ -113,6 +178,7 @@ ProcessResult processFile(const std::string& inPath, const std::string& outPath,
     result.framesOut = out.framesWritten();
     out.commit(
         std::vector<ExtraChunk>(in.extraChunks().begin() + extrasAtOpen, in.extraChunks().end()));
+    warnClipping(outPath, out);
     result.elapsedSeconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     progress.finish();
@@ -152,17 +218,16 @@ double parseSeconds(const std::string& word, const char* what) {
     return v;
 }
 
-// Fills frames [from, from + n) of a stream that holds `in` from frame
+// Fills frames [from, from + n) of a timeline that holds `in` from frame
 // `offset` on (silence elsewhere), reading `in` sequentially.
-void fillFrom(AudioInput& in, uint64_t offset, uint64_t from, uint32_t n, int16_t* dst) {
+void fillFrom(AudioInput& in, uint64_t offset, uint64_t from, uint32_t n, float* dst) {
     const uint32_t ch = in.format().channels;
-    std::memset(dst, 0, static_cast<size_t>(n) * ch * 2);
+    std::fill_n(dst, size_t{n} * ch, 0.0f);
     uint64_t begin = std::max(from, offset);
     uint64_t end = std::min(from + n, offset + in.totalFrames());
-    uint64_t at = begin;
-    while (at < end) {
+    for (uint64_t at = begin; at < end;) {
         uint32_t want = static_cast<uint32_t>(std::min<uint64_t>(end - at, kBlockFrames));
-        uint32_t got = in.readInt16(dst + (at - from) * ch, want);
+        uint32_t got = in.readFloat(dst + (at - from) * ch, want);
         if (got == 0) {
             throw Failure("'" + in.name() + "' ends early");
         }
@@ -170,58 +235,130 @@ void fillFrom(AudioInput& in, uint64_t offset, uint64_t from, uint32_t n, int16_
     }
 }
 
-// A cross-fader at +1 (A alone) that moves to -1 (B alone) across the
-// `overlap` frames before the end of A.
-Owned crossFader(const AudioFormat& f, uint64_t aFrames, uint64_t overlap) {
-    Owned fader = own(initFader(kBlockFrames, f.channels, f.rate, 1.0f, 0.0f, 0.0f), termFader,
-                      "out of memory creating the cross-fader");
-    if (overlap > 0) {
-        double first = 1.5 / f.rate;
-        double start = std::max(static_cast<double>(aFrames - overlap) / f.rate, first);
-        double end = std::max(static_cast<double>(aFrames) / f.rate, start + first);
-        setCrossFaderAction(fader.get(), static_cast<float>(start), static_cast<float>(end), -1.0f);
-    }
-    return fader;
+enum class Curve { kEqualPower, kEqualGain };
+
+// Ramps per fader that trace a cross-fade curve: between them the level
+// runs in a straight line of dB, within 0.01 dB (equal power) and 0.06 dB
+// (equal gain) of the curve.
+constexpr uint32_t kCurveSegments = 32;
+constexpr float kFaderFloorDb = -50.0f; // the fader's lowest level
+
+// The gain of the incoming input at `x` (0..1) of the overlap; the outgoing
+// one has the gain at 1 - x. Equal power: the two gains' squares sum to 1
+// (uncorrelated material keeps its level); equal gain: the gains sum to 1
+// (correlated material keeps its level).
+double curveGain(Curve curve, double x) {
+    return curve == Curve::kEqualGain ? x : std::sin(x * 1.5707963267948966);
 }
 
-// Writes A, and B from frame bStart on, through the cross-fader into
-// outPath in A's encoding (the cross-fader mixes 16-bit samples); returns
-// the frames written.
-uint64_t writeCrossfade(const std::string& outPath, AudioInput& a, AudioInput& b, uint64_t bStart,
-                        void* fader, const Options& options) {
+uint32_t destroyChain(void* chain) {
+    dspDestroy(chain);
+    return 1;
+}
+
+// A chain holding one fader that follows `curve` over output frames
+// [start, start + overlap): rising (B) or falling (A).
+Owned curveFader(const AudioFormat& f, Curve curve, bool rising, uint64_t start, uint64_t overlap) {
+    Owned chain = own(dspCreate(kBlockFrames, f.channels, f.rate), destroyChain,
+                      "out of memory creating the cross-fade");
+    const float startDb = rising && overlap > 0 ? kFaderFloorDb : 0.0f;
+    void* fader = initFader(kBlockFrames, f.channels, f.rate, 0.0f, startDb, 0.0f);
+    if (fader == nullptr || dspAdd(chain.get(), fader, 1) != 1) {
+        if (fader != nullptr) {
+            termFader(fader);
+        }
+        throw Failure("out of memory creating the cross-fade");
+    }
+    // The schedule is set once the fader is in its chain. An action starts
+    // after the fader's first sample; a time half a frame into a frame lands
+    // on that frame.
+    float previous = 0.0f;
+    for (uint32_t k = 1; k <= kCurveSegments && overlap > 0; ++k) {
+        const uint64_t from = start + overlap * (k - 1) / kCurveSegments;
+        const uint64_t to = start + overlap * k / kCurveSegments;
+        const float t0 =
+            static_cast<float>((static_cast<double>(std::max<uint64_t>(from, 1)) + 0.5) / f.rate);
+        const float t1 = static_cast<float>((static_cast<double>(to) + 0.5) / f.rate);
+        if (t0 <= previous || t1 <= t0) {
+            continue; // shorter than a frame
+        }
+        const double x = static_cast<double>(k) / kCurveSegments;
+        const double gain = curveGain(curve, rising ? x : 1.0 - x);
+        const double db = gain > 0.0 ? 20.0 * std::log10(gain) : kFaderFloorDb;
+        setFaderAction(fader, 0, t0, t1, static_cast<float>(std::max<double>(db, kFaderFloorDb)));
+        previous = t1;
+    }
+    return chain;
+}
+
+// A, and B from frame bStart on, each through its fader, summed into `sink`;
+// returns the frames written.
+uint64_t mixCrossfade(AudioInput& a, AudioInput& b, uint64_t bStart, Curve curve,
+                      const FloatSink& sink, const std::string& outPath, const Options& options) {
     const AudioFormat f = a.format();
     const uint64_t total = bStart + b.totalFrames();
-    AudioOutput out(outPath, {a.path(), b.path()}, f, a.stream(), options.encoding, {});
-    std::vector<int16_t> bufA(size_t{kBlockFrames} * f.channels), bufB(bufA.size()),
-        mixed(bufA.size());
+    const uint64_t overlap = a.totalFrames() - bStart;
+    Owned fadeA = curveFader(f, curve, false, bStart, overlap);
+    Owned fadeB = curveFader(f, curve, true, bStart, overlap);
+    const size_t samples = size_t{kBlockFrames} * f.channels;
+    std::vector<float> bufA(samples), bufB(samples), outA(samples), outB(samples);
     Progress progress("cross-fading", total, options.quiet);
     for (uint64_t t = 0; t < total;) {
         stopIfInterrupted(outPath);
         uint32_t n = static_cast<uint32_t>(std::min<uint64_t>(total - t, kBlockFrames));
         fillFrom(a, 0, t, n, bufA.data());
         fillFrom(b, bStart, t, n, bufB.data());
-        doCrossFade(fader, bufA.data(), bufB.data(), mixed.data(), n * 2 * f.channels);
-        out.writeInt16(mixed.data(), n);
+        if (dspSendFloat(fadeA.get(), bufA.data(), outA.data(), n) != n ||
+            dspSendFloat(fadeB.get(), bufB.data(), outB.data(), n) != n) {
+            throw Failure("the cross-fade's faders failed");
+        }
+        for (size_t i = 0; i < size_t{n} * f.channels; ++i) {
+            outA[i] += outB[i];
+        }
+        sink(outA.data(), n);
         t += n;
         progress.update(t);
     }
-    out.commit();
     progress.finish();
     return total;
+}
+
+Curve curveOption(const std::string& value) {
+    if (value == "equal-power") {
+        return Curve::kEqualPower;
+    }
+    if (value == "equal-gain") {
+        return Curve::kEqualGain;
+    }
+    throw UsageError("--curve must be equal-power or equal-gain, not '" + value + "'");
 }
 
 } // namespace
 
 int runCrossfade(const std::vector<std::string>& args, const Options& options) {
-    if (args.size() != 4) {
-        throw UsageError("usage: dsp crossfade A.wav B.wav OUT.wav SECONDS");
+    const char* usage =
+        "usage: dsp crossfade A.wav B.wav OUT.wav SECONDS [--curve equal-power|equal-gain]";
+    std::vector<std::string> words;
+    Curve curve = Curve::kEqualPower;
+    for (size_t i = 0; i < args.size(); ++i) {
+        if (args[i] == "--curve") {
+            if (i + 1 >= args.size()) {
+                throw UsageError(std::string("--curve needs a value; ") + usage);
+            }
+            curve = curveOption(args[++i]);
+        } else {
+            words.push_back(args[i]);
+        }
     }
-    double overlapSeconds = parseSeconds(args[3], "SECONDS");
-    if (args[0] == "-" && args[1] == "-") {
+    if (words.size() != 4) {
+        throw UsageError(usage);
+    }
+    double overlapSeconds = parseSeconds(words[3], "SECONDS");
+    if (words[0] == "-" && words[1] == "-") {
         throw UsageError("A and B cannot both be standard input");
     }
-    AudioInput a(args[0]);
-    AudioInput b(args[1]);
+    AudioInput a(words[0]);
+    AudioInput b(words[1]);
     for (const AudioInput* in : {&a, &b}) {
         if (!in->lengthKnown()) {
             throw Failure("'" + in->name() +
@@ -230,19 +367,28 @@ int runCrossfade(const std::vector<std::string>& args, const Options& options) {
     }
     const AudioFormat f = a.format();
     if (f.rate != b.format().rate || f.channels != b.format().channels) {
-        throw Failure("'" + args[0] + "' is " + formatDescription(f) + " but '" + args[1] +
+        throw Failure("'" + words[0] + "' is " + formatDescription(f) + " but '" + words[1] +
                       "' is " + formatDescription(b.format()) + "; resample one of them first");
     }
     uint64_t overlap = static_cast<uint64_t>(std::llround(overlapSeconds * f.rate));
     if (overlap > a.totalFrames() || overlap > b.totalFrames()) {
-        throw UsageError("SECONDS (" + args[3] + ") is longer than the shorter input");
+        throw UsageError("SECONDS (" + words[3] + ") is longer than the shorter input");
     }
-    Owned fader = crossFader(f, a.totalFrames(), overlap);
-    uint64_t total = writeCrossfade(args[2], a, b, a.totalFrames() - overlap, fader.get(), options);
+    AudioOutput out(words[2], {a.path(), b.path()}, f, a.stream(), options.encoding, {});
+    uint64_t total = 0;
+    deliver(
+        [&](const FloatSink& sink) {
+            total = mixCrossfade(a, b, a.totalFrames() - overlap, curve, sink, words[2], options);
+        },
+        [&](const float* src, uint32_t frames) { out.writeFloat(src, frames); }, out, words[2],
+        options);
+    out.commit();
+    warnClipping(words[2], out);
     if (!options.quiet) {
-        std::fprintf(reportStream(args[2]), "%s: %.3f s, %s (%.3f s overlap)\n", args[2].c_str(),
-                     static_cast<double>(total) / f.rate, formatDescription(f).c_str(),
-                     static_cast<double>(overlap) / f.rate);
+        std::fprintf(reportStream(words[2]), "%s: %.3f s, %s (%.3f s overlap, %s)\n",
+                     words[2].c_str(), static_cast<double>(total) / f.rate,
+                     formatDescription(f).c_str(), static_cast<double>(overlap) / f.rate,
+                     curve == Curve::kEqualGain ? "equal gain" : "equal power");
     }
     return 0;
 }

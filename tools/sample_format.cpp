@@ -87,14 +87,15 @@ void decodeSamples(SampleType type, const uint8_t* src, float* dst, size_t count
     }
 }
 
-void encodeSamples(SampleType type, const float* src, uint8_t* dst, size_t count, Dither* dither) {
+size_t encodeSamples(SampleType type, const float* src, uint8_t* dst, size_t count,
+                     Dither* dither) {
     if (type == SampleType::kFloat32) {
         for (size_t i = 0; i < count; ++i) {
             uint32_t u;
             std::memcpy(&u, &src[i], 4);
             storeInt(SampleType::kInt32, static_cast<int32_t>(u), dst + 4 * i);
         }
-        return;
+        return 0;
     }
     if (type == SampleType::kFloat64) {
         for (size_t i = 0; i < count; ++i) {
@@ -105,11 +106,12 @@ void encodeSamples(SampleType type, const float* src, uint8_t* dst, size_t count
                 dst[8 * i + b] = static_cast<uint8_t>(u >> (8 * b));
             }
         }
-        return;
+        return 0;
     }
     const double scale = integerScale(type);
     const double lo = -scale - 1.0;
     const size_t width = bytesPerSample(type);
+    size_t clipped = 0;
     for (size_t i = 0; i < count; ++i) {
         // NaN counts as full scale, as in the library's 16-bit rule.
         double v = std::isnan(src[i]) ? scale : static_cast<double>(src[i]) * scale;
@@ -117,9 +119,13 @@ void encodeSamples(SampleType type, const float* src, uint8_t* dst, size_t count
             v += dither->next();
         }
         v = std::nearbyint(v);
-        v = v < lo ? lo : (v > scale ? scale : v);
+        if (v < lo || v > scale) {
+            ++clipped;
+            v = v < lo ? lo : scale;
+        }
         storeInt(type, static_cast<int64_t>(v), dst + width * i);
     }
+    return clipped;
 }
 
 int16_t floatToInt16(float x) {

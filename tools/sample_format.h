@@ -48,13 +48,18 @@ private:
 // `count` packed little-endian samples to floats.
 void decodeSamples(SampleType type, const uint8_t* src, float* dst, size_t count);
 // Floats to `count` packed little-endian samples; dither (may be null) is
-// added to integer encodings only.
-void encodeSamples(SampleType type, const float* src, uint8_t* dst, size_t count, Dither* dither);
+// added to integer encodings only. Returns the samples clamped to the
+// integer type's range (clipped).
+size_t encodeSamples(SampleType type, const float* src, uint8_t* dst, size_t count, Dither* dither);
 
 // The library's own 16-bit rules (the plain rule of its 16-bit path).
 inline float int16ToFloat(int32_t s) {
     return static_cast<float>(static_cast<double>(s) * (1.0 / 32767.0));
 }
 int16_t floatToInt16(float x);
+// Whether floatToInt16 clamps x (NaN counts).
+inline bool clipsInt16(float x) {
+    return !(x >= -1.0f && x <= 1.0f);
+}
 
 } // namespace cli
