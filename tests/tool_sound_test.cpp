@@ -54,6 +54,15 @@ ToolRun runTool(const std::string& arguments, const std::string& environment = "
     return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, text(out), text(err)};
 }
 
+// The words joined by spaces.
+std::string words(std::initializer_list<std::string> parts) {
+    std::string joined;
+    for (const std::string& w : parts) {
+        joined += joined.empty() ? w : " " + w;
+    }
+    return joined;
+}
+
 // A 16-bit file of interleaved samples given at full scale 1.0.
 void writeWave16(const std::string& path, uint16_t channels, const std::vector<double>& x) {
     dsptest::Bytes data;
@@ -88,8 +97,8 @@ std::vector<double> sine(uint16_t channels, double seconds, double hz, double am
                          double phase = 0.0) {
     std::vector<double> x(static_cast<size_t>(seconds * kRate) * channels);
     for (size_t i = 0; i < x.size(); ++i) {
-        x[i] = amplitude *
-               std::sin(2.0 * M_PI * hz * static_cast<double>(i / channels) / kRate + phase);
+        const size_t frame = i / channels;
+        x[i] = amplitude * std::sin(2.0 * M_PI * hz * static_cast<double>(frame) / kRate + phase);
     }
     return x;
 }
@@ -188,7 +197,7 @@ TEST(ToolSound, CrossfadeCurvesKeepTheLevelInTheMiddle) {
         SCOPED_TRACE(c.curve);
         writeWave16(a, 2, c.a);
         writeWave16(b, 2, c.b);
-        ToolRun r = runTool("--quiet crossfade " + a + " " + b + " " + out + " 0.5 " + c.curve);
+        ToolRun r = runTool(words({"--quiet crossfade", a, b, out, "0.5", c.curve}));
         ASSERT_EQ(r.status, 0) << r.err;
         const Audio o = readAudio(out);
         ASSERT_EQ(o.samples.size(), 2 * (frames + frames / 2));
@@ -232,7 +241,7 @@ TEST(ToolSound, ClippingIsReportedOrScaledAway) {
 
     for (const char* memory : {"", "DSP_NO_CLIP_MEMORY=1000"}) {
         SCOPED_TRACE(memory);
-        r = runTool("--quiet --no-clip " + in + " " + out + " gain 12", memory);
+        r = runTool(words({"--quiet --no-clip", in, out, "gain 12"}), memory);
         ASSERT_EQ(r.status, 0) << r.err;
         EXPECT_EQ(r.err, "");
         const Audio a = readAudio(out);
