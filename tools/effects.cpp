@@ -510,7 +510,8 @@ const EffectEntry kEffects[] = {
     effect<parseGain, buildGain>("gain", "gain DB", "change the level, -50..50 dB"),
     effect<parseFade, buildFade>(
         "fade", "fade IN_S [OUT_S]",
-        "fade in from -50 dB over IN_S seconds and out over OUT_S (default IN_S) at the end"),
+        "fade in over IN_S seconds and out over OUT_S (default IN_S) at the end: the fader "
+        "ramps between 0 and -50 dB, the first and the last frame are digital silence"),
 };
 
 const EffectEntry* findEffect(const std::string& name) {

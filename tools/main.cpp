@@ -13,7 +13,7 @@ namespace {
 
 const char* kUsage =
     "usage:\n"
-    "  dsp [--bits B] [--no-dither] [--no-clip] IN OUT [EFFECT [ARGS] [EFFECT [ARGS] ...]]\n"
+    "  dsp [--bits B] [--no-dither] [--no-clip] IN OUT [EFFECT [ARGS] ...]\n"
     "  dsp crossfade A.wav B.wav OUT.wav SECONDS [--curve equal-power|equal-gain]\n"
     "  dsp info FILE.wav\n"
     "  dsp spectrum FILE.wav [--size N] [--at SECONDS] [--csv]\n"

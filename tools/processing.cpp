@@ -102,9 +102,10 @@ void deliver(const std::function<void(const FloatSink&)>& produce, const FloatSi
 void warnClipping(const std::string& outPath, const AudioOutput& out) {
     if (out.clipped() > 0) {
         std::fprintf(stderr,
-                     "dsp: warning: '%s': %llu samples clipped (the peak would have been %+.1f "
+                     "dsp: warning: '%s': %llu sample%s clipped (the peak would have been %+.1f "
                      "dBFS); --no-clip scales the whole output down instead\n",
                      outPath.c_str(), static_cast<unsigned long long>(out.clipped()),
+                     out.clipped() == 1 ? "" : "s",
                      20.0 * std::log10(static_cast<double>(out.peak())));
     }
 }
