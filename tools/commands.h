@@ -12,10 +12,12 @@ namespace cli {
 
 struct Options {
     bool quiet = false;
+    bool verbose = false;    // one line on standard error about the block size
     OutputEncoding encoding; // --bits, --no-dither
 };
 
-// Frames per block in every host loop of the tool.
+// Frames per block in the host loops of the tool (processing chooses its
+// own, see chooseBlock).
 constexpr uint32_t kBlockFrames = 4096;
 
 struct ProcessResult {

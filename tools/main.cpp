@@ -46,6 +46,8 @@ void printHelp() {
         "               (IEEE float 32 or 64 bits); default: those of the input\n"
         "  --no-dither  no TPDF dither when the output has fewer bits than the input\n"
         "  --quiet      no report, no progress bar; --help, --version\n"
+        "  --verbose    one line on standard error about the block size and whether each\n"
+        "               rate change gets whole cycles of the two rates (exact length)\n"
         "Input: mono or stereo WAVE (RIFF or RF64; 8-bit unsigned, 16, 24 or 32-bit\n"
         "PCM, 32 or 64-bit float, plain or extensible)%s. '-' reads standard input or\n"
         "writes standard output. A regular output file is written to a temporary and\n"
@@ -118,6 +120,8 @@ int main(int argc, char** argv) {
         }
         if (a == "--quiet" || a == "-q") {
             options.quiet = true;
+        } else if (a == "--verbose" || a == "-v") {
+            options.verbose = true;
         } else {
             args.push_back(a);
         }
