@@ -39,11 +39,11 @@ struct SpectrogramSettings {
     std::string name; // of the file, for the title
 };
 
-// Time across (one column per spectrum, several averaged into one pixel by
+// Time across (one column per spectrum, several combined into one pixel by
 // their maximum when there are more than 1200, widened to at least 400
 // pixels), frequency up on a linear scale from 0 Hz to half the rate (bin
-// k at k x rate / N Hz; with more bins than the panel has pixels, each
-// pixel shows the loudest of its bins). Colours span rangeDb below the
+// k at k x rate / N Hz, in the row its frequency falls in; with more bins
+// than rows, each row shows the loudest of its bins). Colours span rangeDb below the
 // loudest bin of the whole file; stereo gets one panel per channel.
 class SpectrogramBuilder : public SampleSink {
 public:
@@ -71,7 +71,7 @@ private:
     uint64_t lead_ = 0;     // spectra skipped at the start so each is centred on its hop
     uint64_t analysed_ = 0; // analyzer calls so far
     uint32_t gridColumns_ = 0, gridRows_ = 0;
-    std::vector<uint32_t> rowOfBin_;
+    std::vector<uint32_t> firstBin_, lastBin_; // the bins of each row, bottom up
     std::vector<float> grid_; // per channel, column after column, the loudest dB per row
     std::vector<PlotArea> plots_;
 };
@@ -96,6 +96,7 @@ public:
     const std::vector<PlotArea>& plots() const { return plots_; }
 
     static constexpr int kPlotWidth = 1000;
+    static const Rgb kTrace;
     static const Rgb kSliceLine;
 
 private:

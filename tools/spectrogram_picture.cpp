@@ -68,10 +68,20 @@ void SpectrogramBuilder::begin(const AudioShape& shape) {
     lead_ = static_cast<uint64_t>(std::max(0L, std::lround(n / (2.0 * hop) - 0.5)));
     const bool stereo = shape.channels == 2;
     gridColumns_ = reduced(columns_, 1200);
-    gridRows_ = reduced(bins, stereo ? 300 : 600);
-    rowOfBin_.resize(bins);
-    for (uint32_t k = 0; k < bins; ++k) {
-        rowOfBin_[k] = static_cast<uint32_t>(uint64_t{k} * gridRows_ / bins);
+    // The panel's rows: as many as the bins, or fewer (each then shows the
+    // loudest bin centred in it) or more (each then shows the nearest bin).
+    const uint32_t rows = reduced(bins, stereo ? 300 : 600);
+    gridRows_ = std::max(rows, stereo ? 200u : 400u);
+    firstBin_.resize(gridRows_);
+    lastBin_.resize(gridRows_);
+    for (uint64_t p = 0; p < gridRows_; ++p) {
+        // Row p holds the bins centred from p to p + 1 rows up.
+        const uint64_t lo = (p * bins + gridRows_ - 1) / gridRows_;
+        const uint64_t hi = ((p + 1) * bins + gridRows_ - 1) / gridRows_;
+        const uint64_t nearest = std::min<uint64_t>(bins - 1, ((2 * p + 1) * bins + gridRows_) /
+                                                                  (2 * uint64_t{gridRows_}));
+        firstBin_[p] = static_cast<uint32_t>(lo < hi ? lo : nearest);
+        lastBin_[p] = static_cast<uint32_t>(lo < hi ? std::min<uint64_t>(hi, bins) - 1 : nearest);
     }
     grid_.assign(size_t{shape.channels} * gridColumns_ * gridRows_,
                  -std::numeric_limits<float>::infinity());
@@ -107,9 +117,9 @@ void SpectrogramBuilder::analyse(uint32_t frames) {
     for (uint32_t c = 0; c < ch; ++c) {
         float* cells = grid_.data() + (size_t{c} * gridColumns_ + column) * gridRows_;
         const float* db = spectrum_.data() + size_t{c} * bins;
-        for (uint32_t k = 0; k < bins; ++k) {
-            float& cell = cells[rowOfBin_[k]];
-            cell = std::max(cell, db[k]);
+        for (uint32_t p = 0; p < gridRows_; ++p) {
+            cells[p] =
+                std::max(cells[p], *std::max_element(db + firstBin_[p], db + lastBin_[p] + 1));
         }
     }
 }
@@ -128,7 +138,7 @@ Image SpectrogramBuilder::finish() {
 Image SpectrogramBuilder::draw() {
     const uint32_t ch = shape_.channels;
     const int width = std::max<int>(static_cast<int>(gridColumns_), 400);
-    const int height = std::max<int>(static_cast<int>(gridRows_), ch == 2 ? 200 : 400);
+    const int height = static_cast<int>(gridRows_);
     plots_ = plot::stackPanels(ch, width, height);
     const PlotArea& last = plots_.back();
     Image image(last.x + width + 96, last.y + height + plot::kBottom, plot::kPaper);
@@ -145,9 +155,7 @@ Image SpectrogramBuilder::draw() {
         for (int x = 0; x < width; ++x) {
             const size_t column = size_t{static_cast<uint32_t>(x)} * gridColumns_ / width;
             for (int y = 0; y < height; ++y) {
-                const size_t row =
-                    size_t{static_cast<uint32_t>(height - 1 - y)} * gridRows_ / height;
-                const float db = cells[column * gridRows_ + row];
+                const float db = cells[column * gridRows_ + (height - 1 - y)];
                 const double t = db <= kAnalyzerFloorDb ? 0.0 : 1.0 - (loudest - db) / range;
                 image.set(a.x + x, a.y + y, plot::heat(t));
             }

@@ -9,13 +9,13 @@ namespace cli {
 
 namespace {
 
-constexpr Rgb kWave{31, 100, 170};
 constexpr Rgb kPanel{246, 246, 246};
 constexpr Rgb kZero{150, 150, 150};
 constexpr Rgb kSliceShade{255, 170, 60};
 
 } // namespace
 
+const Rgb WaveformBuilder::kTrace{31, 100, 170};
 const Rgb WaveformBuilder::kSliceLine{200, 80, 0};
 
 WaveformBuilder::WaveformBuilder(std::string name, std::vector<TimeSpan> slices)
@@ -83,7 +83,7 @@ Image WaveformBuilder::finish() {
                 hi = std::max(hi, previous);
             }
             if (col.seen || started) {
-                image.line(a.x + x, rowOfSample(hi), a.x + x, rowOfSample(lo), kWave);
+                image.line(a.x + x, rowOfSample(hi), a.x + x, rowOfSample(lo), kTrace);
             }
             if (col.seen) {
                 previous = col.last;
