@@ -10,10 +10,11 @@
 #   clang-format, clang-tidy   the house-rule checks (scripts/check-format.sh,
 #                              scripts/check-tidy.sh; version 14)
 #   pkg-config          consumes the installed library (scripts/check-install.sh)
+#   libpng-dev          PNG for the tool's pictures (brings zlib1g-dev)
 set -euo pipefail
 packages=(g++ cmake make libgtest-dev libbenchmark-dev
     g++-multilib googletest mingw-w64 wine64 sox python3 clang libclang-rt-14-dev
-    clang-format clang-tidy pkg-config "$@")
+    clang-format clang-tidy pkg-config libpng-dev "$@")
 missing=()
 for p in "${packages[@]}"; do
     dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")
