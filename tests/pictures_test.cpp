@@ -373,6 +373,7 @@ TEST(PictureTool, BadArgumentsAndRefusal) {
                                           "spectrogram " + files + " --size 65536",
                                           "spectrogram " + files + " --hop 0",
                                           "spectrogram " + files + " --hop 2.5",
+                                          "spectrogram " + files + " --hop 4096",
                                           "spectrogram " + files + " --range loud",
                                           "spectrogram " + files + " --range",
                                           "spectrogram " + files + " x",

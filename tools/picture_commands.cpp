@@ -99,7 +99,7 @@ SpectrogramSettings spectrogramSettings(const PictureArgs& p) {
                                  "'");
             }
         } else if (name == "--hop") {
-            s.hop = wholeOption(name, value, 1, 1u << 20);
+            s.hop = wholeOption(name, value, 1, 32768);
             hopGiven = true;
         } else {
             double v = 0.0;
@@ -112,6 +112,10 @@ SpectrogramSettings spectrogramSettings(const PictureArgs& p) {
     }
     if (!hopGiven) {
         s.hop = s.size / 4;
+    } else if (s.hop > s.size) {
+        // Longer hops would leave frames out of every spectrum.
+        throw UsageError("--hop must be at most the --size (" + std::to_string(s.size) + "), not " +
+                         std::to_string(s.hop));
     }
     return s;
 }
@@ -148,8 +152,9 @@ int runSpectrogram(const std::vector<std::string>& args, const Options& options)
     Image image = builder.finish();
     writePicture(image, p.out, p.in);
     if (!options.quiet) {
-        std::printf("wrote %s: %d x %d pixels, %llu spectra\n", p.out.c_str(), image.width(),
-                    image.height(), static_cast<unsigned long long>(builder.spectra()));
+        std::printf("wrote %s: %d x %d pixels, %llu %s\n", p.out.c_str(), image.width(),
+                    image.height(), static_cast<unsigned long long>(builder.spectra()),
+                    builder.spectra() == 1 ? "spectrum" : "spectra");
     }
     return 0;
 }

@@ -32,13 +32,18 @@ uint32_t reduced(uint64_t n, uint32_t most) {
 }
 
 // Ticks and labels right of the colour bar, in dB relative to a full-scale
-// sine.
+// sine; an infinite top: nothing above the analyzer's floor.
 void legend(Image& image, const PlotArea& bar, double topDb, double rangeDb) {
     for (int y = 0; y < bar.height; ++y) {
         const double t = 1.0 - static_cast<double>(y) / std::max(1, bar.height - 1);
         image.fill(bar.x, bar.y + y, bar.width, 1, plot::heat(t));
     }
     plot::outline(image, bar);
+    image.text(bar.x, bar.y - Image::kCharHeight - 4, "dBFS", plot::kInk);
+    if (!std::isfinite(topDb)) {
+        image.text(bar.x + bar.width + 7, bar.y + bar.height / 2 - 3, "silent", plot::kInk);
+        return;
+    }
     const double bottomDb = topDb - rangeDb;
     const double step = plot::tickStep(rangeDb, std::max(2, bar.height / 40));
     for (double v = std::ceil(bottomDb / step - 1e-9) * step; v <= topDb + 1e-9; v += step) {
@@ -47,7 +52,6 @@ void legend(Image& image, const PlotArea& bar, double topDb, double rangeDb) {
         image.line(right + 1, y, right + 4, y, plot::kAxis);
         image.text(right + 7, y - 3, plot::tickLabel(v, step), plot::kInk);
     }
-    image.text(bar.x, bar.y - Image::kCharHeight - 4, "dBFS", plot::kInk);
 }
 
 } // namespace
@@ -175,7 +179,8 @@ Image SpectrogramBuilder::draw() {
     const double reference = 20.0 * std::log10(settings_.size / 4.0);
     const PlotArea bar{last.x + width + 16, plots_.front().y, 14,
                        last.y + height - plots_.front().y};
-    legend(image, bar, loudest - reference, range);
+    const bool silent = loudest <= kAnalyzerFloorDb;
+    legend(image, bar, silent ? -HUGE_VAL : loudest - reference, range);
     return image;
 }
 
