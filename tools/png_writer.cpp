@@ -53,13 +53,12 @@ int paeth(int a, int b, int c) {
 }
 
 // One row with each of the five filters; keeps the one whose bytes, read as
-// signed, sum to the least magnitude (the usual heuristic).
+// signed, sum to the least magnitude (the usual heuristic). `candidate` and
+// `best` are scratch of rowBytes + 1 bytes.
 void appendFilteredRow(std::vector<uint8_t>& out, const uint8_t* row, const uint8_t* above,
-                       size_t bytes) {
+                       size_t bytes, std::vector<uint8_t>& candidate, std::vector<uint8_t>& best) {
     constexpr size_t kPixel = 3;
-    std::vector<uint8_t> best;
     long bestCost = -1;
-    std::vector<uint8_t> candidate(bytes + 1);
     for (uint8_t filter = 0; filter < 5; ++filter) {
         candidate[0] = filter;
         long cost = 0;
@@ -74,7 +73,7 @@ void appendFilteredRow(std::vector<uint8_t>& out, const uint8_t* row, const uint
         }
         if (bestCost < 0 || cost < bestCost) {
             bestCost = cost;
-            best = candidate;
+            best.swap(candidate);
         }
     }
     out.insert(out.end(), best.begin(), best.end());
@@ -89,9 +88,10 @@ std::vector<uint8_t> encodePngWithZlib(const Image& image) {
     std::vector<uint8_t> raw;
     raw.reserve((rowBytes + 1) * height);
     const uint8_t* pixels = image.pixels().data();
+    std::vector<uint8_t> candidate(rowBytes + 1), best(rowBytes + 1);
     for (uint32_t y = 0; y < height; ++y) {
         appendFilteredRow(raw, pixels + y * rowBytes, y > 0 ? pixels + (y - 1) * rowBytes : nullptr,
-                          rowBytes);
+                          rowBytes, candidate, best);
     }
     uLongf packedSize = compressBound(static_cast<uLong>(raw.size()));
     std::vector<uint8_t> packed(packedSize);
