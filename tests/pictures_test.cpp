@@ -198,10 +198,6 @@ TEST(Waveform, SlicesAndTrace) {
     }
 }
 
-std::vector<uint8_t> bytesOf(const std::string& path) {
-    return dsptest::readFileBytes(path);
-}
-
 uint32_t be32(const std::vector<uint8_t>& b, size_t at) {
     return uint32_t{b[at]} << 24 | uint32_t{b[at + 1]} << 16 | uint32_t{b[at + 2]} << 8 | b[at + 3];
 }
@@ -272,7 +268,7 @@ ToolRun runTool(const std::string& arguments) {
     const int raw = std::system(
         (std::string(DSP_TOOL_PATH) + " " + arguments + " >" + out + " 2>" + err).c_str());
     auto text = [](const std::string& path) {
-        std::vector<uint8_t> b = bytesOf(path);
+        std::vector<uint8_t> b = dsptest::readFileBytes(path);
         return std::string(b.begin(), b.end());
     };
     return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, text(out), text(err)};
@@ -322,7 +318,7 @@ TEST(PictureTool, SpectrogramIsTheLibrarysPicture) {
     cli::SpectrogramBuilder builder(settings);
     feed(builder, 16000, 2, samples, 4096);
     const Image image = builder.finish();
-    const std::vector<uint8_t> png = bytesOf(out);
+    const std::vector<uint8_t> png = dsptest::readFileBytes(out);
     expectPngHeader(png, image);
     EXPECT_EQ(png, cli::encodePng(image));
     EXPECT_EQ(run.out, "wrote " + out + ": " + std::to_string(image.width()) + " x " +
@@ -358,7 +354,7 @@ TEST(PictureTool, WaveformMarksTheSlicerSlices) {
     feed(builder, rate, 1, samples, 4096);
     const Image image = builder.finish();
     EXPECT_EQ(sliceLines(image, builder.plots()[0]).size(), 4u);
-    EXPECT_EQ(bytesOf(out), cli::encodePng(image));
+    EXPECT_EQ(dsptest::readFileBytes(out), cli::encodePng(image));
     EXPECT_NE(run.out.find(", 4 slices marked\n"), std::string::npos) << run.out;
 }
 
