@@ -3,11 +3,16 @@
 //                        truncated and chunk-padded variants
 //   wavefile_roundtrip/  formats with writes of assorted lengths
 //   processor_sequence/  an init of every family followed by varied calls
+//   tool_wave_reader/    the tool's WAVE encodings, plain and extensible, with
+//                        extra chunks, as streams and as RF64 (a lead byte
+//                        chooses file or stream and the block size)
 // Usage: fuzz_seed_corpus OUTDIR
 #include "dsp.h"
+#include "wave_writer.h"
 
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -115,6 +120,73 @@ void sequenceSeeds(const std::string& dir, Rng& rng) {
     }
 }
 
+class MemorySink : public cli::ByteSink {
+public:
+    explicit MemorySink(bool seekable) : seekable_(seekable) {}
+    void write(const void* data, size_t bytes) override {
+        if (at_ + bytes > bytes_.size()) {
+            bytes_.resize(at_ + bytes);
+        }
+        std::memcpy(bytes_.data() + at_, data, bytes);
+        at_ += bytes;
+    }
+    bool seekable() const override { return seekable_; }
+    void seek(uint64_t offset) override { at_ = static_cast<size_t>(offset); }
+    uint64_t position() const override { return at_; }
+    const std::string& name() const override { return name_; }
+    const Bytes& data() const { return bytes_; }
+
+private:
+    bool seekable_;
+    Bytes bytes_;
+    size_t at_ = 0;
+    std::string name_ = "seed";
+};
+
+bool toolWaveSeeds(const std::string& dir, Rng& rng) {
+    using cli::SampleType;
+    int index = 0;
+    const SampleType types[] = {SampleType::kUint8, SampleType::kInt16,   SampleType::kInt24,
+                                SampleType::kInt32, SampleType::kFloat32, SampleType::kFloat64};
+    for (SampleType type : types) {
+        for (int variant = 0; variant < 4; ++variant) {
+            cli::StreamFormat f;
+            f.rate = 44100;
+            f.channels = 1 + variant % 2;
+            f.type = type;
+            f.extensible = variant >= 2;
+            f.channelMask = f.extensible ? (f.channels == 2 ? 3 : 4) : 0;
+            const bool stream = variant == 3;
+            MemorySink sink(!stream);
+            cli::ExtraChunk list{{'L', 'I', 'S', 'T'}, Bytes{'I', 'N', 'F', 'O', 'I', 'N'}};
+            cli::WaveWriter writer(sink, f, {list});
+            Bytes samples(37 * f.frameBytes());
+            for (uint8_t& s : samples) {
+                s = static_cast<uint8_t>(rng.next());
+            }
+            writer.write(samples.data(), 37);
+            writer.finish({cli::ExtraChunk{{'c', 'u', 'e', ' '}, Bytes{1, 2, 3}}});
+            Bytes file = sink.data();
+            if (variant == 2 && file.size() > 16) {
+                // RF64: the reserved JUNK becomes ds64 with 64-bit sizes.
+                std::memcpy(file.data(), "RF64", 4);
+                std::memcpy(file.data() + 12, "ds64", 4);
+                const uint64_t riff = file.size() - 8, data = samples.size(), frames = 37;
+                for (int i = 0; i < 8; ++i) {
+                    file[20 + i] = static_cast<uint8_t>(riff >> (8 * i));
+                    file[28 + i] = static_cast<uint8_t>(data >> (8 * i));
+                    file[36 + i] = static_cast<uint8_t>(frames >> (8 * i));
+                }
+            }
+            file.insert(file.begin(), static_cast<uint8_t>(stream ? 0x10 : 0x11));
+            if (!save(dir + "/wave_" + std::to_string(index++) + ".bin", file)) {
+                return false;
+            }
+        }
+    }
+    return true;
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -124,11 +196,16 @@ int main(int argc, char** argv) {
     }
     const std::string root = argv[1];
     Rng rng{2024};
-    for (const char* sub : {"", "/wavefile_reader", "/wavefile_roundtrip", "/processor_sequence"}) {
+    for (const char* sub : {"", "/wavefile_reader", "/wavefile_roundtrip", "/processor_sequence",
+                            "/tool_wave_reader"}) {
         mkdir((root + sub).c_str(), 0755);
     }
     if (!readerSeeds(root + "/wavefile_reader", rng)) {
         std::fprintf(stderr, "writing the WAVE seeds failed\n");
+        return 1;
+    }
+    if (!toolWaveSeeds(root + "/tool_wave_reader", rng)) {
+        std::fprintf(stderr, "writing the tool's WAVE seeds failed\n");
         return 1;
     }
     roundtripSeeds(root + "/wavefile_roundtrip", rng);

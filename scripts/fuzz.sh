@@ -3,7 +3,8 @@
 # AddressSanitizer and UndefinedBehaviorSanitizer) in build-fuzz/, writes the
 # seed corpora, and runs each target for the given number of seconds.
 #   scripts/fuzz.sh [SECONDS_PER_TARGET [TARGET...]]
-# Targets: wavefile_reader wavefile_roundtrip processor_sequence (default all).
+# Targets: wavefile_reader wavefile_roundtrip processor_sequence tool_wave_reader
+# (default all).
 # Corpora grow in build-fuzz/corpus/<target>; findings land in
 # build-fuzz/findings/<target>/ and fail the run.
 set -euo pipefail
@@ -12,7 +13,7 @@ SECONDS_PER_TARGET=${1:-60}
 shift || true
 TARGETS=("$@")
 if [ ${#TARGETS[@]} -eq 0 ]; then
-    TARGETS=(wavefile_reader wavefile_roundtrip processor_sequence)
+    TARGETS=(wavefile_reader wavefile_roundtrip processor_sequence tool_wave_reader)
 fi
 BUILD_DIR=${FUZZ_BUILD_DIR:-build-fuzz}
 JOBS=${JOBS:-2}

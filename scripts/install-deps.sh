@@ -11,16 +11,29 @@
 #                              scripts/check-tidy.sh; version 14)
 #   pkg-config          consumes the installed library (scripts/check-install.sh)
 #   libpng-dev          PNG for the tool's pictures (brings zlib1g-dev)
+# Optional (installed when the distribution has it; the build does without):
+#   libsndfile1-dev     FLAC, Ogg Vorbis, Ogg Opus and AIFF in the dsp tool
 set -euo pipefail
 packages=(g++ cmake make libgtest-dev libbenchmark-dev
     g++-multilib googletest mingw-w64 wine64 sox python3 clang libclang-rt-14-dev
     clang-format clang-tidy pkg-config libpng-dev "$@")
 missing=()
+missing_optional=()
 for p in "${packages[@]}"; do
     dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")
 done
-if ((${#missing[@]})); then
-    export DEBIAN_FRONTEND=noninteractive
+optional=(libsndfile1-dev)
+for p in "${optional[@]}"; do
+    dpkg -s "$p" >/dev/null 2>&1 || missing_optional+=("$p")
+done
+export DEBIAN_FRONTEND=noninteractive
+if ((${#missing[@]})) || ((${#missing_optional[@]})); then
     apt-get update -qq
+fi
+if ((${#missing[@]})); then
     apt-get install -y -qq --no-install-recommends "${missing[@]}"
+fi
+if ((${#missing_optional[@]})); then
+    apt-get install -y -qq --no-install-recommends "${missing_optional[@]}" ||
+        echo "install-deps: optional ${missing_optional[*]} not installed; building without"
 fi

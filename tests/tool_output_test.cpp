@@ -58,16 +58,20 @@ protected:
         dsptest::writeFileBytes(input_, dsptest::canonicalWave(2, 44100, samples_));
     }
 
-    // The tool's plain copy of the input: sizes in the header, or marked
-    // unknown on a stream.
+    // The tool's plain copy of the input: sizes in the header (after the
+    // space it keeps for 64-bit sizes), or marked unknown on a stream.
     Bytes copied(bool stream) const {
         const uint32_t unknown = 0xFFFFFFFFu;
-        Bytes chunks =
-            dsptest::joinBytes({dsptest::chunkBytes("fmt ", dsptest::pcmFormatBody(2, 44100, true)),
-                                stream ? dsptest::chunkBytesWithSize("data", unknown, samples_)
-                                       : dsptest::chunkBytes("data", samples_)});
-        return stream ? dsptest::riffBytesWithSize("WAVE", unknown, chunks)
-                      : dsptest::riffBytes("WAVE", chunks);
+        const Bytes format = dsptest::chunkBytes("fmt ", dsptest::pcmFormatBody(2, 44100));
+        if (stream) {
+            return dsptest::riffBytesWithSize(
+                "WAVE", unknown,
+                dsptest::joinBytes(
+                    {format, dsptest::chunkBytesWithSize("data", unknown, samples_)}));
+        }
+        return dsptest::riffBytes(
+            "WAVE", dsptest::joinBytes({dsptest::chunkBytes("JUNK", Bytes(28, 0)), format,
+                                        dsptest::chunkBytes("data", samples_)}));
     }
 
     // Runs the tool through the shell; returns its exit status.

@@ -354,14 +354,10 @@ TEST_F(ToolTest, DemoRunsAndReports) {
 
 // Errors: one line naming the problem, the right status, and no output: none
 // created, an existing one untouched, no temporary file left behind. A
-// truncated input fails only after the output was started.
+// truncated input fails only after the output was started. (Malformed headers:
+// tool_formats_test.cpp.)
 TEST_F(ToolTest, ErrorsGiveOneLineAndTheRightStatusAndWriteNothing) {
-    const std::string eightBit = tempPath("eight.wav"), three = tempPath("three.wav"),
-                      floatExt = tempPath("float.wav"), text = tempPath("text.wav"),
-                      truncated = tempPath("truncated.wav");
-    writeFile(eightBit, waveBytes(8000, 1, std::vector<int16_t>(100), 1, 8));
-    writeFile(three, waveBytes(8000, 3, std::vector<int16_t>(300)));
-    writeFile(floatExt, waveBytes(8000, 1, std::vector<int16_t>(300), 0xFFFE, 16, 3));
+    const std::string text = tempPath("text.wav"), truncated = tempPath("truncated.wav");
     writeFile(text, {'t', 'e', 'x', 't'});
     const Bytes whole = waveBytes(44100, 2, signal_);
     writeFile(truncated, Bytes(whole.begin(), whole.begin() + whole.size() / 2));
@@ -375,9 +371,6 @@ TEST_F(ToolTest, ErrorsGiveOneLineAndTheRightStatusAndWriteNothing) {
         {gain(tempPath("missing.wav")), 1, "cannot open"},
         {gain(text), 1, "not a RIFF WAVE"},
         {gain(tempPath()), 1, "is a directory"},
-        {gain(eightBit), 1, "not 16-bit PCM"},
-        {gain(three), 1, "not 16-bit PCM"},
-        {gain(floatExt), 1, "not 16-bit PCM"},
         {gain(truncated), 1, "ends early"},
         {effectArgs("reverb 3"), 2, "unknown effect 'reverb'"},
         {input_, 2, "expected IN.wav OUT.wav"},

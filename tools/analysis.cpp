@@ -1,6 +1,7 @@
 // `dsp info`, `dsp spectrum`, `dsp envelope` and `dsp slices`.
 #include "cli_error.h"
 #include "commands.h"
+#include "dsp.h"
 #include "numbers.h"
 #include "owned.h"
 #include "progress.h"
@@ -121,19 +122,26 @@ struct Spectrum {
 };
 
 Spectrum readSpectrum(const std::string& path, const SpectrumRequest& r) {
-    WavInput in(path, r.size);
+    AudioInput in(path);
     Spectrum s;
     s.format = in.format();
     s.size = r.size;
     s.frame = static_cast<uint64_t>(std::llround(r.at * s.format.rate));
-    if (s.frame > in.totalFrames()) {
+    if (in.lengthKnown() && s.frame > in.totalFrames()) {
         throw UsageError("--at " + std::to_string(r.at) + " s lies beyond the end of '" + path +
                          "'");
     }
     in.seekFrame(s.frame);
     const uint32_t ch = s.format.channels;
     std::vector<int16_t> block(static_cast<size_t>(r.size) * ch, 0);
-    uint32_t got = in.read(block.data(), r.size);
+    uint32_t got = 0;
+    while (got < r.size) {
+        uint32_t n = in.readInt16(block.data() + size_t{got} * ch, r.size - got);
+        if (n == 0) {
+            break;
+        }
+        got += n;
+    }
 
     Owned fft =
         own(initFft(r.size, ch, ch, 120), termFft, "cannot create the analyzer (out of memory?)");
@@ -321,7 +329,7 @@ void printSlices(const std::vector<Slice>& slices, const std::string& file, bool
 }
 
 // The samples of a slice (as far as the file reaches).
-std::vector<int16_t> readSlice(WavInput& in, const Slice& slice) {
+std::vector<int16_t> readSlice(AudioInput& in, const Slice& slice) {
     const AudioFormat f = in.format();
     uint64_t from = static_cast<uint64_t>(std::llround(slice.startSeconds * f.rate));
     uint64_t to = static_cast<uint64_t>(std::llround(slice.endSeconds * f.rate));
@@ -331,8 +339,8 @@ std::vector<int16_t> readSlice(WavInput& in, const Slice& slice) {
     in.seekFrame(from);
     for (uint64_t at = 0; at < to - from;) {
         uint32_t got =
-            in.read(samples.data() + at * f.channels,
-                    static_cast<uint32_t>(std::min<uint64_t>(to - from - at, kBlockFrames)));
+            in.readInt16(samples.data() + at * f.channels,
+                         static_cast<uint32_t>(std::min<uint64_t>(to - from - at, kBlockFrames)));
         if (got == 0) {
             break;
         }
@@ -341,37 +349,45 @@ std::vector<int16_t> readSlice(WavInput& in, const Slice& slice) {
     return samples;
 }
 
-// Writes each slice of the file to DIR/slice-NNN.wav.
-void writeSlices(const std::string& file, const std::string& dir,
-                 const std::vector<Slice>& slices) {
-    WavInput in(file, kBlockFrames);
+// Writes each slice of the file to DIR/slice-NNN.wav, in the file's
+// encoding (the slices are cut from its 16-bit samples).
+void writeSlices(const std::string& file, const std::string& dir, const std::vector<Slice>& slices,
+                 const Options& options) {
+    AudioInput in(file);
     for (size_t i = 0; i < slices.size(); ++i) {
         std::vector<int16_t> samples = readSlice(in, slices[i]);
         char name[32];
         std::snprintf(name, sizeof name, "slice-%03zu.wav", i + 1);
-        std::string out = (std::filesystem::path(dir) / name).string();
-        writeWholeFile(out, in.format(), samples, {file});
+        std::string path = (std::filesystem::path(dir) / name).string();
+        AudioOutput out(path, {file}, in.format(), in.stream(), options.encoding, {});
+        out.writeInt16(samples.data(),
+                       static_cast<uint32_t>(samples.size() / in.format().channels));
+        out.commit();
     }
 }
 
 } // namespace
 
 FileLevels measureLevels(const std::string& path, const Options& options) {
-    WavInput in(path, kBlockFrames);
+    AudioInput in(path);
     FileLevels levels;
     levels.format = in.format();
+    levels.stream = in.stream();
     const uint32_t ch = in.format().channels;
+    // Integer files: relative to 2^(bits-1), the floats being s / (2^(bits-1) - 1).
+    const double units = isFloat(in.stream().type) ? 1.0 : integerScale(in.stream().type);
+    const double toFullScale = isFloat(in.stream().type) ? 1.0 : units / (units + 1.0);
     levels.channels.resize(ch);
     std::vector<double> sumSquares(ch, 0.0);
-    std::vector<int> peak(ch, 0);
-    std::vector<int16_t> block(size_t{kBlockFrames} * ch);
+    std::vector<float> peak(ch, 0.0f);
+    std::vector<float> block(size_t{kBlockFrames} * ch);
     Progress progress("measuring", in.totalFrames(), options.quiet);
-    for (uint32_t n; (n = in.read(block.data(), kBlockFrames)) > 0;) {
+    for (uint32_t n; (n = in.readFloat(block.data(), kBlockFrames)) > 0;) {
         for (uint32_t i = 0; i < n; ++i) {
             for (uint32_t c = 0; c < ch; ++c) {
-                int s = block[i * ch + c];
+                float s = block[i * ch + c];
                 sumSquares[c] += static_cast<double>(s) * s;
-                if (std::abs(s) > std::abs(peak[c])) {
+                if (std::fabs(s) > std::fabs(peak[c])) {
                     peak[c] = s;
                 }
             }
@@ -380,10 +396,10 @@ FileLevels measureLevels(const std::string& path, const Options& options) {
         progress.update(levels.frames);
     }
     for (uint32_t c = 0; c < ch; ++c) {
-        levels.channels[c].peakSample = static_cast<int16_t>(peak[c]);
-        levels.channels[c].peak = std::abs(peak[c]) / 32768.0;
-        levels.channels[c].rms =
-            levels.frames > 0 ? std::sqrt(sumSquares[c] / levels.frames) / 32768.0 : 0.0;
+        ChannelLevels& l = levels.channels[c];
+        l.peakSample = isFloat(in.stream().type) ? peak[c] : std::nearbyint(peak[c] * units);
+        l.peak = std::fabs(peak[c]) * toFullScale;
+        l.rms = levels.frames > 0 ? std::sqrt(sumSquares[c] / levels.frames) * toFullScale : 0.0;
     }
     return levels;
 }
@@ -393,14 +409,14 @@ int runInfo(const std::vector<std::string>& args, const Options& options) {
     FileLevels levels = measureLevels(p.file, options);
     const AudioFormat& f = levels.format;
     std::printf("file      %s\n", p.file.c_str());
-    std::printf("format    16-bit PCM, %u Hz, %s\n", f.rate, f.channels == 2 ? "stereo" : "mono");
+    std::printf("format    %s\n", streamDescription(levels.stream).c_str());
     std::printf("length    %.3f s (%llu frames)\n", static_cast<double>(levels.frames) / f.rate,
                 static_cast<unsigned long long>(levels.frames));
     for (uint32_t c = 0; c < f.channels; ++c) {
         const ChannelLevels& l = levels.channels[c];
-        std::printf("%-9s peak %s (%d), RMS %s\n", channelName(c, f.channels),
-                    (decibels(l.peak) + "FS").c_str(), l.peakSample,
-                    (decibels(l.rms) + "FS").c_str());
+        std::printf("%-9s peak %s (%.*f), RMS %s\n", channelName(c, f.channels),
+                    (decibels(l.peak) + "FS").c_str(), isFloat(levels.stream.type) ? 6 : 0,
+                    l.peakSample, (decibels(l.rms) + "FS").c_str());
     }
     return 0;
 }
@@ -423,7 +439,7 @@ int runEnvelope(const std::vector<std::string>& args, const Options& options) {
     for (const auto& option : p.options) {
         step = optionNumber(option.first, option.second, 0.001, 3600.0);
     }
-    WavInput in(p.file, kBlockFrames);
+    AudioInput in(p.file);
     const AudioFormat f = in.format();
     Owned env = own(initEnvAnalyze(kBlockFrames, f.channels, f.rate), termEnvAnalyze,
                     "cannot create the analyzer (out of memory?)");
@@ -432,7 +448,7 @@ int runEnvelope(const std::vector<std::string>& args, const Options& options) {
     std::vector<int16_t> block(size_t{kBlockFrames} * f.channels);
     std::vector<float> out(size_t{kBlockFrames} * f.channels);
     Progress progress("following", in.totalFrames(), options.quiet || !p.csv);
-    for (uint32_t n; (n = in.read(block.data(), kBlockFrames)) > 0;) {
+    for (uint32_t n; (n = in.readInt16(block.data(), kBlockFrames)) > 0;) {
         doEnvAnalyze(env.get(), block.data(), out.data(), n * 2 * f.channels);
         table.add(out.data(), n);
         progress.update(table.position());
@@ -443,7 +459,7 @@ int runEnvelope(const std::vector<std::string>& args, const Options& options) {
 
 std::vector<Slice> findSlices(const std::string& path, const SliceOptions& o,
                               const Options& options) {
-    WavInput in(path, kBlockFrames);
+    AudioInput in(path);
     const AudioFormat f = in.format();
     Owned slicer = own(initWaveSlice(kBlockFrames, f.channels, f.rate, o.startGateDb, o.endGateDb,
                                      o.risePercent, o.minSeconds),
@@ -451,7 +467,7 @@ std::vector<Slice> findSlices(const std::string& path, const SliceOptions& o,
     std::vector<int16_t> block(size_t{kBlockFrames} * f.channels);
     Progress progress("slicing", in.totalFrames(), options.quiet);
     uint64_t done = 0;
-    for (uint32_t n; (n = in.read(block.data(), kBlockFrames)) > 0;) {
+    for (uint32_t n; (n = in.readInt16(block.data(), kBlockFrames)) > 0;) {
         doWaveSlice(slicer.get(), block.data(), n * 2 * f.channels);
         done += n;
         progress.update(done);
@@ -469,12 +485,15 @@ int runSlices(const std::vector<std::string>& args, const Options& options) {
     Parsed p = parseArgs(args, {"--split", "--start-gate", "--end-gate", "--rise", "--min"}, usage);
     SliceRequest r = sliceRequest(p);
     if (!r.splitDir.empty()) {
+        if (p.file == "-") {
+            throw UsageError("--split reads the file twice: it cannot take standard input");
+        }
         makeDirectory(r.splitDir);
     }
     std::vector<Slice> slices = findSlices(p.file, r.slice, options);
     printSlices(slices, p.file, p.csv);
     if (!r.splitDir.empty()) {
-        writeSlices(p.file, r.splitDir, slices);
+        writeSlices(p.file, r.splitDir, slices, options);
         if (!options.quiet && !p.csv) {
             std::printf("wrote %zu file%s to %s\n", slices.size(), slices.size() == 1 ? "" : "s",
                         r.splitDir.c_str());

@@ -3,7 +3,6 @@
 #pragma once
 
 #include "effects.h"
-#include "wav_io.h"
 
 #include <cstdint>
 #include <string>
@@ -13,6 +12,7 @@ namespace cli {
 
 struct Options {
     bool quiet = false;
+    OutputEncoding encoding; // --bits, --no-dither
 };
 
 // Frames per block in every host loop of the tool.
@@ -21,6 +21,9 @@ constexpr uint32_t kBlockFrames = 4096;
 struct ProcessResult {
     AudioFormat inFormat;
     AudioFormat outFormat;
+    StreamFormat inStream;
+    StreamFormat outStream;
+    bool dithered = false;
     uint64_t framesIn = 0;
     uint64_t framesOut = 0;
     double elapsedSeconds = 0.0;
@@ -31,14 +34,17 @@ struct ProcessResult {
 ProcessResult processFile(const std::string& in, const std::string& out,
                           const std::vector<EffectSpec>& effects, const Options& options);
 
+// Levels relative to the full scale of the file's integer type (2^(bits-1),
+// so 32768 for 16 bits), or to 1.0 for float files.
 struct ChannelLevels {
-    double peak = 0.0; // largest |sample| / 32768
-    double rms = 0.0;  // root mean square / 32768
-    int16_t peakSample = 0;
+    double peak = 0.0;       // largest |sample|
+    double rms = 0.0;        // root mean square
+    double peakSample = 0.0; // in the file's own units
 };
 
 struct FileLevels {
     AudioFormat format;
+    StreamFormat stream;
     uint64_t frames = 0;
     std::vector<ChannelLevels> channels;
 };

@@ -3,6 +3,7 @@
 // the result and prints a short report.
 #include "cli_error.h"
 #include "commands.h"
+#include "dsp.h"
 
 #include <cmath>
 #include <cstdint>

@@ -1,6 +1,7 @@
 #include "effects.h"
 
 #include "cli_error.h"
+#include "dsp.h"
 #include "numbers.h"
 
 #include <cmath>
@@ -477,6 +478,14 @@ uint32_t Chain::outputCapacityBytes(uint32_t frames) const {
     // The chain's size estimate ignores a change of channel count: allow twice.
     uint64_t bytes = dspGetDstSize(chain_, frames * 2 * source_.channels);
     return static_cast<uint32_t>(2 * bytes + 1024);
+}
+
+uint32_t Chain::outputCapacitySamples(uint32_t frames) const {
+    return dspGetDstSamples(chain_, frames);
+}
+
+uint32_t Chain::sendFloat(const float* src, uint32_t frames, float* dst) {
+    return dspSendFloat(chain_, src, dst, frames);
 }
 
 uint32_t Chain::send(const int16_t* src, uint32_t frames, int16_t* dst) {

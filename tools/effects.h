@@ -2,7 +2,7 @@
 // line and building the processing chain from them, in the given order.
 #pragma once
 
-#include "wav_io.h"
+#include "audio_io.h"
 
 #include <any>
 #include <cstdint>
@@ -46,8 +46,14 @@ public:
     AudioFormat outputFormat() const;
     // Output bytes room needed for one input block of `frames` frames.
     uint32_t outputCapacityBytes(uint32_t frames) const;
+    // Output samples room needed for one input block of `frames` frames
+    // through sendFloat.
+    uint32_t outputCapacitySamples(uint32_t frames) const;
     // Processes one block; returns output frames.
     uint32_t send(const int16_t* src, uint32_t frames, int16_t* dst);
+    // The same through the library's float interface (full scale 1.0).
+    uint32_t sendFloat(const float* src, uint32_t frames, float* dst);
+    bool empty() const { return descriptions_.empty(); }
     // One line per effect, for reports.
     const std::vector<std::string>& descriptions() const { return descriptions_; }
 

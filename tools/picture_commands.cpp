@@ -1,4 +1,5 @@
 // `dsp spectrogram` and `dsp waveform`: pictures of a file as PNG.
+#include "audio_io.h"
 #include "cli_error.h"
 #include "commands.h"
 #include "numbers.h"
@@ -23,19 +24,39 @@ const char* kSpectrogramUsage = "dsp spectrogram IN.wav OUT.png [--size N] [--ho
 const char* kWaveformUsage = "dsp waveform IN.wav OUT.png [--slices]";
 
 // The one place the pictures read a file: every sample, block after block,
-// through the tool's WAVE input.
+// through the tool's audio input (any format, converted to 16 bits). A
+// stream of unknown length is gathered first, since the pictures need the
+// length before the first sample.
 void readSamples(const std::string& path, SampleSink& sink, const Options& options) {
-    WavInput in(path, kBlockFrames);
-    if (in.totalFrames() == 0) {
-        throw Failure("'" + path + "' holds no samples: there is nothing to draw");
-    }
-    sink.begin(AudioShape{in.format().rate, in.format().channels, in.totalFrames()});
-    std::vector<int16_t> block(size_t{kBlockFrames} * in.format().channels);
-    Progress progress("drawing", in.totalFrames(), options.quiet);
-    for (uint32_t n; (n = in.read(block.data(), kBlockFrames)) > 0;) {
+    AudioInput in(path);
+    const AudioFormat f = in.format();
+    std::vector<int16_t> block(size_t{kBlockFrames} * f.channels);
+    auto read = [&] {
         if (interrupted()) {
             throw Failure("interrupted");
         }
+        return in.readInt16(block.data(), kBlockFrames);
+    };
+    std::vector<int16_t> gathered;
+    if (!in.lengthKnown()) {
+        for (uint32_t n; (n = read()) > 0;) {
+            gathered.insert(gathered.end(), block.begin(), block.begin() + size_t{n} * f.channels);
+        }
+    }
+    const uint64_t frames = in.lengthKnown() ? in.totalFrames() : gathered.size() / f.channels;
+    if (frames == 0) {
+        throw Failure("'" + in.name() + "' holds no samples: there is nothing to draw");
+    }
+    sink.begin(AudioShape{f.rate, f.channels, frames});
+    if (!in.lengthKnown()) {
+        for (uint64_t at = 0; at < frames; at += kBlockFrames) {
+            sink.add(gathered.data() + at * f.channels,
+                     static_cast<uint32_t>(std::min<uint64_t>(kBlockFrames, frames - at)));
+        }
+        return;
+    }
+    Progress progress("drawing", frames, options.quiet);
+    for (uint32_t n; (n = read()) > 0;) {
         sink.add(block.data(), n);
         progress.update(in.position());
     }
@@ -161,6 +182,9 @@ int runSpectrogram(const std::vector<std::string>& args, const Options& options)
 
 int runWaveform(const std::vector<std::string>& args, const Options& options) {
     PictureArgs p = parsePictureArgs(args, {}, true, kWaveformUsage);
+    if (p.slices && p.in == "-") {
+        throw UsageError("--slices reads the input twice: it cannot take standard input");
+    }
     refuseWithoutPng("waveform");
     std::vector<TimeSpan> spans;
     if (p.slices) {

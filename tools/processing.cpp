@@ -1,6 +1,7 @@
 // `dsp IN OUT EFFECT...` and `dsp crossfade A B OUT SECONDS`.
 #include "cli_error.h"
 #include "commands.h"
+#include "dsp.h"
 #include "numbers.h"
 #include "owned.h"
 #include "progress.h"
@@ -27,31 +28,65 @@ void stopIfInterrupted(const std::string& outPath) {
 }
 
 // The host loop: all of `in` through the chain into `out`; returns the
-// frames read.
-uint64_t stream(WavInput& in, Chain& chain, WavOutput& out, const std::string& outPath,
+// frames read. 16-bit input to 16-bit output runs the library's 16-bit path,
+// so it gives exactly what a 16-bit host gets; an empty chain between equal
+// encodings copies the samples as they are; everything else runs in float.
+uint64_t stream(AudioInput& in, Chain& chain, AudioOutput& out, const std::string& outPath,
                 Progress& progress) {
-    std::vector<int16_t> src(size_t{kBlockFrames} * in.format().channels);
-    std::vector<int16_t> dst(chain.outputCapacityBytes(kBlockFrames) / 2);
+    const uint32_t ch = in.format().channels;
+    const SampleType from = in.stream().type, to = out.stream().type;
+    const bool raw = chain.empty() && from == to;
+    const bool int16 = !raw && from == SampleType::kInt16 && to == SampleType::kInt16;
+    std::vector<uint8_t> rawBlock(raw ? size_t{kBlockFrames} * in.stream().frameBytes() : 0);
+    std::vector<int16_t> src16(int16 ? size_t{kBlockFrames} * ch : 0);
+    std::vector<int16_t> dst16(int16 ? chain.outputCapacityBytes(kBlockFrames) / 2 : 0);
+    std::vector<float> src(!raw && !int16 ? size_t{kBlockFrames} * ch : 0);
+    std::vector<float> dst(!raw && !int16 ? chain.outputCapacitySamples(kBlockFrames) : 0);
     uint64_t framesIn = 0;
     for (;;) {
         stopIfInterrupted(outPath);
-        uint32_t n = in.read(src.data(), kBlockFrames);
+        uint32_t n;
+        if (raw) {
+            n = in.readRaw(rawBlock.data(), kBlockFrames);
+            out.writeRaw(rawBlock.data(), n);
+        } else if (int16) {
+            n = in.readInt16(src16.data(), kBlockFrames);
+            out.writeInt16(dst16.data(), n == 0 ? 0 : chain.send(src16.data(), n, dst16.data()));
+        } else {
+            n = in.readFloat(src.data(), kBlockFrames);
+            out.writeFloat(dst.data(), n == 0 ? 0 : chain.sendFloat(src.data(), n, dst.data()));
+        }
         if (n == 0) {
             break;
         }
-        uint32_t m = chain.send(src.data(), n, dst.data());
-        out.write(dst.data(), m);
         framesIn += n;
         progress.update(framesIn);
     }
     return framesIn;
 }
 
+// A fade-out is placed from the end of the input: a stream that does not
+// tell its length cannot have one.
+void checkFadeNeedsLength(const std::vector<EffectSpec>& effects, const AudioInput& in) {
+    if (in.lengthKnown()) {
+        return;
+    }
+    for (const EffectSpec& e : effects) {
+        double out = 0.0;
+        if (e.name == "fade" && !e.args.empty() && readNumber(e.args.back(), out) && out > 0.0) {
+            throw UsageError("fade: '" + in.name() +
+                             "' does not tell its length (a stream), so a fade-out cannot be "
+                             "placed; use fade IN_S 0");
+        }
+    }
+}
+
 } // namespace
 
 ProcessResult processFile(const std::string& inPath, const std::string& outPath,
                           const std::vector<EffectSpec>& effects, const Options& options) {
-    WavInput in(inPath, kBlockFrames);
+    AudioInput in(inPath);
+    checkFadeNeedsLength(effects, in);
     Chain chain(kBlockFrames, in.format());
     for (const EffectSpec& e : effects) {
         chain.add(e, in.totalFrames());
@@ -59,19 +94,25 @@ ProcessResult processFile(const std::string& inPath, const std::string& outPath,
     ProcessResult result;
     result.inFormat = in.format();
     result.outFormat = chain.outputFormat();
+    result.inStream = in.stream();
     result.chain = chain.descriptions();
+    const size_t extrasAtOpen = in.extraChunks().size();
 
-    WavOutput out(outPath, result.outFormat, {inPath});
-    Progress progress("processing", in.totalFrames(), options.quiet);
+    AudioOutput out(outPath, {inPath}, result.outFormat, in.stream(), options.encoding,
+                    in.extraChunks());
+    result.outStream = out.stream();
+    result.dithered = out.dithered();
+    Progress progress("processing", in.totalFrames(), options.quiet || outPath == "-");
     auto start = std::chrono::steady_clock::now();
     result.framesIn = stream(in, chain, out, outPath, progress);
-    if (result.framesIn < in.totalFrames()) {
-        throw Failure("'" + inPath + "' ends early: its data chunk promises " +
+    if (in.lengthKnown() && result.framesIn < in.totalFrames()) {
+        throw Failure("'" + in.name() + "' ends early: its data chunk promises " +
                       std::to_string(in.totalFrames()) + " frames, only " +
                       std::to_string(result.framesIn) + " could be read");
     }
     result.framesOut = out.framesWritten();
-    out.commit();
+    out.commit(
+        std::vector<ExtraChunk>(in.extraChunks().begin() + extrasAtOpen, in.extraChunks().end()));
     result.elapsedSeconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     progress.finish();
@@ -88,8 +129,8 @@ int runProcess(const std::vector<std::string>& args, const Options& options) {
     if (!options.quiet) {
         std::FILE* report = reportStream(args[1]);
         double seconds = static_cast<double>(r.framesOut) / r.outFormat.rate;
-        std::fprintf(report, "%s: %.3f s, %s (%llu frames)", args[1].c_str(), seconds,
-                     formatDescription(r.outFormat).c_str(),
+        std::fprintf(report, "%s: %.3f s, %s%s (%llu frames)", args[1].c_str(), seconds,
+                     streamDescription(r.outStream).c_str(), r.dithered ? ", dithered" : "",
                      static_cast<unsigned long long>(r.framesOut));
         if (r.elapsedSeconds > 0.0) {
             double audio = static_cast<double>(r.framesIn) / r.inFormat.rate;
@@ -113,7 +154,7 @@ double parseSeconds(const std::string& word, const char* what) {
 
 // Fills frames [from, from + n) of a stream that holds `in` from frame
 // `offset` on (silence elsewhere), reading `in` sequentially.
-void fillFrom(WavInput& in, uint64_t offset, uint64_t from, uint32_t n, int16_t* dst) {
+void fillFrom(AudioInput& in, uint64_t offset, uint64_t from, uint32_t n, int16_t* dst) {
     const uint32_t ch = in.format().channels;
     std::memset(dst, 0, static_cast<size_t>(n) * ch * 2);
     uint64_t begin = std::max(from, offset);
@@ -121,9 +162,9 @@ void fillFrom(WavInput& in, uint64_t offset, uint64_t from, uint32_t n, int16_t*
     uint64_t at = begin;
     while (at < end) {
         uint32_t want = static_cast<uint32_t>(std::min<uint64_t>(end - at, kBlockFrames));
-        uint32_t got = in.read(dst + (at - from) * ch, want);
+        uint32_t got = in.readInt16(dst + (at - from) * ch, want);
         if (got == 0) {
-            throw Failure("'" + in.path() + "' ends early");
+            throw Failure("'" + in.name() + "' ends early");
         }
         at += got;
     }
@@ -144,12 +185,13 @@ Owned crossFader(const AudioFormat& f, uint64_t aFrames, uint64_t overlap) {
 }
 
 // Writes A, and B from frame bStart on, through the cross-fader into
-// outPath; returns the frames written.
-uint64_t writeCrossfade(const std::string& outPath, WavInput& a, WavInput& b, uint64_t bStart,
+// outPath in A's encoding (the cross-fader mixes 16-bit samples); returns
+// the frames written.
+uint64_t writeCrossfade(const std::string& outPath, AudioInput& a, AudioInput& b, uint64_t bStart,
                         void* fader, const Options& options) {
     const AudioFormat f = a.format();
     const uint64_t total = bStart + b.totalFrames();
-    WavOutput out(outPath, f, {a.path(), b.path()});
+    AudioOutput out(outPath, {a.path(), b.path()}, f, a.stream(), options.encoding, {});
     std::vector<int16_t> bufA(size_t{kBlockFrames} * f.channels), bufB(bufA.size()),
         mixed(bufA.size());
     Progress progress("cross-fading", total, options.quiet);
@@ -159,7 +201,7 @@ uint64_t writeCrossfade(const std::string& outPath, WavInput& a, WavInput& b, ui
         fillFrom(a, 0, t, n, bufA.data());
         fillFrom(b, bStart, t, n, bufB.data());
         doCrossFade(fader, bufA.data(), bufB.data(), mixed.data(), n * 2 * f.channels);
-        out.write(mixed.data(), n);
+        out.writeInt16(mixed.data(), n);
         t += n;
         progress.update(t);
     }
@@ -175,8 +217,17 @@ int runCrossfade(const std::vector<std::string>& args, const Options& options) {
         throw UsageError("usage: dsp crossfade A.wav B.wav OUT.wav SECONDS");
     }
     double overlapSeconds = parseSeconds(args[3], "SECONDS");
-    WavInput a(args[0], kBlockFrames);
-    WavInput b(args[1], kBlockFrames);
+    if (args[0] == "-" && args[1] == "-") {
+        throw UsageError("A and B cannot both be standard input");
+    }
+    AudioInput a(args[0]);
+    AudioInput b(args[1]);
+    for (const AudioInput* in : {&a, &b}) {
+        if (!in->lengthKnown()) {
+            throw Failure("'" + in->name() +
+                          "' does not tell its length (a stream); crossfade needs it");
+        }
+    }
     const AudioFormat f = a.format();
     if (f.rate != b.format().rate || f.channels != b.format().channels) {
         throw Failure("'" + args[0] + "' is " + formatDescription(f) + " but '" + args[1] +
