@@ -10,12 +10,13 @@
 #   clang-format, clang-tidy   the house-rule checks (scripts/check-format.sh,
 #                              scripts/check-tidy.sh; version 14)
 #   pkg-config          consumes the installed library (scripts/check-install.sh)
+#   libpng-dev          PNG for the tool's pictures (brings zlib1g-dev)
 # Optional (installed when the distribution has it; the build does without):
 #   libsndfile1-dev     FLAC, Ogg Vorbis, Ogg Opus and AIFF in the dsp tool
 set -euo pipefail
 packages=(g++ cmake make libgtest-dev libbenchmark-dev
     g++-multilib googletest mingw-w64 wine64 sox python3 clang libclang-rt-14-dev
-    clang-format clang-tidy pkg-config "$@")
+    clang-format clang-tidy pkg-config libpng-dev "$@")
 missing=()
 missing_optional=()
 for p in "${packages[@]}"; do

@@ -75,6 +75,8 @@ int runSpectrum(const std::vector<std::string>& args, const Options& options);
 int runEnvelope(const std::vector<std::string>& args, const Options& options);
 int runSlices(const std::vector<std::string>& args, const Options& options);
 int runDemo(const std::vector<std::string>& args, const Options& options);
+int runSpectrogram(const std::vector<std::string>& args, const Options& options);
+int runWaveform(const std::vector<std::string>& args, const Options& options);
 
 // Formatting helpers shared by the reports.
 std::string formatDescription(const AudioFormat& format);
