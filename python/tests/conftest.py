@@ -17,3 +17,9 @@ def make_signal(frames, channels, rate=44100, seed=7):
 @pytest.fixture(scope="session")
 def signal():
     return make_signal
+
+
+def pytest_configure(config):
+    # Dask's event loop on Debian's tornado: not ours to fix.
+    config.addinivalue_line("filterwarnings",
+                            "ignore:make_current is deprecated:DeprecationWarning")
