@@ -351,11 +351,16 @@ def encode(audio, bits, dither=False):
     if key == "double":
         return x.astype("<f8")
     scale = float(2 ** (8 * _ENCODINGS[key][0] - 1) - 1)
-    v = np.where(np.isnan(x), scale, x.astype(np.float64) * scale)
+    v = np.multiply(x, scale, dtype=np.float64)  # in double, as the tool
     if dither:
         rng = np.random.default_rng(0x9E3779B97F4A7C15)
-        v = v + (rng.random(v.shape) - 0.5) + (rng.random(v.shape) - 0.5)
-    v = np.clip(np.rint(v), -scale - 1.0, scale)
+        v += rng.random(v.shape) - 0.5
+        v += rng.random(v.shape) - 0.5
+    np.rint(v, out=v)
+    np.clip(v, -scale - 1.0, scale, out=v)
+    nan = np.isnan(x)
+    if nan.any():
+        v[nan] = scale
     if key == 8:
         return (v + 128.0).astype(np.uint8)
     if key == 16:
