@@ -16,7 +16,6 @@ has it installed. --markdown prints the table for the README.
 """
 
 import argparse
-import functools
 import os
 import platform
 import shutil

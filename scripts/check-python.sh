@@ -8,13 +8,19 @@
 # The environment sees the system's packages (numpy, pytest, distributed,
 # tqdm from Debian); pip uses no package index. The build step of the
 # package builds the library with CMake (build-python/ at the top of the
-# repository) unless DSP_LIBRARY names one.
+# repository) unless DSP_LIBRARY names one. With DSP_TOOL naming the dsp
+# tool's program, the tests also compare the package with the tool (same
+# samples for the same effect words, same bytes for the same encodings).
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 python=${1:-${PYTHON:-}}
 if [[ -z $python ]]; then
     python=/usr/bin/python3
     [[ -x $python ]] || python=python3
+fi
+if [[ -n ${DSP_TOOL:-} ]]; then
+    DSP_TOOL=$(cd "$(dirname "$DSP_TOOL")" && pwd)/$(basename "$DSP_TOOL")
+    export DSP_TOOL
 fi
 work=$(mktemp -d "${TMPDIR:-/tmp}/dsp-check-python.XXXXXX")
 finish() {

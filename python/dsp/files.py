@@ -15,8 +15,10 @@ Safe writes, as the tool's: a regular file is written to a temporary beside
 it and put in place by one rename when complete, keeping the old file's
 permission bits (and owner and group where allowed); a symbolic link is
 followed and its target replaced (a dangling one is refused); devices, FIFOs
-and sockets are written directly, with the sizes marked unknown; an output
-that is one of `inputs` (same device and inode) is refused.
+and sockets are written directly (the whole array being known, their header
+holds the final sizes too, where the tool, streaming, can only mark them
+unknown); an output that is one of `inputs` (same device and inode) is
+refused.
 """
 
 import collections
@@ -375,10 +377,11 @@ def encode(audio, bits, dither=False):
     return out
 
 
-def _header(rate, channels, key, extensible, data_bytes, seekable):
-    """The bytes before the samples, as the tool's writer leaves them: with
-    the final sizes (and RF64 past 4 GiB) on a seekable target, sizes
-    unknown (0xFFFFFFFF) on a stream."""
+def _header(rate, channels, key, extensible, data_bytes):
+    """The bytes before the samples, as the tool's writer leaves a finished
+    file: the final sizes, a "JUNK" chunk reserved for ds64 after the WAVE
+    id, which becomes "ds64" in an RF64 file past 4 GiB, a "fact" chunk for
+    float."""
     sample_bytes, floating = _ENCODINGS[key]
     bits = 8 * sample_bytes
     align = channels * sample_bytes
@@ -391,16 +394,9 @@ def _header(rate, channels, key, extensible, data_bytes, seekable):
         fmt += struct.pack("<H", 0)
     chunks = b"fmt " + struct.pack("<I", len(fmt)) + fmt
     frames = data_bytes // align
-    fact = b"fact" + struct.pack("<I", 4) if floating else b""
-    head_len = 12 + (8 + _DS64_BYTES if seekable else 0) + len(chunks) + (12 if floating else 0) + 8
-    end = head_len + data_bytes + (data_bytes & 1)
-    riff_bytes = end - 8
-    rf64 = seekable and (riff_bytes > _UNKNOWN32 - 1 or data_bytes > _UNKNOWN32 - 1)
-    if not seekable:
-        out = b"RIFF" + struct.pack("<I", _UNKNOWN32) + b"WAVE" + chunks
-        if floating:
-            out += fact + struct.pack("<I", _UNKNOWN32)
-        return out + b"data" + struct.pack("<I", _UNKNOWN32)
+    head_len = 12 + 8 + _DS64_BYTES + len(chunks) + (12 if floating else 0) + 8
+    riff_bytes = head_len + data_bytes + (data_bytes & 1) - 8
+    rf64 = riff_bytes > _UNKNOWN32 - 1 or data_bytes > _UNKNOWN32 - 1
     if rf64:
         out = b"RF64" + struct.pack("<I", _UNKNOWN32) + b"WAVE"
         out += b"ds64" + struct.pack("<IQQQI", _DS64_BYTES, riff_bytes, data_bytes, frames, 0)
@@ -409,7 +405,7 @@ def _header(rate, channels, key, extensible, data_bytes, seekable):
         out += b"JUNK" + struct.pack("<I", _DS64_BYTES) + bytes(_DS64_BYTES)
     out += chunks
     if floating:
-        out += fact + struct.pack("<I", _UNKNOWN32 if rf64 else frames)
+        out += b"fact" + struct.pack("<II", 4, _UNKNOWN32 if rf64 else frames)
     return out + b"data" + struct.pack("<I", _UNKNOWN32 if rf64 else data_bytes)
 
 
@@ -420,10 +416,10 @@ def _write_all(fd, data):
         view = view[n:]
 
 
-def _write_codec(fd, seekable, samples, rate, channels, key, extensible):
+def _write_codec(fd, samples, rate, channels, key, extensible):
     """The whole file through the package's codec."""
     raw = memoryview(np.ascontiguousarray(samples)).cast("B")
-    _write_all(fd, _header(rate, channels, key, extensible, len(raw), seekable))
+    _write_all(fd, _header(rate, channels, key, extensible, len(raw)))
     _write_all(fd, raw)
     if len(raw) & 1:
         _write_all(fd, b"\0")
@@ -502,7 +498,7 @@ def write(path, audio, rate, bits=16, *, dither=False, extensible=False, inputs=
 
     if path == "-":
         sys.stdout.flush()
-        _write_codec(sys.stdout.fileno(), False, samples, rate, channels, key, extensible)
+        _write_codec(sys.stdout.fileno(), samples, rate, channels, key, extensible)
         return
     try:
         st = os.stat(path)
@@ -518,7 +514,7 @@ def write(path, audio, rate, bits=16, *, dither=False, extensible=False, inputs=
                 now = os.fstat(fd)
                 if (now.st_dev, now.st_ino) != (st.st_dev, st.st_ino):
                     raise _fail(path, "it was replaced while being opened")
-                _write_codec(fd, False, samples, rate, channels, key, extensible)
+                _write_codec(fd, samples, rate, channels, key, extensible)
             finally:
                 os.close(fd)
             return
@@ -548,7 +544,7 @@ def write(path, audio, rate, bits=16, *, dither=False, extensible=False, inputs=
             _write_library(temp, samples, rate, channels)
             fd = os.open(temp, os.O_RDONLY | os.O_CLOEXEC)
         else:
-            _write_codec(fd, True, samples, rate, channels, key, extensible)
+            _write_codec(fd, samples, rate, channels, key, extensible)
         os.fsync(fd)
         if st is not None:
             try:

@@ -32,7 +32,7 @@ import threading
 import numpy as np
 
 from . import _defaults as D
-from ._audio import Guard, as_float32, frames_channels, shaped_like
+from ._audio import Guard, as_float32, shaped_like
 from ._lib import lib
 
 _FLOAT_P = lib.dspSendFloat.argtypes[1]
