@@ -657,7 +657,7 @@ class Chain:
             self._teardown()
             self._open(_rate(rate), x.shape[1], x.shape[0])
             try:
-                out = self._send_all(x, final=True)
+                out = self._send_all(x)
                 out_rate = lib.dspGetDstRate(self._handle)
             finally:
                 self._teardown()
@@ -693,7 +693,7 @@ class Chain:
             if self._pending is not None and len(self._pending):
                 x = np.concatenate([self._pending, x])
             whole = len(x) - len(x) % self._block
-            out = self._send_all(x[:whole], final=False)
+            out = self._send_all(x[:whole])
             self._pending = x[whole:].copy()
             return shaped_like(out, self._ndim)
 
@@ -706,7 +706,7 @@ class Chain:
             try:
                 pending = self._pending if self._pending is not None else np.zeros(
                     (0, self._format[1]), np.float32)
-                out = self._send_all(pending, final=True)
+                out = self._send_all(pending)
             finally:
                 self._teardown()
             return shaped_like(out, self._ndim)
@@ -771,26 +771,25 @@ class Chain:
         here = lib.dspGetDstSize(self._handle, in_bytes) if in_bytes <= 0xFFFFFFFF else in_bytes
         return (here // (2 * channels)) / lib.dspGetDstRate(self._handle)
 
-    def _send_all(self, x, final):
-        """x (whole blocks unless final) through the chain; the output as one
-        (frames, channels) float32 array."""
+    def _send_all(self, x):
+        """x (whole blocks, but at the end of a stream) through the chain;
+        the output as one (frames, channels) float32 array, written in place
+        piece by piece."""
         handle = self._handle
         out_channels = lib.dspGetDstChannels(handle)
         step = max(self._block, _CALL_FRAMES - _CALL_FRAMES % self._block)
-        pieces = []
-        for at in range(0, len(x), step):
+        starts = range(0, len(x), step)
+        rooms = [lib.dspGetDstSamples(handle, min(step, len(x) - at)) for at in starts]
+        out = np.empty(sum(rooms), np.float32)
+        written = 0
+        for at, room in zip(starts, rooms):
             src = x[at:at + step]
-            frames = len(src)
-            room = lib.dspGetDstSamples(handle, frames)
-            dst = np.empty(room, np.float32)
-            got = lib.dspSendFloat(handle, _pointer(src), _pointer(dst), frames)
+            dst = out[written:written + room]
+            got = lib.dspSendFloat(handle, _pointer(src), _pointer(dst), len(src))
             if got * out_channels > room:  # pragma: no cover - the library's promise
                 raise RuntimeError("dsp: the library wrote past the room it promised")
-            pieces.append(dst[:got * out_channels])
-        if not pieces:
-            return np.zeros((0, out_channels), np.float32)
-        out = pieces[0] if len(pieces) == 1 else np.concatenate(pieces)
-        return out.reshape(-1, out_channels)
+            written += got * out_channels
+        return out[:written].reshape(-1, out_channels)
 
     def _teardown(self):
         handle, self._handle = self._handle, None
