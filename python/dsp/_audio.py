@@ -41,7 +41,9 @@ def as_float32(audio):
     if dtype == np.float32:
         out = array
     elif dtype in _INTEGER_SCALE:
-        out = (array.astype(np.float64) * (1.0 / _INTEGER_SCALE[dtype])).astype(np.float32)
+        wide = array.astype(np.float64)
+        wide *= 1.0 / _INTEGER_SCALE[dtype]
+        out = wide.astype(np.float32)
     elif dtype == np.uint8:
         out = ((array.astype(np.float64) - 128.0) * (1.0 / 127.0)).astype(np.float32)
     elif dtype.kind == "f":

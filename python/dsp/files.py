@@ -245,7 +245,7 @@ def decode(raw, bits):
         return ((np.frombuffer(raw, np.uint8).astype(np.float64) - 128.0) / 127.0).astype(
             np.float32)
     if key == 16:
-        return (np.frombuffer(raw, "<i2").astype(np.float64) * (1.0 / 32767.0)).astype(np.float32)
+        return as_float32(np.frombuffer(raw, "<i2").astype(np.int16)).reshape(-1)
     if key == 24:
         b = np.frombuffer(raw, np.uint8).reshape(-1, 3).astype(np.int32)
         s = ((b[:, 2] << 24) | (b[:, 1] << 16) | (b[:, 0] << 8)) >> 8
@@ -353,7 +353,8 @@ def encode(audio, bits, dither=False):
     if key == "double":
         return x.astype("<f8")
     scale = float(2 ** (8 * _ENCODINGS[key][0] - 1) - 1)
-    v = np.multiply(x, scale, dtype=np.float64)  # in double, as the tool
+    v = x.astype(np.float64)
+    v *= scale  # in double, as the tool
     if dither:
         rng = np.random.default_rng(0x9E3779B97F4A7C15)
         v += rng.random(v.shape) - 0.5
