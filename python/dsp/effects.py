@@ -83,13 +83,13 @@ def _resample(a):
 
 def _hqups(a):
     a.require(0, 3)
-    numbers = ["harmonics", "mix"]
+    numbers = ["harmonics", "mix"]  # in this order, "active" anywhere
     settings = {}
     for i, word in enumerate(a.words):
         if word == "active":
             settings["active"] = True
-        elif len(settings) - ("active" in settings) < len(numbers):
-            keyword = numbers[len(settings) - ("active" in settings)]
+        elif numbers:
+            keyword = numbers.pop(0)
             settings[keyword] = a.keyword(i, keyword)
         else:
             a.refuse("too many numbers")

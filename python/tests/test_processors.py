@@ -307,3 +307,23 @@ def test_threads_run_in_parallel(signal):
         if best > 1.25:
             break
     assert best > 1.25, f"two threads ran {best:.2f}x as fast as one"
+
+
+@pytest.mark.parametrize("words, result", [
+    ("resample 48000 linear mono", "[Resample(rate=48000, interpolation='linear', channels=1)]"),
+    ("hqups active 0.2", "[Hqups(harmonics=0.2, mix=50.0, active=True)]"),
+    ("fade 2", "[Fade(in_s=2.0, out_s=2.0)]"),
+    ("3 gain", "'3' does not follow an effect"),
+    ("echo 3", "unknown effect 'echo'"),
+    ("lowpass 4", "lowpass: missing argument; usage: lowpass ORDER HZ"),
+    ("lowpass 4 1e7", "lowpass: HZ must be between 0.001 and 1e+06, not 1e7"),
+    ("chorus 3 10 20", "chorus: DEPTH_MS must not exceed DELAY_MS"),
+    ("hqups 0.2 30 40", "hqups: too many numbers"),
+    ("gain x", "gain: DB must be a number, not 'x'"),
+])
+def test_effect_words(words, result):
+    try:
+        assert repr(dsp.parse_effects(words.split())) == result
+    except dsp.UsageError as error:
+        assert str(error).startswith(result)
+    assert dsp.parse_effects(["tempo", "2"])[0].scale == 1000.0
