@@ -242,14 +242,15 @@ def decode(raw, bits):
     """Packed little-endian samples of an encoding as float32 (1-D)."""
     key = _encoding_key(bits)
     if key == 8:
-        return ((np.frombuffer(raw, np.uint8).astype(np.float64) - 128.0) / 127.0).astype(
-            np.float32)
+        return as_float32(np.frombuffer(raw, np.uint8)).reshape(-1)
     if key == 16:
         return as_float32(np.frombuffer(raw, "<i2").astype(np.int16)).reshape(-1)
     if key == 24:
         b = np.frombuffer(raw, np.uint8).reshape(-1, 3).astype(np.int32)
         s = ((b[:, 2] << 24) | (b[:, 1] << 16) | (b[:, 0] << 8)) >> 8
-        return (s.astype(np.float64) * (1.0 / 8388607.0)).astype(np.float32)
+        out = s.astype(np.float32)  # exact, as the division below (see _audio.as_float32)
+        out /= np.float32(8388607.0)
+        return out
     if key == 32:
         return (np.frombuffer(raw, "<i4").astype(np.float64) * (1.0 / 2147483647.0)).astype(
             np.float32)

@@ -52,6 +52,22 @@ def test_round_trip(tmp_path, signal, bits, lsb, channels):
     assert (info.rate, info.channels, info.frames, info.bits) == (RATE, channels, 3001, bits)
 
 
+def test_integer_samples_by_the_double_rule():
+    # float(s * (1 / scale)) in double precision, for every 8 and 16-bit value
+    # and a spread of 24 and 32-bit ones
+    rng = np.random.default_rng(5)
+    for bits, s in ((8, np.arange(256)), (16, np.arange(-32768, 32768)),
+                    (24, rng.integers(-2 ** 23, 2 ** 23, 200000)),
+                    (32, rng.integers(-2 ** 31, 2 ** 31, 200000))):
+        scale = 2.0 ** (bits - 1) - 1
+        expected = ((s - (128 if bits == 8 else 0)) * (1.0 / scale)).astype(np.float32)
+        dtype = {8: "u1", 16: "<i2", 24: "<i4", 32: "<i4"}[bits]
+        raw = s.astype(dtype).tobytes()
+        if bits == 24:
+            raw = np.frombuffer(raw, np.uint8).reshape(-1, 4)[:, :3].tobytes()
+        np.testing.assert_array_equal(files.decode(raw, bits), expected)
+
+
 def test_16_bit_through_the_library(tmp_path, signal):
     x16 = signal(5000, 2)
     path = tmp_path / "a.wav"
