@@ -162,12 +162,16 @@ def batch(inputs, out_dir, chain_factory, client=None, *, bits=None, workers=Non
 def _run_dask(client, jobs, factory, bits, results, bar):
     from distributed import as_completed
 
-    futures = {}
-    for i, path, out in jobs:
-        future = client.submit(process_file, path, out, factory, bits, pure=False)
-        futures[future] = (i, path)
-    for future in as_completed(list(futures)):
-        i, path = futures[future]
+    if not jobs:
+        return
+    # The factory travels to each worker once, not with every task.
+    [shared] = client.scatter([factory], broadcast=True, hash=False)
+    futures = client.map(process_file, [path for _, path, _ in jobs],
+                         [out for _, _, out in jobs], [shared] * len(jobs),
+                         [bits] * len(jobs), pure=False)
+    where = {future.key: (i, path) for future, (i, path, _) in zip(futures, jobs)}
+    for future in as_completed(futures):
+        i, path = where[future.key]
         try:
             result = future.result()
         except Exception as error:  # the task itself failed (a worker lost, say)
