@@ -64,6 +64,8 @@ def main():
     parser.add_argument("--seconds", type=float, default=60.0)
     parser.add_argument("--repeat", type=int, default=3)
     parser.add_argument("--files", type=int, default=200)
+    parser.add_argument("--file-seconds", type=float, default=2.0,
+                        help="length of each file of the batch")
     parser.add_argument("--markdown", action="store_true")
     args = parser.parse_args()
     x = signal(args.seconds)
@@ -129,7 +131,7 @@ def main():
         if distributed is not None:
             folder = os.path.join(work, "in")
             os.mkdir(folder)
-            short = signal(2.0)
+            short = signal(args.file_seconds)
             for i in range(args.files):
                 dsp.write(os.path.join(folder, f"f{i:03d}.wav"), short, RATE, 16)
             paths = dsp.batching.wave_files(folder)
@@ -148,7 +150,8 @@ def main():
                 client.run(lambda: __import__("dsp"))  # workers warm
                 ours = best(lambda: dsp.batch(paths, os.path.join(work, "batch"), batch_chain,
                                               client, progress=False), args.repeat)
-            rows.append((f"batch of {args.files} files of 2 s, 2 Dask workers", ours,
+            rows.append((f"batch of {args.files} files of {args.file_seconds:g} s, 2 Dask workers",
+                         ours,
                          "a plain loop", best(loop, args.repeat)))
     finally:
         shutil.rmtree(work, ignore_errors=True)

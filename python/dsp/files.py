@@ -254,8 +254,8 @@ def decode(raw, bits):
     if key == 32:
         return (np.frombuffer(raw, "<i4").astype(np.float64) * (1.0 / 2147483647.0)).astype(
             np.float32)
-    if key == "float":
-        return np.frombuffer(raw, "<f4").astype(np.float32)
+    if key == "float":  # the bytes as they are (a view; a copy where not native)
+        return as_float32(np.frombuffer(raw, "<f4")).reshape(-1)
     return np.frombuffer(raw, "<f8").astype(np.float32)
 
 
