@@ -67,7 +67,10 @@ def main():
     parser.add_argument("--file-seconds", type=float, default=2.0,
                         help="length of each file of the batch")
     parser.add_argument("--markdown", action="store_true")
+    parser.add_argument("--only", nargs="+", choices=["filters", "files", "threads", "batch"],
+                        help="run only these groups of rows")
     args = parser.parse_args()
+    run = set(args.only or ["filters", "files", "threads", "batch"])
     x = signal(args.seconds)
     rows = []  # (workload, ours, other name, other time)
 
@@ -76,9 +79,9 @@ def main():
     except ImportError:
         sps = None
         print("scipy missing: no resample_poly or sosfilt rows", file=sys.stderr)
-    resample = dsp.Resample(48000)
-    ours = best(lambda: resample(x, RATE), args.repeat)
-    if sps is not None:
+    if sps is not None and "filters" in run:
+        resample = dsp.Resample(48000)
+        ours = best(lambda: resample(x, RATE), args.repeat)
         rows.append(("resample 44.1k->48k", ours, "scipy resample_poly(160, 147)",
                      best(lambda: sps.resample_poly(x, 160, 147, axis=0), args.repeat)))
         lowpass = dsp.LowPass(order=4, cutoff=1000)
@@ -94,7 +97,7 @@ def main():
         except ImportError:
             soundfile = None
             print("soundfile missing: no file rows", file=sys.stderr)
-        if soundfile is not None:
+        if soundfile is not None and "files" in run:
             for bits, subtype in ((16, "PCM_16"), ("float", "FLOAT")):
                 ours_path = os.path.join(work, f"ours-{bits}.wav")
                 theirs_path = os.path.join(work, f"theirs-{bits}.wav")
@@ -120,15 +123,16 @@ def main():
             for t in threads:
                 t.join()
 
-        rows.append(("two chains, two threads", best(threaded, args.repeat),
-                     "the same in one thread", best(serial, args.repeat)))
+        if "threads" in run:
+            rows.append(("two chains, two threads", best(threaded, args.repeat),
+                         "the same in one thread", best(serial, args.repeat)))
 
         try:
             import distributed
         except ImportError:
             distributed = None
             print("distributed missing: no batch row", file=sys.stderr)
-        if distributed is not None:
+        if distributed is not None and "batch" in run:
             folder = os.path.join(work, "in")
             os.mkdir(folder)
             short = signal(args.file_seconds)
