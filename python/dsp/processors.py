@@ -104,9 +104,10 @@ class Processor:
             self._solo.reset()
 
     def _solo_chain(self):
-        if self._solo is None:
-            self._solo = Chain([self])
-        return self._solo
+        with self._live_lock:  # one chain, whichever thread asks first
+            if self._solo is None:
+                self._solo = Chain([self])
+            return self._solo
 
     # --- settings
     def _settings(self):
