@@ -170,12 +170,11 @@ def _run_dask(client, jobs, factory, bits, results, bar):
                          [out for _, _, out in jobs], [shared] * len(jobs),
                          [bits] * len(jobs), pure=False)
     where = {future.key: (i, path) for future, (i, path, _) in zip(futures, jobs)}
-    for future in as_completed(futures):
+    # Results come in batches as they complete, not one round trip each.
+    for future, result in as_completed(futures, with_results=True, raise_errors=False):
         i, path = where[future.key]
-        try:
-            result = future.result()
-        except Exception as error:  # the task itself failed (a worker lost, say)
-            result = Result(path, None, None, None, _error_text(error))
+        if not isinstance(result, Result):  # the task itself failed (a worker lost, say)
+            result = Result(path, None, None, None, _error_text(future.exception()))
         results[i] = result
         bar.update(result)
 
