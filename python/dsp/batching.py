@@ -174,7 +174,10 @@ def _run_dask(client, jobs, factory, bits, results, bar):
     for future, result in as_completed(futures, with_results=True, raise_errors=False):
         i, path = where[future.key]
         if not isinstance(result, Result):  # the task itself failed (a worker lost, say)
-            result = Result(path, None, None, None, _error_text(future.exception()))
+            error = result[1] if isinstance(result, tuple) and len(result) == 3 else result
+            if not isinstance(error, BaseException):
+                error = RuntimeError(f"the task failed ({future.status})")
+            result = Result(path, None, None, None, _error_text(error))
         results[i] = result
         bar.update(result)
 
