@@ -7,6 +7,7 @@
   dsp.read / dsp.write              soundfile.read / soundfile.write (16-bit and float WAVE)
   two chains in two threads         the same two chains one after the other in one thread
   dsp.batch, 2-worker LocalCluster  a plain loop over the same files
+  dsp.batch, 2 local processes      the same loop
 
 Times are the best of --repeat runs; ratio = the other's time / ours (above
 1: the package is faster). Rows whose package (scipy, soundfile,
@@ -154,9 +155,13 @@ def main():
                 client.run(lambda: __import__("dsp"))  # workers warm
                 ours = best(lambda: dsp.batch(paths, os.path.join(work, "batch"), batch_chain,
                                               client, progress=False), args.repeat)
+            looped = best(loop, args.repeat)
             rows.append((f"batch of {args.files} files of {args.file_seconds:g} s, 2 Dask workers",
-                         ours,
-                         "a plain loop", best(loop, args.repeat)))
+                         ours, "a plain loop", looped))
+            pool = best(lambda: dsp.batch(paths, os.path.join(work, "pool"), batch_chain,
+                                          workers=2, progress=False), args.repeat)
+            rows.append(("the same batch, 2 local processes (no Dask)", pool, "a plain loop",
+                         looped))
     finally:
         shutil.rmtree(work, ignore_errors=True)
 
