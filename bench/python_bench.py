@@ -141,9 +141,15 @@ def main():
                 dsp.write(os.path.join(folder, f"f{i:03d}.wav"), short, RATE, 16)
             paths = dsp.batching.wave_files(folder)
 
+            fresh = iter(range(1 << 30))
+
+            def new_dir(name):
+                # Every run writes new files, as a batch usually does.
+                return os.path.join(work, f"{name}{next(fresh)}")
+
             def loop():
-                out = os.path.join(work, "loop")
-                os.makedirs(out, exist_ok=True)
+                out = new_dir("loop")
+                os.makedirs(out)
                 for p in paths:
                     audio, rate = dsp.read(p)
                     y, r = batch_chain()(audio, rate)
@@ -153,12 +159,12 @@ def main():
                                           dashboard_address=None) as cluster, \
                     distributed.Client(cluster) as client:
                 client.run(lambda: __import__("dsp"))  # workers warm
-                ours = best(lambda: dsp.batch(paths, os.path.join(work, "batch"), batch_chain,
+                ours = best(lambda: dsp.batch(paths, new_dir("batch"), batch_chain,
                                               client, progress=False), args.repeat)
             looped = best(loop, args.repeat)
             rows.append((f"batch of {args.files} files of {args.file_seconds:g} s, 2 Dask workers",
                          ours, "a plain loop", looped))
-            pool = best(lambda: dsp.batch(paths, os.path.join(work, "pool"), batch_chain,
+            pool = best(lambda: dsp.batch(paths, new_dir("pool"), batch_chain,
                                           workers=2, progress=False), args.repeat)
             rows.append(("the same batch, 2 local processes (no Dask)", pool, "a plain loop",
                          looped))
