@@ -27,39 +27,58 @@ void stopIfInterrupted(const std::string& outPath) {
     }
 }
 
-// The host loop: all of `in` through the chain into `out`; returns the
-// frames read. 16-bit input to 16-bit output runs the library's 16-bit path,
-// so it gives exactly what a 16-bit host gets; an empty chain between equal
-// encodings copies the samples as they are; everything else runs in float.
-uint64_t stream(AudioInput& in, Chain& chain, AudioOutput& out, const std::string& outPath,
-                Progress& progress) {
+// The host loop: all of `in` through the chain into `out` in blocks of the
+// chosen size; returns the frames read. 16-bit input to 16-bit output runs
+// the library's 16-bit path, so it gives exactly what a 16-bit host gets; an
+// empty chain between equal encodings copies the samples as they are;
+// everything else runs in float. An exact block choice pads the last block
+// with silence and cuts the output at the exact length.
+uint64_t stream(AudioInput& in, Chain& chain, const BlockChoice& choice, AudioOutput& out,
+                const std::string& outPath, Progress& progress) {
     const uint32_t ch = in.format().channels;
+    const uint32_t block = choice.frames;
     const SampleType from = in.stream().type, to = out.stream().type;
     const bool raw = chain.empty() && from == to;
-    const bool int16 = !raw && from == SampleType::kInt16 && to == SampleType::kInt16;
-    std::vector<uint8_t> rawBlock(raw ? size_t{kBlockFrames} * in.stream().frameBytes() : 0);
-    std::vector<int16_t> src16(int16 ? size_t{kBlockFrames} * ch : 0);
-    std::vector<int16_t> dst16(int16 ? chain.outputCapacityBytes(kBlockFrames) / 2 : 0);
-    std::vector<float> src(!raw && !int16 ? size_t{kBlockFrames} * ch : 0);
-    std::vector<float> dst(!raw && !int16 ? chain.outputCapacitySamples(kBlockFrames) : 0);
-    uint64_t framesIn = 0;
+    const bool int16 =
+        !raw && from == SampleType::kInt16 && to == SampleType::kInt16 && chain.runsInt16();
+    std::vector<uint8_t> rawBlock(raw ? size_t{block} * in.stream().frameBytes() : 0);
+    std::vector<int16_t> src16(int16 ? size_t{block} * ch : 0);
+    std::vector<int16_t> dst16(int16 ? chain.outputCapacityBytes(block) / 2 : 0);
+    std::vector<float> src(!raw && !int16 ? size_t{block} * ch : 0);
+    std::vector<float> dst(!raw && !int16 ? chain.outputCapacitySamples(block) : 0);
+    const bool pad = choice.exact && !raw;
+    uint64_t framesIn = 0, framesOut = 0;
+    // Of `produced` frames from a block of n input frames, those to write.
+    auto keep = [&](uint32_t n, uint32_t produced) {
+        if (!pad) {
+            return produced;
+        }
+        const uint64_t owed = choice.outputFrames(framesIn + n) - framesOut;
+        return produced < owed ? produced : static_cast<uint32_t>(owed);
+    };
     for (;;) {
         stopIfInterrupted(outPath);
-        uint32_t n;
+        uint32_t n, written = 0;
         if (raw) {
-            n = in.readRaw(rawBlock.data(), kBlockFrames);
+            n = in.readRaw(rawBlock.data(), block);
             out.writeRaw(rawBlock.data(), n);
         } else if (int16) {
-            n = in.readInt16(src16.data(), kBlockFrames);
-            out.writeInt16(dst16.data(), n == 0 ? 0 : chain.send(src16.data(), n, dst16.data()));
+            n = in.readInt16(src16.data(), block);
+            std::fill(src16.begin() + static_cast<std::ptrdiff_t>(n) * ch, src16.end(), 0);
+            written = keep(n, n == 0 ? 0 : chain.send(src16.data(), pad ? block : n, dst16.data()));
+            out.writeInt16(dst16.data(), written);
         } else {
-            n = in.readFloat(src.data(), kBlockFrames);
-            out.writeFloat(dst.data(), n == 0 ? 0 : chain.sendFloat(src.data(), n, dst.data()));
+            n = in.readFloat(src.data(), block);
+            std::fill(src.begin() + static_cast<std::ptrdiff_t>(n) * ch, src.end(), 0.0f);
+            written =
+                keep(n, n == 0 ? 0 : chain.sendFloat(src.data(), pad ? block : n, dst.data()));
+            out.writeFloat(dst.data(), written);
         }
         if (n == 0) {
             break;
         }
         framesIn += n;
+        framesOut += written;
         progress.update(framesIn);
     }
     return framesIn;
@@ -87,7 +106,11 @@ ProcessResult processFile(const std::string& inPath, const std::string& outPath,
                           const std::vector<EffectSpec>& effects, const Options& options) {
     AudioInput in(inPath);
     checkFadeNeedsLength(effects, in);
-    Chain chain(kBlockFrames, in.format());
+    const BlockChoice block = chooseBlock(effects, in.format());
+    if (options.verbose) {
+        std::fprintf(stderr, "dsp: %s\n", block.note.c_str());
+    }
+    Chain chain(block.frames, in.format());
     for (const EffectSpec& e : effects) {
         chain.add(e, in.totalFrames());
     }
@@ -104,7 +127,7 @@ ProcessResult processFile(const std::string& inPath, const std::string& outPath,
     result.dithered = out.dithered();
     Progress progress("processing", in.totalFrames(), options.quiet || outPath == "-");
     auto start = std::chrono::steady_clock::now();
-    result.framesIn = stream(in, chain, out, outPath, progress);
+    result.framesIn = stream(in, chain, block, out, outPath, progress);
     if (in.lengthKnown() && result.framesIn < in.totalFrames()) {
         throw Failure("'" + in.name() + "' ends early: its data chunk promises " +
                       std::to_string(in.totalFrames()) + " frames, only " +
