@@ -36,9 +36,7 @@ def _parse(args):
             continue
         if word == "--quiet":
             options["quiet"] = True
-        elif len(word) > 1 and word[0] == "-" and not word[1].isdigit() and word[1] != ".":
-            raise _Usage(f"unknown option '{word}'; {USAGE}")
-        else:
+        else:  # other words, options of an effect among them, go to the effects
             positional.append(word)
         i += 1
     if len(positional) < 2:

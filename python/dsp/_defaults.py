@@ -6,13 +6,24 @@ here with its defaults is the processor the tool builds for the same words.
 When the tool's defaults change, this file is the one place to follow them.
 """
 
-# Frames per block the tool hands the chain (kBlockFrames).
+# Frames per block of the host loops: the analyzers', and the longest block
+# a chain runs (kBlockFrames, kLongestBlock).
 BLOCK_FRAMES = 4096
+# The block choice of a chain with rate changes (chooseBlock): the
+# resampler converts in chunks of this many frames, each from a fresh
+# interpolation position (kConverterChunk); blocks shorter than this are not
+# worth an exact rate change (kShortestAlignedBlock).
+CONVERTER_CHUNK = 4096
+SHORTEST_ALIGNED_BLOCK = 256
 
 # Settings the tool does not expose.
 FILTER_ATTENUATION_DB = 60.0  # resampler / hqups anti-alias filter
-FILTER_SLOPE_DB_PER_OCTAVE = 60.0
+FILTER_SLOPE_DB_PER_OCTAVE = 60.0  # hqups' filter (the resampler's follows its pass band)
 FILTER_ON = 1
+# Where the resampler's pass band ends, as a fraction of the lower rate's
+# Nyquist frequency (resample --passband FRACTION).
+PASSBAND_FRACTION = 0.9
+PASSBAND_LIMITS = (0.05, 0.99)
 GRAIN_SECONDS = 0.05  # pitch / stretch grains
 SPACING_SECONDS = 0.01
 OUT_LEVEL_DB = 0.0  # pitch / stretch output level
@@ -27,7 +38,8 @@ REQUIRED = object()
 EFFECTS = {
     "lowpass": [("order", REQUIRED, 1, 32), ("cutoff", REQUIRED, 1e-3, 1e6)],
     "highpass": [("order", REQUIRED, 1, 32), ("cutoff", REQUIRED, 1e-3, 1e6)],
-    "resample": [("rate", REQUIRED, 1000, 768000)],  # then [linear|cubic] [mono|stereo]
+    # then [linear|cubic] [mono|stereo] [--passband FRACTION]
+    "resample": [("rate", REQUIRED, 1000, 768000)],
     "hqups": [("harmonics", 0.3, 0.0, 1.0), ("mix", 50.0, 0.0, 400.0)],  # then [active]
     "chorus": [
         ("voices", 3, 0, 16),
@@ -48,7 +60,7 @@ EFFECTS = {
 USAGE = {
     "lowpass": "lowpass ORDER HZ",
     "highpass": "highpass ORDER HZ",
-    "resample": "resample RATE [linear|cubic] [mono|stereo]",
+    "resample": "resample RATE [linear|cubic] [mono|stereo] [--passband FRACTION]",
     "hqups": "hqups [HARMONICS] [MIX%] [active]",
     "chorus": "chorus [VOICES DELAY_MS DEPTH_MS PERIOD_S MIX% DRY%]",
     "pitch": "pitch CENTS",

@@ -68,17 +68,25 @@ def _filter(a):
 
 
 def _resample(a):
-    a.require(1, 3)
+    a.require(1, 5)
     rate = int(a.keyword(0, "rate", whole=True))
-    interpolation, channels = "cubic", None
-    for word in a.words[1:]:
+    settings = {}
+    i = 1
+    while i < len(a.words):
+        word = a.words[i]
         if word in ("linear", "cubic"):
-            interpolation = word
+            settings["interpolation"] = word
         elif word in ("mono", "stereo"):
-            channels = word
+            settings["channels"] = word
+        elif word == "--passband":
+            if i + 1 == len(a.words):
+                a.refuse("--passband needs a FRACTION")
+            i += 1
+            settings["passband"] = a.number(i, "--passband FRACTION", *D.PASSBAND_LIMITS)
         else:
             a.refuse(f"unknown option '{word}'")
-    return Resample(rate, interpolation, channels)
+        i += 1
+    return Resample(rate, **settings)
 
 
 def _hqups(a):
@@ -156,8 +164,9 @@ def parse_effects(words):
     return [_PARSERS[name](_Args(name, args)) for name, args in groups]
 
 
-def chain_from_words(words, block_frames=D.BLOCK_FRAMES):
-    """A Chain of the tool's effect words."""
+def chain_from_words(words, block_frames=None):
+    """A Chain of the tool's effect words (its block size chosen as the tool
+    chooses it unless given)."""
     return Chain(parse_effects(words), block_frames)
 
 

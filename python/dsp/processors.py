@@ -156,6 +156,11 @@ class Processor:
     def _added(self, handle, stage):
         """Settings applied once the chain holds the processor."""
 
+    def _averages(self, channels):
+        """True when the chain must average a stereo stream to mono before
+        this processor."""
+        return False
+
     def _bindings(self):
         with self._live_lock:
             return list(self._live)
@@ -220,16 +225,20 @@ class HighPass(_Filter):
 
 
 class Resample(Processor):
-    """Resample(rate, interpolation="cubic", channels=None): to `rate` Hz,
-    1000..768000, "linear" or "cubic"; channels 1/"mono" or 2/"stereo"
-    converts the channel count, None keeps it (the tool's `resample RATE
-    [linear|cubic] [mono|stereo]`)."""
+    """Resample(rate, interpolation="cubic", channels=None, passband=0.9): to
+    `rate` Hz, 1000..768000, "linear" or "cubic"; channels 1/"mono" (the
+    average of a stereo input's two channels) or 2/"stereo" converts the
+    channel count, None keeps it; the anti-alias low-pass is flat (0.1 dB) to
+    `passband` (0.05..0.99) of the lower rate's Nyquist frequency and 60 dB
+    down at that Nyquist frequency (the tool's `resample RATE [linear|cubic]
+    [mono|stereo] [--passband FRACTION]`)."""
 
     EFFECT = "resample"
     _INTERPOLATION = {"linear": 0, "cubic": 1}
     _CHANNELS = {None: None, 1: 1, 2: 2, "mono": 1, "stereo": 2}
 
-    def __init__(self, rate, interpolation="cubic", channels=None):
+    def __init__(self, rate, interpolation="cubic", channels=None,
+                 passband=D.PASSBAND_FRACTION):
         super().__init__()
         self._rate = _number("resample", "rate", rate, *D.limits("resample", "rate"), True)
         if interpolation not in self._INTERPOLATION:
@@ -240,21 +249,30 @@ class Resample(Processor):
             raise ValueError(
                 f"resample: channels must be None, 1, 2, 'mono' or 'stereo', not {channels!r}")
         self._channels = self._CHANNELS[channels]
+        self._passband = _number("resample", "passband", passband, *D.PASSBAND_LIMITS)
 
     rate = _fixed_property("rate")
     interpolation = _fixed_property("interpolation")
     channels = _fixed_property("channels")
+    passband = _fixed_property("passband")
 
     def _settings(self):
         return {"rate": self._rate, "interpolation": self._interpolation,
-                "channels": self._channels}
+                "channels": self._channels, "passband": self._passband}
+
+    def _averages(self, channels):
+        """True when the chain must average a stereo input to mono first
+        (the library's resampler would keep the left channel)."""
+        return channels == 2 and self._channels == 1
 
     def _make(self, stage):
         out_channels = self._channels or stage.channels
+        # A Chebyshev low-pass whose pass band ends at the fraction of the
+        # lower rate's Nyquist frequency, FILTER_ATTENUATION_DB down there.
+        slope = D.FILTER_ATTENUATION_DB / -math.log2(self._passband)
         return (lib.initResampler(stage.block_frames, stage.channels, out_channels, stage.rate,
                                   self._rate, self._INTERPOLATION[self._interpolation],
-                                  D.FILTER_ATTENUATION_DB, D.FILTER_SLOPE_DB_PER_OCTAVE,
-                                  D.FILTER_ON), lib.termResampler)
+                                  D.FILTER_ATTENUATION_DB, slope, D.FILTER_ON), lib.termResampler)
 
 
 class Hqups(Processor):
@@ -597,27 +615,141 @@ class Fade(Processor):
             lib.setFaderAction(handle, 0, start, end, D.FADER_FLOOR_DB)
 
 
-class Chain:
-    """Processors run in the given order as one library chain.
+class _Segment:
+    """One library chain of a Chain; those after the first take the average
+    of the previous one's two channels."""
 
-    Chain(processors, block_frames=4096). A processor may sit in several
-    chains (its live parameters then change in all of them), but only once
-    in one chain.
+    __slots__ = ("handle", "channels", "block", "processors")
+
+    def __init__(self, handle, channels, block):
+        self.handle = handle
+        self.channels = channels  # of its input
+        self.block = block
+        self.processors = 0
+
+
+class _RateChange:
+    __slots__ = ("src", "dst", "steady", "num", "den")
+
+    def __init__(self, src, dst, steady, num, den):
+        self.src, self.dst, self.steady, self.num, self.den = src, dst, steady, num, den
+
+    def cycle(self):
+        return self.src // math.gcd(self.src, self.dst)
+
+    def cycle_out(self):
+        return self.dst // math.gcd(self.src, self.dst)
+
+    def alignable(self):
+        return self.steady and self.cycle() <= D.CONVERTER_CHUNK
+
+    def converted(self, n):
+        # The converter's own count, in its double arithmetic (which falls
+        # one short for some whole numbers of cycles).
+        return int((float(n) / self.src) * self.dst)
+
+    def whole_cycles(self, frames):
+        """Blocks of `frames` reach the change as whole cycles, cut into
+        chunks of whole cycles, each counted exactly."""
+        if frames * self.num % self.den:
+            return False
+        here = frames * self.num // self.den
+        q = self.cycle()
+        if here == 0 or here % q or self.converted(here) != here // q * self.cycle_out():
+            return False
+        chunk = D.CONVERTER_CHUNK
+        return here <= chunk or (chunk % q == 0 and
+                                 self.converted(chunk) == chunk // q * self.cycle_out())
+
+
+class _BlockChoice:
+    """The block size of a chain, chosen as the dsp tool chooses it: blocks of
+    whole cycles of each rate change where the rates allow, so that the
+    resampler's interpolation runs on across blocks and its output has the
+    exact length. When every change is served and nothing stretches (exact),
+    the last block is padded with silence and the output cut at
+    trunc(frames * num / den)."""
+
+    def __init__(self, processors, rate):
+        changes = []
+        steady, num, den = True, 1, 1
+        for p in processors:
+            to = rate
+            if isinstance(p, Resample):
+                to = p.rate
+            elif isinstance(p, Hqups):
+                to = 48000  # the upsampler's rate converter
+            elif isinstance(p, TimeStretch):
+                steady = False
+            if to != rate:
+                changes.append(_RateChange(rate, to, steady, num, den))
+                num, den = num * to, den * rate
+                g = math.gcd(num, den)
+                num, den = num // g, den // g
+                rate = to
+        count = sum(c.alignable() for c in changes)
+        frames = 0
+        while count > 0:
+            frames = self._block_for(changes, count)
+            if frames:
+                break
+            count -= 1
+        self.frames = frames or D.BLOCK_FRAMES
+        self.exact = (bool(changes) and count == len(changes)
+                      and not any(isinstance(p, TimeStretch) for p in processors))
+        self.num = self.den = 1
+        if self.exact:
+            last = changes[-1]
+            num, den = last.num * last.dst, last.den * last.src
+            g = math.gcd(num, den)
+            self.num, self.den = num // g, den // g
+
+    @staticmethod
+    def _block_for(changes, count):
+        """The longest block that serves the first `count` alignable changes,
+        or 0."""
+        for frames in range(D.BLOCK_FRAMES, D.SHORTEST_ALIGNED_BLOCK - 1, -1):
+            served = 0
+            for c in changes:
+                if served == count or (c.alignable() and not c.whole_cycles(frames)):
+                    break
+                served += c.alignable()
+            if served == count:
+                return frames
+        return 0
+
+    def output_frames(self, frames):
+        return frames // self.den * self.num + frames % self.den * self.num // self.den
+
+
+class Chain:
+    """Processors run in the given order through the library's chain.
+
+    Chain(processors, block_frames=None): the block size the library runs,
+    by default chosen as the dsp tool chooses it (blocks of whole rate
+    cycles, and then the exact output length; 4096 frames without a rate
+    change); a number fixes it. A stereo-to-mono Resample averages the two
+    channels between two library chains, as the tool does. A processor may
+    sit in several chains (its live parameters then change in all of them),
+    but only once in one chain.
     """
 
-    def __init__(self, processors=(), block_frames=D.BLOCK_FRAMES):
+    def __init__(self, processors=(), block_frames=None):
         self._processors = list(processors)
         for p in self._processors:
             if not isinstance(p, Processor):
                 raise TypeError(f"Chain: {p!r} is not a dsp processor")
         if len({id(p) for p in self._processors}) != len(self._processors):
             raise ValueError("Chain: a processor appears twice; make a second one")
-        self._block = _number("Chain", "block_frames", block_frames, 1, 1 << 20, True)
+        self._block_setting = None if block_frames is None else _number(
+            "Chain", "block_frames", block_frames, 1, 1 << 20, True)
         self._guard = Guard("this Chain")
-        self._handle = None
+        self._segments = []
         self._format = None  # (rate, channels) of the source
+        self._choice = None
         self._stage_rates = {}  # id(processor) -> rate where it sits
         self._pending = None  # frames short of a block, (n, channels) float32
+        self._frames_in = self._frames_out = 0
         self._ndim = 2
         self._stream_rate = None
 
@@ -627,13 +759,14 @@ class Chain:
 
     @property
     def block_frames(self):
-        return self._block
+        """The block size of the stream in progress (None when none is)."""
+        return self._segments[0].block if self._segments else None
 
     def __repr__(self):
         return f"Chain({self._processors!r})"
 
     def __getstate__(self):
-        return {"processors": self._processors, "block_frames": self._block}
+        return {"processors": self._processors, "block_frames": self._block_setting}
 
     def __setstate__(self, state):
         self.__init__(state["processors"], state["block_frames"])
@@ -658,11 +791,12 @@ class Chain:
             self._teardown()
             self._open(_rate(rate), x.shape[1], x.shape[0])
             try:
-                out = self._send_all(x)
-                out_rate = lib.dspGetDstRate(self._handle)
+                whole = len(x) - len(x) % self._block()
+                out = [self._send_blocks(x[:whole]), self._send_end(x[whole:])]
+                out_rate = self.out_rate
             finally:
                 self._teardown()
-            return shaped_like(out, np.ndim(audio)), out_rate
+            return shaped_like(_join(out), np.ndim(audio)), out_rate
 
     # --- streams
     def process(self, block, rate=None, *, total_frames=None):
@@ -680,21 +814,21 @@ class Chain:
                 if rate is None:
                     raise ValueError("Chain.process: the first block of a stream needs the rate")
             rate = _rate(rate)
-            if self._handle is not None and self._format != (rate, channels):
+            if self._segments and self._format != (rate, channels):
                 if self._pending is not None and len(self._pending):
                     raise ValueError(
                         f"Chain.process: a block of {rate} Hz, {channels} channel(s) while a "
                         f"stream of {self._format[0]} Hz, {self._format[1]} channel(s) is in "
                         "progress; call flush() to end it first")
                 self._teardown()
-            if self._handle is None:
+            if not self._segments:
                 self._open(rate, channels, total_frames)
                 self._stream_rate = rate
             self._ndim = np.ndim(block)
             if self._pending is not None and len(self._pending):
                 x = np.concatenate([self._pending, x])
-            whole = len(x) - len(x) % self._block
-            out = self._send_all(x[:whole])
+            whole = len(x) - len(x) % self._block()
+            out = self._send_blocks(x[:whole])
             self._pending = x[whole:].copy()
             return shaped_like(out, self._ndim)
 
@@ -702,12 +836,12 @@ class Chain:
         """Ends the stream: runs the frames short of a block and returns
         their output. The next process() starts a new stream."""
         with self._guard:
-            if self._handle is None:
+            if not self._segments:
                 return shaped_like(np.zeros((0, 1), np.float32), 1)
             try:
                 pending = self._pending if self._pending is not None else np.zeros(
                     (0, self._format[1]), np.float32)
-                out = self._send_all(pending)
+                out = self._send_end(pending)
             finally:
                 self._teardown()
             return shaped_like(out, self._ndim)
@@ -722,34 +856,54 @@ class Chain:
     @property
     def out_rate(self):
         """The output rate of the stream in progress (None when none is)."""
-        return None if self._handle is None else lib.dspGetDstRate(self._handle)
+        return lib.dspGetDstRate(self._segments[-1].handle) if self._segments else None
 
     @property
     def out_channels(self):
-        return None if self._handle is None else lib.dspGetDstChannels(self._handle)
+        return lib.dspGetDstChannels(self._segments[-1].handle) if self._segments else None
 
-    # --- the library's chain
+    # --- the library's chains
     def _rate_at(self, processor):
         return self._stage_rates[id(processor)]
 
-    def _open(self, rate, channels, total_frames):
-        handle = lib.dspCreate(self._block, channels, rate)
+    def _block(self):
+        return self._segments[0].block
+
+    def _new_segment(self, frames, channels, rate):
+        handle = lib.dspCreate(frames, channels, rate)
         if not handle:
             raise MemoryError("dsp: out of memory creating the processing chain")
-        self._handle = handle
+        self._segments.append(_Segment(handle, channels, frames))
+        return self._segments[-1]
+
+    def _open(self, rate, channels, total_frames):
+        self._choice = _BlockChoice(self._processors, rate)
+        if self._block_setting is not None:
+            self._choice.frames, self._choice.exact = self._block_setting, False
         self._format = (rate, channels)
         self._pending = None
+        self._frames_in = self._frames_out = 0
         try:
+            self._new_segment(self._choice.frames, channels, rate)
             for order, p in enumerate(self._processors, start=1):
-                stage = _Stage(lib.dspGetDstRate(handle), lib.dspGetDstChannels(handle),
-                               self._block_here(), self._seconds_here(total_frames, channels))
+                seg = self._segments[-1]
+                here_rate = lib.dspGetDstRate(seg.handle)
+                here_channels = lib.dspGetDstChannels(seg.handle)
+                # The output of a whole block, counted as the processors count it.
+                block = max(1, lib.dspGetDstSamples(seg.handle, seg.block) // here_channels)
+                stage = _Stage(here_rate, here_channels, block,
+                               self._seconds_here(total_frames))
+                if p._averages(here_channels):
+                    seg = self._new_segment(block, 1, here_rate)
+                    stage.channels = 1
                 made, term = p._make(stage)
                 if not made:
                     raise MemoryError(f"{p!r}: the library could not create the processor for "
                                       f"{stage.rate} Hz, {stage.channels} channel(s)")
-                if lib.dspAdd(handle, made, order) != order:
+                if lib.dspAdd(seg.handle, made, order) != seg.processors + 1:
                     term(made)
                     raise RuntimeError(f"{p!r}: the chain refused the processor")
+                seg.processors += 1
                 self._stage_rates[id(p)] = stage.rate
                 p._bind(self, made)
                 p._added(made, stage)
@@ -757,34 +911,71 @@ class Chain:
             self._teardown()
             raise
 
-    def _block_here(self):
-        # Frames per block at the chain's current end (the tool's rule).
-        channels = self._format[1]
-        size = lib.dspGetDstSize(self._handle, self._block * 2 * channels)
-        return max(1, size // (2 * channels))
-
-    def _seconds_here(self, total_frames, channels):
+    def _seconds_here(self, total_frames):
         # The length of the whole input as it reaches the chain's current
         # end (the tool's rule), None when unknown.
         if total_frames is None:
             return None
-        in_bytes = int(total_frames) * 2 * channels
-        here = lib.dspGetDstSize(self._handle, in_bytes) if in_bytes <= 0xFFFFFFFF else in_bytes
-        return (here // (2 * channels)) / lib.dspGetDstRate(self._handle)
+        frames = int(total_frames)
+        for seg in self._segments:
+            in_bytes = frames * 2 * seg.channels
+            here = lib.dspGetDstSize(seg.handle, in_bytes) if in_bytes <= 0xFFFFFFFF else in_bytes
+            frames = here // (2 * seg.channels)
+        return frames / self.out_rate
 
-    def _send_all(self, x):
-        """x (whole blocks, but at the end of a stream) through the chain;
-        the output as one (frames, channels) float32 array, written in place
-        piece by piece."""
-        handle = self._handle
+    def _send_blocks(self, x):
+        """Whole blocks through the chain; their output, cut at the exact
+        length when the block choice is exact."""
+        if not len(x):
+            return np.zeros((0, self.out_channels), np.float32)
+        if len(self._segments) == 1:
+            out = self._send_one(self._segments[0], x)
+        else:  # block by block, as the tool hands the next chain each block's output
+            block = self._block()
+            out = _join([self._send_through(x[at:at + block])
+                         for at in range(0, len(x), block)])
+        return self._keep(len(x), out)
+
+    def _send_end(self, rest):
+        """The frames short of a block at the end of the stream: padded to a
+        whole block when the choice is exact, else sent as they are."""
+        if not len(rest):
+            return np.zeros((0, self.out_channels), np.float32)
+        if self._choice.exact:
+            padded = np.zeros((self._block(), rest.shape[1]), np.float32)
+            padded[:len(rest)] = rest
+            return self._keep(len(rest), self._send_through(padded))
+        return self._keep(len(rest), self._send_through(rest))
+
+    def _keep(self, frames_in, out):
+        self._frames_in += frames_in
+        if self._choice.exact:
+            owed = self._choice.output_frames(self._frames_in) - self._frames_out
+            out = out[:max(0, owed)]
+        self._frames_out += len(out)
+        return out
+
+    def _send_through(self, x):
+        """One block through every segment, averaging between them."""
+        for k, seg in enumerate(self._segments):
+            if k:
+                x = ((x[:, 0] + x[:, 1]) * np.float32(0.5)).reshape(-1, 1)
+            x = self._send_one(seg, x)
+        return x
+
+    @staticmethod
+    def _send_one(seg, x):
+        """x through one library chain; the output as one (frames, channels)
+        float32 array, written in place piece by piece."""
+        handle = seg.handle
         out_channels = lib.dspGetDstChannels(handle)
-        step = max(self._block, _CALL_FRAMES - _CALL_FRAMES % self._block)
+        step = max(seg.block, _CALL_FRAMES - _CALL_FRAMES % seg.block)
         starts = range(0, len(x), step)
         rooms = [lib.dspGetDstSamples(handle, min(step, len(x) - at)) for at in starts]
         out = np.empty(sum(rooms), np.float32)
         written = 0
         for at, room in zip(starts, rooms):
-            src = x[at:at + step]
+            src = np.ascontiguousarray(x[at:at + step])
             dst = out[written:written + room]
             got = lib.dspSendFloat(handle, _pointer(src), _pointer(dst), len(src))
             if got * out_channels > room:  # pragma: no cover - the library's promise
@@ -793,13 +984,19 @@ class Chain:
         return out[:written].reshape(-1, out_channels)
 
     def _teardown(self):
-        handle, self._handle = self._handle, None
+        segments, self._segments = self._segments, []
         self._pending = None
-        if handle is not None:
+        if segments:
             for p in self._processors:
                 p._unbind(self)
             self._stage_rates.clear()
-            lib.dspDestroy(handle)
+            for seg in segments:
+                lib.dspDestroy(seg.handle)
+
+
+def _join(parts):
+    parts = [p for p in parts if len(p)] or parts[:1]
+    return parts[0] if len(parts) == 1 else np.concatenate(parts)
 
 
 def _rate(rate):

@@ -50,8 +50,9 @@ def fade_actions(in_s, out_s, total_s):
     return after
 
 
-ATT, SLOPE, G, SP = (D.FILTER_ATTENUATION_DB, D.FILTER_SLOPE_DB_PER_OCTAVE, D.GRAIN_SECONDS,
-                     D.SPACING_SECONDS)
+ATT, G, SP = D.FILTER_ATTENUATION_DB, D.GRAIN_SECONDS, D.SPACING_SECONDS
+SLOPE = ATT / -math.log2(D.PASSBAND_FRACTION)  # the resampler's
+HQ_SLOPE = D.FILTER_SLOPE_DB_PER_OCTAVE
 TOTAL_S = FRAMES / RATE
 CASES = {
     "lowpass": (lambda: dsp.LowPass(4, 1000),
@@ -60,12 +61,12 @@ CASES = {
                  [(lambda f, c, r: lib.initIirFilter(f, c, r, 2, 300.0, 1), None)]),
     "resample": (lambda: dsp.Resample(48000),
                  [(lambda f, c, r: lib.initResampler(f, c, c, r, 48000, 1, ATT, SLOPE, 1), None)]),
-    "resample linear mono": (
-        lambda: dsp.Resample(22050, "linear", "mono"),
-        [(lambda f, c, r: lib.initResampler(f, c, 1, r, 22050, 0, ATT, SLOPE, 1), None)]),
+    "resample linear, pass band 0.5": (
+        lambda: dsp.Resample(22050, "linear", passband=0.5),
+        [(lambda f, c, r: lib.initResampler(f, c, c, r, 22050, 0, ATT, ATT, 1), None)]),
     "hqups": (lambda: dsp.Hqups(0.5, 80.0, active=True),
               [(lambda f, c, r: lib.initHqupsBySrcsize(f, c, c, r, 0.5, 80.0, D.HQUPS_BAND_EDGE_HZ,
-                                                       1, ATT, SLOPE, 1, 1), None)]),
+                                                       1, ATT, HQ_SLOPE, 1, 1), None)]),
     "chorus": (lambda: dsp.Chorus(4, 15.0, 3.0, 0.7, 40.0, 90.0),
                [(lambda f, c, r: lib.initChorus(f, c, r, 4, 15.0, 3.0, 0.7, 40.0, 90.0), None)]),
     "pitch": (lambda: dsp.PitchShift(-300),
@@ -82,23 +83,27 @@ CASES = {
               [(lambda f, c, r: lib.initResampler(f, c, c, r, 48000, 1, ATT, SLOPE, 1), None),
                (lambda f, c, r: lib.initChorus(f, c, r, 3, 20.0, 2.0, 1.5, 30.0, 100.0), None),
                (lambda f, c, r: lib.initFader(f, c, r, 0.0, -50.0, 0.0),
-                fade_actions(0.1, 0.1, (FRAMES * 48000 // RATE) / 48000))]),
+                fade_actions(0.1, 0.1, FRAMES * 48000 // RATE / 48000))]),
 }
 
 
 @pytest.mark.parametrize("channels", [1, 2])
-@pytest.mark.parametrize("name", sorted(CASES))
+@pytest.mark.parametrize("name", sorted(set(CASES) - {"mono"}))
 def test_same_samples_as_the_library(name, channels, signal):
     make, makers = CASES[name]
     x16 = signal(FRAMES, channels)
     expected, expected_rate = c_chain(x16, RATE, makers)
-    out, out_rate = make()(x16, RATE)  # int16 in: s / 32767, through the float interface
+    made = make()
+    chain = dsp.Chain(made.processors if isinstance(made, dsp.Chain) else [made],
+                      block_frames=4096)  # the block c_chain runs
+    out, out_rate = chain(x16, RATE)  # int16 in: s / 32767, through the float interface
     assert out.dtype == np.float32 and out_rate == expected_rate
     assert out.shape == expected.shape
     np.testing.assert_array_equal(dsp.to_int16(out), expected)
 
 
-STREAMED = ["resample", "tempo", "chain", "hqups", "pitch"]
+STREAMED = ["resample", "tempo", "chain", "hqups", "pitch", "mono"]
+CASES["mono"] = (lambda: dsp.Chain([dsp.Resample(32000, channels=1), dsp.Chorus()]), [])
 
 
 @pytest.mark.parametrize("name", STREAMED)
@@ -143,6 +148,29 @@ def test_live_parameter_matches_the_library_setter(signal):
                 (FRAMES - 8192) * 4)
     lib.dspDestroy(chain)
     np.testing.assert_array_equal(dsp.to_int16(np.concatenate([first, rest])), out)
+
+
+@pytest.mark.parametrize("words, rate, out_frames", [
+    ("resample 48000", 44100, FRAMES * 48000 // 44100),
+    ("resample 44100", 48000, FRAMES * 44100 // 48000),
+    ("hqups resample 22050 linear", 44100, FRAMES * 22050 // 44100),
+])
+def test_rate_changes_have_the_exact_length(words, rate, out_frames, signal):
+    # blocks of whole rate cycles: the exact length, and the interpolation
+    # runs on across blocks (a steady tone stays steady)
+    chain = dsp.chain_from_words(words.split())
+    x = np.sin(2 * np.pi * 1000 * np.arange(FRAMES) / rate).astype(np.float32) * 0.5
+    out, _ = chain(x, rate)
+    assert len(out) == out_frames
+
+
+def test_stereo_to_mono_averages(signal):
+    x = dsp.as_float32(signal(FRAMES, 2))
+    mono, rate = dsp.Resample(22050, channels="mono")(x, RATE)
+    average = (x[:, 0] + x[:, 1]) * np.float32(0.5)
+    expected, _ = dsp.Resample(22050)(average, RATE)
+    assert rate == 22050 and mono.shape == (len(expected), 1)
+    np.testing.assert_array_equal(mono[:, 0], expected)
 
 
 def test_formats_and_layouts(signal):
@@ -310,7 +338,9 @@ def test_threads_run_in_parallel(signal):
 
 
 @pytest.mark.parametrize("words, result", [
-    ("resample 48000 linear mono", "[Resample(rate=48000, interpolation='linear', channels=1)]"),
+    ("resample 48000 linear mono --passband 0.5",
+     "[Resample(rate=48000, interpolation='linear', channels=1, passband=0.5)]"),
+    ("resample 48000 --passband", "resample: --passband needs a FRACTION"),
     ("hqups active 0.2", "[Hqups(harmonics=0.2, mix=50.0, active=True)]"),
     ("fade 2", "[Fade(in_s=2.0, out_s=2.0)]"),
     ("3 gain", "'3' does not follow an effect"),
