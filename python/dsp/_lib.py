@@ -7,7 +7,8 @@ The library is found, in this order, at
      that holds this package),
   4. wherever the system's loader finds libdsp.so.0 (an installed library).
 The first that loads is used; when none does, ImportError names every place
-tried and why it failed.
+tried and why it failed. A library named by DSP_LIBRARY is the only one
+tried: when it does not load, nothing else is taken in its place.
 
 Every function is called through ctypes.CDLL, which releases the GIL for the
 duration of each call: chains in separate threads run in parallel.
@@ -170,6 +171,8 @@ def load():
     """The loaded library (ctypes.CDLL) and the path it came from."""
     tried = []
     for label, where in _candidates():
+        if tried and tried[0].startswith("DSP_LIBRARY"):
+            break  # a library named explicitly is the only one tried
         if os.path.isabs(where) and not os.path.exists(where):
             tried.append(f"{label}: {where} (no such file)")
             continue

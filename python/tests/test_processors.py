@@ -357,3 +357,17 @@ def test_effect_words(words, result):
     except dsp.UsageError as error:
         assert str(error).startswith(result)
     assert dsp.parse_effects(["tempo", "2"])[0].scale == 1000.0
+
+
+def test_library_named_by_dsp_library_or_a_clear_error(tmp_path):
+    import subprocess
+    import sys
+    env = dict(os.environ, DSP_LIBRARY=str(tmp_path / "libdsp.so.0"))
+    run = subprocess.run([sys.executable, "-c", "import dsp"], env=env, capture_output=True,
+                         text=True, cwd=tmp_path)
+    assert run.returncode != 0
+    assert f"DSP_LIBRARY: {tmp_path / 'libdsp.so.0'} (no such file)" in run.stderr
+    env["DSP_LIBRARY"] = dsp.library_path
+    run = subprocess.run([sys.executable, "-c", "import dsp; print(dsp.library_path)"], env=env,
+                         capture_output=True, text=True, cwd=tmp_path)
+    assert run.stdout.strip() == dsp.library_path
