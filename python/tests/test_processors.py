@@ -362,7 +362,8 @@ def test_effect_words(words, result):
 def test_library_named_by_dsp_library_or_a_clear_error(tmp_path):
     import subprocess
     import sys
-    env = dict(os.environ, DSP_LIBRARY=str(tmp_path / "libdsp.so.0"))
+    home = os.path.dirname(os.path.dirname(os.path.abspath(dsp.__file__)))
+    env = dict(os.environ, DSP_LIBRARY=str(tmp_path / "libdsp.so.0"), PYTHONPATH=home)
     run = subprocess.run([sys.executable, "-c", "import dsp"], env=env, capture_output=True,
                          text=True, cwd=tmp_path)
     assert run.returncode != 0
