@@ -12,11 +12,12 @@ when audio of another rate or channel count arrives.
         write(chain.process(block, 44100))
     write(chain.flush())                       # the end of the stream
 
-The library runs a chain in pieces of its block size (4096 frames, as the dsp
-tool), and a rate or length changer rounds its output per piece; so
-process() hands the library whole blocks only and keeps the frames short of
-a block until more arrive or flush() ends the stream. That is what makes the
-concatenated stream equal to the whole-array result, sample for sample.
+The library runs a chain in pieces of its block size (chosen as the dsp tool
+chooses it, see _BlockChoice), and a rate or length changer rounds its
+output per piece; so process() hands the library whole blocks only and keeps
+the frames short of a block until more arrive or flush() ends the stream.
+That is what makes the concatenated stream equal to the whole-array result,
+and both equal to the tool's output, sample for sample.
 
 Threads: every library call releases the GIL, so chains in different threads
 run in parallel. A chain or processor may be used by one thread at a time;
