@@ -10,18 +10,24 @@
 #   clang-format, clang-tidy   the house-rule checks (scripts/check-format.sh,
 #                              scripts/check-tidy.sh; version 14)
 #   pkg-config          consumes the installed library (scripts/check-install.sh)
+#   libpng-dev          PNG for the tool's pictures (brings zlib1g-dev)
+#   python3-venv, python3-pip, python3-setuptools, python3-wheel, python3-numpy,
+#   python3-pytest, python3-distributed   the Python package, installed into a
+#                       venv offline and tested there (scripts/check-python.sh)
 # Optional (installed when the distribution has it; the build does without):
 #   libsndfile1-dev     FLAC, Ogg Vorbis, Ogg Opus and AIFF in the dsp tool
+#   python3-tqdm        the progress bar of the Python package's batches
 set -euo pipefail
 packages=(g++ cmake make libgtest-dev libbenchmark-dev
     g++-multilib googletest mingw-w64 wine64 sox python3 clang libclang-rt-14-dev
-    clang-format clang-tidy pkg-config "$@")
+    clang-format clang-tidy pkg-config libpng-dev python3-venv python3-pip python3-setuptools
+    python3-wheel python3-numpy python3-pytest python3-distributed "$@")
 missing=()
 missing_optional=()
 for p in "${packages[@]}"; do
     dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")
 done
-optional=(libsndfile1-dev)
+optional=(libsndfile1-dev python3-tqdm)
 for p in "${optional[@]}"; do
     dpkg -s "$p" >/dev/null 2>&1 || missing_optional+=("$p")
 done

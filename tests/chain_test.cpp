@@ -161,7 +161,8 @@ TEST_F(ChainTest, ThreeFiltersConvertOnceAtEachEnd) {
 }
 
 // A mono-to-stereo resampler halving the rate, then a filter made for another
-// format: the filter is reconfigured for the resampler's output.
+// format: the filter is reconfigured for the resampler's output and gets its
+// one channel on both of its own.
 TEST_F(ChainTest, FormatChangesTravelDownTheChain) {
     void* chain = dspCreate(1000, 1, 44100);
     auto* resampler = static_cast<dsp::DspProcessor*>(
@@ -174,6 +175,13 @@ TEST_F(ChainTest, FormatChangesTravelDownTheChain) {
     EXPECT_EQ(f->outRate(), 22050u);
     EXPECT_EQ(dspGetDstRate(chain), 22050u);
     EXPECT_EQ(dspGetDstChannels(chain), 2u);
+    // The resampler's one channel feeds both of the filter's.
+    const std::vector<int16_t> in = dsptest::testSignal(1000, 9);
+    std::vector<int16_t> out(dspGetDstSamples(chain, 1000), 0x5555);
+    ASSERT_EQ(dspSend(chain, in.data(), out.data(), 2000), 2000u);
+    for (size_t i = 0; i < 500; ++i) {
+        ASSERT_EQ(out[2 * i], out[2 * i + 1]) << i;
+    }
     dspDestroy(chain);
 
     // An equal-rate mono-to-stereo resampler last copies its input: the mono

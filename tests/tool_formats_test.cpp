@@ -480,16 +480,23 @@ TEST(ToolFormats, ChainRunsThroughTheFloatInterface) {
 
     std::vector<float> src(tone.size());
     cli::decodeSamples(SampleType::kInt24, samples.data(), src.data(), src.size());
-    void* chain = dspCreate(4096, 2, 44100);
-    dspAdd(chain, initIirFilter(4096, 2, 44100, 4, 2000.0f, 0), 1);
-    dspAdd(chain, initResampler(4096, 2, 2, 44100, 48000, 1, 60.0f, 60.0f, 1), 2);
-    std::vector<float> expected, dst(dspGetDstSamples(chain, 4096));
-    for (size_t at = 0; at < 20000; at += 4096) {
-        uint32_t n = static_cast<uint32_t>(std::min<size_t>(4096, 20000 - at));
-        uint32_t m = dspSendFloat(chain, src.data() + 2 * at, dst.data(), n);
+    // Blocks of whole 147-frame cycles of the two rates, the last one padded
+    // with silence; the output cut at 20000 * 48000 / 44100 frames.
+    const uint32_t block = 3969;
+    src.resize(6 * size_t{block} * 2, 0.0f);
+    void* chain = dspCreate(block, 2, 44100);
+    dspAdd(chain, initIirFilter(block, 2, 44100, 4, 2000.0f, 0), 1);
+    dspAdd(chain,
+           initResampler(block, 2, 2, 44100, 48000, 1, 60.0f,
+                         static_cast<float>(60.0 / -std::log2(0.9)), 1),
+           2);
+    std::vector<float> expected, dst(dspGetDstSamples(chain, block));
+    for (size_t at = 0; at < 20000; at += block) {
+        uint32_t m = dspSendFloat(chain, src.data() + 2 * at, dst.data(), block);
         expected.insert(expected.end(), dst.begin(), dst.begin() + 2 * m);
     }
     dspDestroy(chain);
+    expected.resize(2 * 21768);
     Decoded d = readWave(out);
     EXPECT_EQ(d.format.rate, 48000u);
     EXPECT_TRUE(d.samples == encoded(SampleType::kFloat32, expected));

@@ -13,10 +13,12 @@ namespace cli {
 struct Options {
     bool quiet = false;
     bool noClip = false;     // --no-clip: scale the output down rather than clip
+    bool verbose = false;    // one line on standard error about the block size
     OutputEncoding encoding; // --bits, --no-dither
 };
 
-// Frames per block in every host loop of the tool.
+// Frames per block in the host loops of the tool (processing chooses its
+// own, see chooseBlock).
 constexpr uint32_t kBlockFrames = 4096;
 
 struct ProcessResult {
@@ -74,6 +76,8 @@ int runSpectrum(const std::vector<std::string>& args, const Options& options);
 int runEnvelope(const std::vector<std::string>& args, const Options& options);
 int runSlices(const std::vector<std::string>& args, const Options& options);
 int runDemo(const std::vector<std::string>& args, const Options& options);
+int runSpectrogram(const std::vector<std::string>& args, const Options& options);
+int runWaveform(const std::vector<std::string>& args, const Options& options);
 
 // Formatting helpers shared by the reports.
 std::string formatDescription(const AudioFormat& format);

@@ -18,6 +18,9 @@ namespace {
 // Processor settings the tool does not expose.
 constexpr float kFilterAttenuationDb = 60.0f; // resampler / hqups anti-alias filter
 constexpr float kFilterSlopeDbPerOctave = 60.0f;
+// Where the resampler's pass band ends, as a fraction of the lower rate's
+// Nyquist frequency (--passband).
+constexpr double kPassbandFraction = 0.9;
 constexpr uint32_t kHqupsBandEdgeHz = 5000;
 constexpr float kFaderFloorDb = -50.0f; // the fader's lowest level
 constexpr uint32_t kChorusHistory = 65536;
@@ -159,6 +162,8 @@ struct Stage {
     uint32_t blockFrames;
     double inputSeconds; // the length of the whole input as it arrives here
     std::function<void(uint32_t (*term)(void*), void* processor, const std::string& what)> append;
+    // Makes the tool average the two channels before the next processor.
+    std::function<void()> averageToMono;
     // Makes [from, to) seconds at this point of the chain digital silence.
     std::function<void(double from, double to)> silence;
 };
@@ -206,6 +211,7 @@ struct ResampleSettings {
     uint32_t rate;
     uint32_t interpolation = 1;
     uint32_t channels = 0; // 0 = keep
+    double passband = kPassbandFraction;
 };
 
 ResampleSettings parseResample(const EffectArgs& a) {
@@ -226,19 +232,32 @@ ResampleSettings parseResample(const EffectArgs& a) {
             a.refuse("unknown option '" + w + "'");
         }
     }
+    s.passband = a.option("--passband", kPassbandFraction, 0.05, 0.99);
     return s;
 }
 
 void buildResample(const ResampleSettings& s, const Stage& at) {
-    const AudioFormat& f = at.format;
+    AudioFormat f = at.format;
     const uint32_t outChannels = s.channels != 0 ? s.channels : f.channels;
     const char* channelChange =
-        outChannels == f.channels ? "" : (outChannels == 2 ? ", to stereo" : ", to mono");
+        outChannels == f.channels ? "" : (outChannels == 2 ? ", to stereo" : ", to mono (average)");
+    if (f.channels == 2 && outChannels == 1) {
+        // The resampler itself would keep the left channel only.
+        at.averageToMono();
+        f.channels = 1;
+    }
+    // A Chebyshev low-pass whose pass band (0.1 dB ripple) ends at the
+    // fraction of the lower rate's Nyquist frequency and which has fallen by
+    // kFilterAttenuationDb at that frequency.
+    const double octaves = -std::log2(s.passband);
+    const float slope = static_cast<float>(kFilterAttenuationDb / octaves);
+    const uint32_t lower = std::min(f.rate, s.rate);
     at.append(termResampler,
               initResampler(at.blockFrames, f.channels, outChannels, f.rate, s.rate,
-                            s.interpolation, kFilterAttenuationDb, kFilterSlopeDbPerOctave, 1),
+                            s.interpolation, kFilterAttenuationDb, slope, 1),
               "resample " + std::to_string(f.rate) + " -> " + std::to_string(s.rate) + " Hz " +
-                  (s.interpolation ? "cubic" : "linear") + channelChange);
+                  (s.interpolation ? "cubic" : "linear") + ", pass band to " +
+                  fixed(s.passband * lower / 2.0, 0) + " Hz" + channelChange);
 }
 
 struct HqupsSettings {
@@ -487,8 +506,11 @@ const EffectEntry kEffects[] = {
                                      "Chebyshev low-pass (1 dB ripple), ORDER 1..32"),
     effect<parseFilter, buildFilter>("highpass", "highpass ORDER HZ",
                                      "Chebyshev high-pass (1 dB ripple), ORDER 1..32"),
-    effect<parseResample, buildResample>("resample", "resample RATE [linear|cubic] [mono|stereo]",
-                                         "change the sample rate (default cubic, channels kept)"),
+    effect<parseResample, buildResample>(
+        "resample", "resample RATE [linear|cubic] [mono|stereo] [--passband FRACTION]",
+        "change the sample rate (default cubic, channels kept; mono averages both channels); the "
+        "anti-alias low-pass is flat (0.1 dB) to FRACTION of the lower rate's Nyquist frequency "
+        "(default 0.9) and 60 dB down at that Nyquist frequency (0.5: the old, narrower shape)"),
     effect<parseHqups, buildHqups>(
         "hqups", "hqups [HARMONICS] [MIX%] [active]",
         "upsample to 48000 Hz adding harmonics (default 0.3 50; active limits them to the band "
@@ -542,7 +564,185 @@ std::vector<EffectSpec> splitEffects(const std::vector<std::string>& words) {
     return effects;
 }
 
+// The effect's settings, read from its words when parseEffects did not.
+std::any settingsOf(const EffectSpec& e, const EffectEntry& entry) {
+    return e.settings.has_value() ? e.settings : entry.parse(EffectArgs(e, entry.usage));
+}
+
+// Block sizes of the host loop.
+constexpr uint32_t kLongestBlock = 4096;
+// The resampler's chunk: its interpolation position restarts at every one.
+constexpr uint32_t kConverterChunk = 4096;
+// Smaller blocks than this are not worth an exact rate change.
+constexpr uint32_t kShortestAlignedBlock = 256;
+
+uint64_t greatestCommonDivisor(uint64_t a, uint64_t b) {
+    while (b != 0) {
+        const uint64_t r = a % b;
+        a = b;
+        b = r;
+    }
+    return a;
+}
+
+// A rate change of the chain: where it converts, and by how much the
+// blocks of the chain's input have grown where it gets them (num / den),
+// unless a processor before it makes blocks of varying length.
+struct RateChange {
+    uint32_t from;
+    uint32_t to;
+    bool steady;
+    uint64_t num;
+    uint64_t den;
+
+    // Source frames of one cycle of the two rates.
+    uint64_t cycle() const { return from / greatestCommonDivisor(from, to); }
+    uint64_t cycleOut() const { return to / greatestCommonDivisor(from, to); }
+    bool alignable() const { return steady && cycle() <= kConverterChunk; }
+};
+
+std::vector<RateChange> rateChanges(const std::vector<EffectSpec>& effects,
+                                    const AudioFormat& source) {
+    std::vector<RateChange> changes;
+    uint32_t rate = source.rate;
+    bool steady = true;
+    uint64_t num = 1, den = 1;
+    for (const EffectSpec& e : effects) {
+        const EffectEntry* entry = findEffect(e.name);
+        if (entry == nullptr) {
+            continue;
+        }
+        uint32_t to = rate;
+        if (e.name == "resample") {
+            to = std::any_cast<ResampleSettings>(settingsOf(e, *entry)).rate;
+        } else if (e.name == "hqups") {
+            to = 48000; // the Hqups upsampler's rate converter
+        } else if (e.name == "stretch" || e.name == "tempo") {
+            steady = false;
+        }
+        if (to != rate) {
+            changes.push_back(RateChange{rate, to, steady, num, den});
+            num *= to;
+            den *= rate;
+            const uint64_t g = greatestCommonDivisor(num, den);
+            num /= g;
+            den /= g;
+            rate = to;
+        }
+    }
+    return changes;
+}
+
+// The converter's own count of output frames for n source frames (its
+// double arithmetic, which falls one short for some whole numbers of cycles).
+uint64_t convertedCount(uint64_t n, const RateChange& c) {
+    return static_cast<uint64_t>((static_cast<double>(n) / c.from) * c.to);
+}
+
+// True when blocks of `frames` frames reach the change as whole cycles, cut
+// into chunks of whole cycles, each counted exactly: then the output of every
+// block is exact and the interpolation position carries on across chunks and
+// blocks.
+bool wholeCycles(uint64_t frames, const RateChange& c) {
+    if (frames * c.num % c.den != 0) {
+        return false;
+    }
+    const uint64_t here = frames * c.num / c.den;
+    const uint64_t q = c.cycle();
+    if (here == 0 || here % q != 0 || convertedCount(here, c) != here / q * c.cycleOut()) {
+        return false;
+    }
+    return here <= kConverterChunk ||
+           (kConverterChunk % q == 0 &&
+            convertedCount(kConverterChunk, c) == kConverterChunk / q * c.cycleOut());
+}
+
+// The longest block that serves the first `count` alignable changes, or 0.
+uint32_t blockFor(const std::vector<RateChange>& changes, size_t count) {
+    for (uint32_t frames = kLongestBlock; frames >= kShortestAlignedBlock; --frames) {
+        size_t served = 0;
+        for (const RateChange& c : changes) {
+            if (served == count || (c.alignable() && !wholeCycles(frames, c))) {
+                break;
+            }
+            served += c.alignable() ? 1 : 0;
+        }
+        if (served == count) {
+            return frames;
+        }
+    }
+    return 0;
+}
+
+// What --verbose says about one change.
+std::string changeNote(const RateChange& c, uint32_t frames, bool served) {
+    std::ostringstream note;
+    note << c.from << " -> " << c.to << " Hz: ";
+    if (served) {
+        const uint64_t in = static_cast<uint64_t>(frames) * c.num / c.den;
+        note << in << " -> " << in / c.cycle() * c.cycleOut()
+             << " frames per block, whole cycles of " << c.cycle() << " frames";
+    } else if (!c.steady) {
+        note << "blocks of varying length (after a stretch)";
+    } else if (c.cycle() > kConverterChunk) {
+        note << "the rates repeat every " << c.cycle() << " frames, beyond the resampler's "
+             << kConverterChunk << "-frame chunk";
+    } else {
+        note << "no block suits it with the other rate changes";
+    }
+    if (!served) {
+        note << " (interpolation restarts at every chunk, output short by up to a frame per "
+                "block)";
+    }
+    return note.str();
+}
+
 } // namespace
+
+uint64_t BlockChoice::outputFrames(uint64_t inFrames) const {
+    return inFrames / den * num + inFrames % den * num / den;
+}
+
+BlockChoice chooseBlock(const std::vector<EffectSpec>& effects, const AudioFormat& source) {
+    const std::vector<RateChange> changes = rateChanges(effects, source);
+    // Served from the first on: as many alignable changes as one block suits.
+    size_t count = static_cast<size_t>(std::count_if(
+        changes.begin(), changes.end(), [](const RateChange& c) { return c.alignable(); }));
+    uint32_t frames = 0;
+    while (count > 0 && (frames = blockFor(changes, count)) == 0) {
+        --count;
+    }
+    BlockChoice choice;
+    choice.frames = frames != 0 ? frames : kLongestBlock;
+    // Exact when every change is served and no stretch varies the length.
+    choice.exact = !changes.empty() && count == changes.size() &&
+                   std::none_of(effects.begin(), effects.end(), [](const EffectSpec& e) {
+                       return e.name == "stretch" || e.name == "tempo";
+                   });
+    if (choice.exact) {
+        const RateChange& last = changes.back();
+        choice.num = last.num * last.to;
+        choice.den = last.den * last.from;
+        const uint64_t g = greatestCommonDivisor(choice.num, choice.den);
+        choice.num /= g;
+        choice.den /= g;
+    }
+    std::string note = "blocks of " + std::to_string(choice.frames) + " frames";
+    if (changes.empty()) {
+        note += " (no rate change)";
+    }
+    size_t served = 0;
+    for (const RateChange& c : changes) {
+        const bool serves = c.alignable() && served < count;
+        served += serves ? 1 : 0;
+        note += "; " + changeNote(c, choice.frames, serves);
+    }
+    if (choice.exact) {
+        note += "; the last block is padded with silence and the output cut to the exact length";
+    }
+    choice.note = note;
+    return choice;
+}
 
 bool isEffectName(const std::string& word) {
     return findEffect(word) != nullptr;
@@ -565,52 +765,90 @@ std::string effectsHelp() {
     return out.str();
 }
 
-Chain::Chain(uint32_t blockFrames, const AudioFormat& source)
-    : blockFrames_(blockFrames), source_(source) {
-    chain_ = dspCreate(blockFrames, source.channels, source.rate);
-    if (chain_ == nullptr) {
+Chain::Chain(uint32_t blockFrames, const AudioFormat& source) {
+    segments_.reserve(1);
+    void* chain = dspCreate(blockFrames, source.channels, source.rate);
+    if (chain == nullptr) {
         throw Failure("out of memory creating the processing chain");
     }
+    segments_.push_back(Segment{chain, source, blockFrames, 0, {}});
 }
 
 Chain::~Chain() {
-    dspDestroy(chain_);
+    for (Segment& s : segments_) {
+        dspDestroy(s.chain);
+    }
 }
 
 AudioFormat Chain::outputFormat() const {
-    return AudioFormat{dspGetDstRate(chain_), dspGetDstChannels(chain_)};
+    void* last = segments_.back().chain;
+    return AudioFormat{dspGetDstRate(last), dspGetDstChannels(last)};
 }
 
 uint32_t Chain::outputCapacitySamples(uint32_t frames) const {
-    return dspGetDstSamples(chain_, frames);
+    uint32_t samples = 0;
+    for (const Segment& s : segments_) {
+        samples = dspGetDstSamples(s.chain, frames);
+        frames = samples / dspGetDstChannels(s.chain);
+    }
+    return samples;
 }
 
 uint32_t Chain::sendFloat(const float* src, uint32_t frames, float* dst) {
-    const uint32_t written = dspSendFloat(chain_, src, dst, frames);
+    const uint32_t written = sendSegments(src, frames, dst);
     silence(dst, written);
     return written;
 }
 
+uint32_t Chain::sendSegments(const float* src, uint32_t frames, float* dst) {
+    if (segments_.size() == 1) {
+        return dspSendFloat(segments_.front().chain, src, dst, frames);
+    }
+    const float* in = src;
+    for (size_t k = 0; k < segments_.size(); ++k) {
+        Segment& s = segments_[k];
+        if (k > 0) {
+            // The previous chain left stereo frames: their average.
+            float* mono = s.input.data();
+            for (size_t i = 0; i < frames; ++i) {
+                mono[i] = (in[2 * i] + in[2 * i + 1]) * 0.5f;
+            }
+            in = mono;
+        }
+        if (s.processors == 0) {
+            if (k + 1 == segments_.size()) {
+                std::copy(in, in + static_cast<size_t>(frames) * s.source.channels, dst);
+            }
+            continue;
+        }
+        // Each chain but the last writes into the next one's input room,
+        // which its averaging then reads.
+        float* out = k + 1 == segments_.size() ? dst : segments_[k + 1].input.data();
+        frames = dspSendFloat(s.chain, in, out, frames);
+        in = out;
+    }
+    return frames;
+}
+
 void Chain::silence(float* dst, uint32_t frames) {
+    const AudioFormat f = outputFormat();
     if (!spans_.empty() && silentFrames_.empty()) {
         // Placed in the output: seconds where a span was made scale with the
         // length of the whole input from there to the end of the chain.
         const double seconds = secondsHere(totalFrames_);
-        const double rate = dspGetDstRate(chain_);
         for (const SilentSpan& span : spans_) {
             const double scale = span.stageSeconds > 0.0 ? seconds / span.stageSeconds : 1.0;
-            const double from = std::nearbyint(span.from * scale * rate);
+            const double from = std::nearbyint(span.from * scale * f.rate);
             const double to =
-                std::fmax(std::nearbyint(std::fmin(span.to * scale * rate, 1e18)), from + 1.0);
+                std::fmax(std::nearbyint(std::fmin(span.to * scale * f.rate, 1e18)), from + 1.0);
             silentFrames_.push_back({static_cast<uint64_t>(from), static_cast<uint64_t>(to)});
         }
     }
-    const uint32_t channels = dspGetDstChannels(chain_);
     for (const SilentFrames& span : silentFrames_) {
         const uint64_t from = std::max(span.from, position_);
         const uint64_t to = std::min(span.to, position_ + frames);
         for (uint64_t i = from; i < to; ++i) {
-            std::fill_n(dst + (i - position_) * channels, channels, 0.0f);
+            std::fill_n(dst + (i - position_) * f.channels, f.channels, 0.0f);
         }
     }
     position_ += frames;
@@ -620,28 +858,49 @@ void Chain::append(uint32_t (*term)(void*), void* processor, const std::string& 
     if (processor == nullptr) {
         throw Failure(what + ": the processor could not be created (out of memory?)");
     }
+    Segment& s = segments_.back();
     // The chain owns what it accepts; a refused processor is still ours.
-    if (dspAdd(chain_, processor, ++order_) != descriptions_.size() + 1) {
+    if (dspAdd(s.chain, processor, ++order_) != s.processors + 1) {
         term(processor);
         throw Failure(what + ": the chain refused the processor");
     }
+    ++s.processors;
     descriptions_.push_back(what);
 }
 
+void Chain::averageToMono() {
+    const AudioFormat here = outputFormat();
+    const uint32_t frames = blockFramesHere();
+    // The stereo frames the chain so far leaves, in the new chain's input
+    // room (the averaging overwrites them with the mono frames in place).
+    const uint32_t room = std::max(outputCapacitySamples(blockFrames()), 2 * frames);
+    std::vector<float> input(room);
+    segments_.reserve(segments_.size() + 1);
+    void* chain = dspCreate(frames, 1, here.rate);
+    if (chain == nullptr) {
+        throw Failure("out of memory creating the processing chain");
+    }
+    segments_.push_back(Segment{chain, AudioFormat{here.rate, 1}, frames, 0, std::move(input)});
+}
+
 uint32_t Chain::blockFramesHere() const {
-    // The size estimate scales bytes of the source's channel count.
-    const uint32_t frames = static_cast<uint32_t>(
-        dspGetDstSize(chain_, blockFrames_ * 2 * source_.channels) / (2 * source_.channels));
+    // The output of a whole block, counted as the processors count it.
+    const Segment& s = segments_.back();
+    const uint32_t frames = dspGetDstSamples(s.chain, s.blockFrames) / dspGetDstChannels(s.chain);
     return frames > 0 ? frames : 1;
 }
 
 double Chain::secondsHere(uint64_t totalFrames) const {
-    const uint64_t inBytes = totalFrames * 2 * source_.channels;
-    const uint64_t here =
-        inBytes <= 0xFFFFFFFFu ? dspGetDstSize(chain_, static_cast<uint32_t>(inBytes)) : inBytes;
-    // Whole frames of the output so far.
-    const uint64_t frames = here / (uint64_t{2} * source_.channels);
-    return static_cast<double>(frames) / dspGetDstRate(chain_);
+    uint64_t frames = totalFrames;
+    for (const Segment& s : segments_) {
+        const uint64_t inBytes = frames * 2 * s.source.channels;
+        const uint64_t here = inBytes <= 0xFFFFFFFFu
+                                  ? dspGetDstSize(s.chain, static_cast<uint32_t>(inBytes))
+                                  : inBytes;
+        // Whole frames of the output so far.
+        frames = here / (uint64_t{2} * s.source.channels);
+    }
+    return static_cast<double>(frames) / outputFormat().rate;
 }
 
 void Chain::add(const EffectSpec& e, uint64_t totalFrames) {
@@ -656,13 +915,13 @@ void Chain::add(const EffectSpec& e, uint64_t totalFrames) {
                    [this](uint32_t (*term)(void*), void* processor, const std::string& what) {
                        append(term, processor, what);
                    },
+                   [this] { averageToMono(); },
                    [this, stageSeconds = secondsHere(totalFrames)](double from, double to) {
                        spans_.push_back(SilentSpan{from, to, stageSeconds});
                    }};
     totalFrames_ = totalFrames;
     // A spec made by hand, not by parseEffects, is read here.
-    entry->build(e.settings.has_value() ? e.settings : entry->parse(EffectArgs(e, entry->usage)),
-                 at);
+    entry->build(settingsOf(e, *entry), at);
 }
 
 } // namespace cli

@@ -30,7 +30,31 @@ bool isEffectName(const std::string& word);
 // Help text listing every effect with its defaults.
 std::string effectsHelp();
 
+// The block size of a chain's host loop. The resampler converts a block in
+// chunks of at most 4096 frames, each mapped onto a whole number of output
+// frames from a fresh interpolation position: blocks whose chunks are whole
+// cycles of the two rates (multiples of srcRate / gcd(srcRate, dstRate)) keep
+// the position continuous and the output length exact. The block serves
+// every rate change of the chain where the rates allow such a block.
+// When every rate change is served and nothing varies the length (exact),
+// the host pads the last block with silence to a whole block and cuts the
+// output at outputFrames(input frames): the exact length, one that a short
+// last block could miss by a frame (the converter's double arithmetic).
+struct BlockChoice {
+    uint32_t frames = 4096;
+    std::string note; // one line describing the choice, for --verbose
+    bool exact = false;
+    uint64_t num = 1, den = 1; // output frames per input frame
+
+    // trunc(inFrames * num / den).
+    uint64_t outputFrames(uint64_t inFrames) const;
+};
+
+BlockChoice chooseBlock(const std::vector<EffectSpec>& effects, const AudioFormat& source);
+
 // A processing chain owning its processors (through the library's chain).
+// A stereo-to-mono resampler starts a second library chain behind the first:
+// the tool averages the two channels between them.
 class Chain {
 public:
     Chain(uint32_t blockFrames, const AudioFormat& source);
@@ -47,6 +71,11 @@ public:
     // Output samples room needed for one input block of `frames` frames
     // through sendFloat.
     uint32_t outputCapacitySamples(uint32_t frames) const;
+    // Frames per block: sends take at most this many.
+    uint32_t blockFrames() const { return segments_.front().blockFrames; }
+    // True when the chain is one library chain, whose output the library's
+    // 16-bit path could give.
+    bool runsInt16() const { return segments_.size() == 1; }
     // Processes one block through the library's float interface (full scale
     // 1.0); returns output frames.
     uint32_t sendFloat(const float* src, uint32_t frames, float* dst);
@@ -55,13 +84,28 @@ public:
     const std::vector<std::string>& descriptions() const { return descriptions_; }
 
 private:
+    // One library chain; the ones after the first take the average of the
+    // previous one's two channels.
+    struct Segment {
+        void* chain;
+        AudioFormat source;
+        uint32_t blockFrames;
+        uint32_t processors = 0;
+        std::vector<float> input; // the averaged input (not used by the first)
+    };
+
     void append(uint32_t (*term)(void*), void* processor, const std::string& what);
+    // Ends the current library chain, whose output is stereo, and starts a
+    // mono one that takes the average of its two channels.
+    void averageToMono();
     // Frames per block at the chain's current end.
     uint32_t blockFramesHere() const;
     // Seconds of audio that reach the chain's current end from a whole input
     // of totalFrames frames.
     double secondsHere(uint64_t totalFrames) const;
 
+    // The library chains in turn (averaging between them).
+    uint32_t sendSegments(const float* src, uint32_t frames, float* dst);
     // Sets the frames of the output block `dst` that lie in a silent span
     // to zero; the block follows the ones sent before.
     void silence(float* dst, uint32_t frames);
@@ -76,9 +120,7 @@ private:
         uint64_t from, to;
     };
 
-    void* chain_ = nullptr;
-    uint32_t blockFrames_;
-    AudioFormat source_;
+    std::vector<Segment> segments_;
     uint32_t order_ = 0;
     std::vector<std::string> descriptions_;
     uint64_t totalFrames_ = 0; // of the whole input

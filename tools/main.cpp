@@ -20,6 +20,8 @@ const char* kUsage =
     "  dsp envelope FILE.wav [--step SECONDS] [--csv]\n"
     "  dsp slices FILE.wav [--split DIR] [--start-gate DB] [--end-gate DB] [--rise PERCENT]\n"
     "             [--min SECONDS] [--csv]\n"
+    "  dsp spectrogram IN.wav OUT.png [--size N] [--hop N] [--range DB]\n"
+    "  dsp waveform IN.wav OUT.png [--slices]\n"
     "  dsp demo [OUT.wav]\n";
 
 void printHelp() {
@@ -44,6 +46,12 @@ void printHelp() {
         "  slices      cut at attacks; gates in dB (defaults -30 and -40), rise in\n"
         "              percent (5), minimum slice length (0.1 s); --split writes\n"
         "              each slice to DIR/slice-NNN.wav\n"
+        "  spectrogram picture of the sliding spectrum over time: N-point spectra\n"
+        "              (default 2048) every --hop frames (default N/4, at most N),\n"
+        "              colours over DB (default 100) below the loudest bin; one\n"
+        "              panel per channel\n"
+        "  waveform    picture of the waveform, one panel per channel; --slices\n"
+        "              marks the slices `dsp slices` finds with its defaults\n"
         "  demo        synthesise test music, process it (resample 48000, chorus,\n"
         "              fade), slice and measure it; writes OUT (default demo.wav)\n"
         "              and OUT-source.wav\n\n"
@@ -55,6 +63,8 @@ void printHelp() {
         "               them), scale the whole output down to full scale instead\n"
         "               (a second pass through a temporary file)\n"
         "  --quiet      no report, no progress bar; --help, --version\n"
+        "  --verbose    one line on standard error about the block size and whether each\n"
+        "               rate change gets whole cycles of the two rates (exact length)\n"
         "Input: mono or stereo WAVE (RIFF or RF64; 8-bit unsigned, 16, 24 or 32-bit\n"
         "PCM, 32 or 64-bit float, plain or extensible)%s. '-' reads standard input or\n"
         "writes standard output. A regular output file is written to a temporary and\n"
@@ -76,8 +86,14 @@ struct Command {
 };
 
 const Command kCommands[] = {
-    {"demo", cli::runDemo},         {"info", cli::runInfo},     {"spectrum", cli::runSpectrum},
-    {"envelope", cli::runEnvelope}, {"slices", cli::runSlices}, {"crossfade", cli::runCrossfade},
+    {"demo", cli::runDemo},
+    {"info", cli::runInfo},
+    {"spectrum", cli::runSpectrum},
+    {"envelope", cli::runEnvelope},
+    {"slices", cli::runSlices},
+    {"crossfade", cli::runCrossfade},
+    {"spectrogram", cli::runSpectrogram},
+    {"waveform", cli::runWaveform},
 };
 
 int runCommand(const std::vector<std::string>& args, const cli::Options& options) {
@@ -127,6 +143,8 @@ int main(int argc, char** argv) {
         }
         if (a == "--quiet" || a == "-q") {
             options.quiet = true;
+        } else if (a == "--verbose" || a == "-v") {
+            options.verbose = true;
         } else {
             args.push_back(a);
         }

@@ -32,18 +32,26 @@ void stopIfInterrupted(const std::string& outPath) {
 // Where processed samples go, a block of frames at a time.
 using FloatSink = std::function<void(const float* src, uint32_t frames)>;
 
-// The host loop: all of `in` through the chain, its output to `sink`;
-// returns the frames read.
-uint64_t stream(AudioInput& in, Chain& chain, const FloatSink& sink, const std::string& outPath,
-                Progress& progress) {
+// The host loop: all of `in` through the chain in blocks of the chosen size,
+// the output to `sink`; returns the frames read. An exact block choice pads
+// the last block with silence and cuts the output at the exact length.
+uint64_t stream(AudioInput& in, Chain& chain, const BlockChoice& choice, const FloatSink& sink,
+                const std::string& outPath, Progress& progress) {
     const uint32_t ch = in.format().channels;
-    std::vector<float> src(size_t{kBlockFrames} * ch);
-    std::vector<float> dst(chain.outputCapacitySamples(kBlockFrames));
-    uint64_t framesIn = 0;
-    for (uint32_t n;
-         (stopIfInterrupted(outPath), n = in.readFloat(src.data(), kBlockFrames)) > 0;) {
-        sink(dst.data(), chain.sendFloat(src.data(), n, dst.data()));
+    const uint32_t block = choice.frames;
+    std::vector<float> src(size_t{block} * ch);
+    std::vector<float> dst(chain.outputCapacitySamples(block));
+    uint64_t framesIn = 0, framesOut = 0;
+    for (uint32_t n; (stopIfInterrupted(outPath), n = in.readFloat(src.data(), block)) > 0;) {
+        std::fill(src.begin() + static_cast<std::ptrdiff_t>(n) * ch, src.end(), 0.0f);
+        uint32_t written = chain.sendFloat(src.data(), choice.exact ? block : n, dst.data());
+        if (choice.exact) {
+            const uint64_t owed = choice.outputFrames(framesIn + n) - framesOut;
+            written = written < owed ? written : static_cast<uint32_t>(owed);
+        }
+        sink(dst.data(), written);
         framesIn += n;
+        framesOut += written;
         progress.update(framesIn);
     }
     return framesIn;
@@ -132,7 +140,11 @@ ProcessResult processFile(const std::string& inPath, const std::string& outPath,
                           const std::vector<EffectSpec>& effects, const Options& options) {
     AudioInput in(inPath);
     checkFadeNeedsLength(effects, in);
-    Chain chain(kBlockFrames, in.format());
+    const BlockChoice block = chooseBlock(effects, in.format());
+    if (options.verbose) {
+        std::fprintf(stderr, "dsp: %s\n", block.note.c_str());
+    }
+    Chain chain(block.frames, in.format());
     for (const EffectSpec& e : effects) {
         chain.add(e, in.totalFrames());
     }
@@ -150,10 +162,12 @@ ProcessResult processFile(const std::string& inPath, const std::string& outPath,
     Progress progress("processing", in.totalFrames(), options.quiet || outPath == "-");
     auto start = std::chrono::steady_clock::now();
     const bool raw = chain.empty() && in.stream().type == out.stream().type;
-    // 16-bit input written as 16 bits: the library's 16-bit rule, so the
-    // result is exactly what a 16-bit host gets from dspSend.
-    const bool rule16 =
-        in.stream().type == SampleType::kInt16 && out.stream().type == SampleType::kInt16;
+    // 16-bit input written as 16 bits through one library chain: the
+    // library's 16-bit rule, so the result is exactly what a 16-bit host gets
+    // from dspSend (a chain that averages two channels between library chains
+    // has no such path: its floats are rounded, as any).
+    const bool rule16 = in.stream().type == SampleType::kInt16 &&
+                        out.stream().type == SampleType::kInt16 && chain.runsInt16();
     const bool monoSource = in.format().channels == 1;
     const FloatSink write = [&](const float* src, uint32_t frames) {
         if (rule16) {
@@ -167,7 +181,7 @@ ProcessResult processFile(const std::string& inPath, const std::string& outPath,
     } else {
         deliver(
             [&](const FloatSink& sink) {
-                result.framesIn = stream(in, chain, sink, outPath, progress);
+                result.framesIn = stream(in, chain, block, sink, outPath, progress);
             },
             write, out, outPath, options);
     }

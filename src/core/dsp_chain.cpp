@@ -91,9 +91,13 @@ PieceOutput DspChain::runPiece(uint32_t frames) {
             n = q->processChained(q->work(0), q->work(1), q->work(2), q->work(3), n);
         } else {
             // Never hand a processor more frames than its buffers hold; each
-            // reads its predecessor's output buffers directly.
+            // reads its predecessor's output buffers directly. A mono input
+            // turned stereo (a resampler or Hqups) leaves one channel, which
+            // stands for both.
             n = std::min(n, q->pieceLimit());
-            n = q->processChained(previous->work(2), previous->work(3), q->work(2), q->work(3), n);
+            const float* right =
+                previous->inChannels() == 2 ? previous->work(3) : previous->work(2);
+            n = q->processChained(previous->work(2), right, q->work(2), q->work(3), n);
         }
         previous = q;
     }
