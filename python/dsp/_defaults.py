@@ -24,8 +24,14 @@ FILTER_ON = 1
 # Nyquist frequency (resample --passband FRACTION).
 PASSBAND_FRACTION = 0.9
 PASSBAND_LIMITS = (0.05, 0.99)
-GRAIN_SECONDS = 0.05  # pitch / stretch grains
-SPACING_SECONDS = 0.01
+# Grain and spacing of the pitch shifter and the time stretcher, as measured
+# best by bench_granular_choice (pitch / stretch --grain, --spacing).
+PITCH_GRAIN_SECONDS = 0.15
+PITCH_SPACING_SECONDS = 0.1
+STRETCH_GRAIN_SECONDS = 0.2
+STRETCH_SPACING_SECONDS = 0.1
+GRAIN_LIMITS = (0.005, 1.0)  # the tool's --grain
+SPACING_LIMITS = (0.001, 1.0)  # the tool's --spacing
 OUT_LEVEL_DB = 0.0  # pitch / stretch output level
 HQUPS_BAND_EDGE_HZ = 5000
 HQUPS_INTERPOLATION = 1  # cubic
@@ -63,9 +69,9 @@ USAGE = {
     "resample": "resample RATE [linear|cubic] [mono|stereo] [--passband FRACTION]",
     "hqups": "hqups [HARMONICS] [MIX%] [active]",
     "chorus": "chorus [VOICES DELAY_MS DEPTH_MS PERIOD_S MIX% DRY%]",
-    "pitch": "pitch CENTS",
-    "stretch": "stretch SCALE",
-    "tempo": "tempo FACTOR",
+    "pitch": "pitch CENTS [--grain SECONDS] [--spacing SECONDS]",
+    "stretch": "stretch SCALE [--grain SECONDS] [--spacing SECONDS]",
+    "tempo": "tempo FACTOR [--grain SECONDS] [--spacing SECONDS]",
     "gain": "gain DB",
     "fade": "fade IN_S [OUT_S]",
 }

@@ -111,10 +111,11 @@ def spectrogram(audio, rate, size=2048, hop=512):
 
 
 def envelope(audio, rate, step=D.ENVELOPE_STEP_SECONDS):
-    """(times_s, db): the amplitude envelope (|x| x 2.5 smoothed at 33 Hz),
-    its loudest value over each `step` seconds, in dB relative to full scale
-    (-120 for silence), as `dsp envelope` prints it; times_s[k] is the start
-    of row k; db is (rows,) for a 1-D input, else (rows, channels)."""
+    """(times_s, db): the envelope follower (|x| x 2.5 smoothed at 33 Hz),
+    its highest value over each `step` seconds, in dB relative to its value
+    for a full-scale sine, so that a sine reads its level in dBFS (-120 for
+    silence), as `dsp envelope` prints it; times_s[k] is the start of row k;
+    db is (rows,) for a 1-D input, else (rows, channels)."""
     rate = _rate(rate, 67)
     if not (isinstance(step, (int, float)) and 0.001 <= step <= 3600.0):
         raise ValueError(f"step must be a number of seconds from 0.001 to 3600, not {step!r}")
@@ -140,7 +141,7 @@ def envelope(audio, rate, step=D.ENVELOPE_STEP_SECONDS):
     padded = np.zeros((channels, rows * per_row), np.float32)
     padded[:, :frames] = values
     loudest = padded.reshape(channels, rows, per_row).max(axis=2).T.astype(np.float64)
-    full_scale = 2.5 * 32767.0
+    full_scale = 2.5 * 32767.0 * 2.0 / math.pi  # a full-scale sine's mean |x|
     with np.errstate(divide="ignore"):
         db = np.where(loudest > 0.0, 20.0 * np.log10(loudest / full_scale), -120.0)
     times = np.arange(rows) * per_row / rate

@@ -28,10 +28,25 @@ def read_number(word):
 
 
 class _Args:
+    """An effect's words: positional ones, and options "--NAME VALUE" among
+    them."""
+
     def __init__(self, name, words):
         self.name = name
-        self.words = words
         self.usage = D.USAGE[name]
+        self.words = []
+        self.options = []  # [name, value, read]
+        i = 0
+        while i < len(words):
+            word = words[i]
+            if len(word) > 2 and word.startswith("--"):
+                if i + 1 >= len(words):
+                    self.refuse(f"{word} needs a value")
+                self.options.append([word, words[i + 1], False])
+                i += 1
+            else:
+                self.words.append(word)
+            i += 1
 
     def fail(self, problem):
         raise UsageError(f"{self.name}: {problem}")
@@ -46,7 +61,24 @@ class _Args:
             self.refuse(f"too many arguments ('{self.words[hi]}')")
 
     def number(self, index, what, lo, hi, whole=False):
-        word = self.words[index]
+        return self.number_in(self.words[index], what, lo, hi, whole)
+
+    def option(self, name, default, lo, hi):
+        """The value of option `name` as a number within [lo, hi]; default
+        when it is not given."""
+        v = default
+        for option in self.options:
+            if option[0] == name:
+                v = self.number_in(option[1], name, lo, hi)
+                option[2] = True
+        return v
+
+    def require_options_read(self):
+        for name, _, read in self.options:
+            if not read:
+                self.refuse(f"unknown option '{name}'")
+
+    def number_in(self, word, what, lo, hi, whole=False):
         v = read_number(word)
         if v is None or not math.isfinite(v):
             self.fail(f"{what} must be a number, not '{word}'")
@@ -68,24 +100,17 @@ def _filter(a):
 
 
 def _resample(a):
-    a.require(1, 5)
+    a.require(1, 3)
     rate = int(a.keyword(0, "rate", whole=True))
     settings = {}
-    i = 1
-    while i < len(a.words):
-        word = a.words[i]
+    for word in a.words[1:]:
         if word in ("linear", "cubic"):
             settings["interpolation"] = word
         elif word in ("mono", "stereo"):
             settings["channels"] = word
-        elif word == "--passband":
-            if i + 1 == len(a.words):
-                a.refuse("--passband needs a FRACTION")
-            i += 1
-            settings["passband"] = a.number(i, "--passband FRACTION", *D.PASSBAND_LIMITS)
         else:
             a.refuse(f"unknown option '{word}'")
-        i += 1
+    settings["passband"] = a.option("--passband", D.PASSBAND_FRACTION, *D.PASSBAND_LIMITS)
     return Resample(rate, **settings)
 
 
@@ -124,15 +149,28 @@ def _one(a, keyword, effect=None):
     return a.keyword(0, keyword, effect)
 
 
+def _granular(a, grain, spacing):
+    """The grain settings of pitch, stretch and tempo (--grain, --spacing)."""
+    settings = {"grain_s": a.option("--grain", grain, *D.GRAIN_LIMITS),
+                "spacing_s": a.option("--spacing", spacing, *D.SPACING_LIMITS)}
+    if settings["spacing_s"] > settings["grain_s"]:
+        a.refuse("--spacing must not exceed --grain")
+    return settings
+
+
 _PARSERS = {
     "lowpass": _filter,
     "highpass": _filter,
     "resample": _resample,
     "hqups": _hqups,
     "chorus": _chorus,
-    "pitch": lambda a: PitchShift(_one(a, "cents")),
-    "stretch": lambda a: TimeStretch(_one(a, "scale")),
-    "tempo": lambda a: TimeStretch(tempo=_one(a, "factor")),
+    "pitch": lambda a: PitchShift(
+        _one(a, "cents"), **_granular(a, D.PITCH_GRAIN_SECONDS, D.PITCH_SPACING_SECONDS)),
+    "stretch": lambda a: TimeStretch(
+        _one(a, "scale"), **_granular(a, D.STRETCH_GRAIN_SECONDS, D.STRETCH_SPACING_SECONDS)),
+    "tempo": lambda a: TimeStretch(
+        tempo=_one(a, "factor"),
+        **_granular(a, D.STRETCH_GRAIN_SECONDS, D.STRETCH_SPACING_SECONDS)),
     "gain": lambda a: Gain(_one(a, "db")),
     "fade": None,  # below
 }
@@ -161,7 +199,12 @@ def parse_effects(words):
             raise UsageError(f"unknown effect '{word}' (see dsp --help)")
         else:
             groups[-1][1].append(word)
-    return [_PARSERS[name](_Args(name, args)) for name, args in groups]
+    processors = []
+    for name, args in groups:
+        a = _Args(name, args)
+        processors.append(_PARSERS[name](a))
+        a.require_options_read()
+    return processors
 
 
 def chain_from_words(words, block_frames=None):

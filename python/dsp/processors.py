@@ -50,13 +50,15 @@ def _pointer(array):
 class _Stage:
     """Where a processor joins a chain: the format and block size there."""
 
-    __slots__ = ("rate", "channels", "block_frames", "input_seconds")
+    __slots__ = ("rate", "channels", "block_frames", "input_seconds", "silent")
 
-    def __init__(self, rate, channels, block_frames, input_seconds):
+    def __init__(self, rate, channels, block_frames, input_seconds, silent):
         self.rate = rate
         self.channels = channels
         self.block_frames = block_frames
         self.input_seconds = input_seconds
+        self.silent = silent  # silent(from_s, to_s): those seconds made digital silence
+
 
 
 def _number(owner, keyword, value, lo, hi, whole=False):
@@ -455,8 +457,8 @@ class PitchShift(_Granular):
     EFFECT = "pitch"
     LIVE = ("cents", "out_level_db")
 
-    def __init__(self, cents, *, grain_s=D.GRAIN_SECONDS, spacing_s=D.SPACING_SECONDS,
-                 out_level_db=D.OUT_LEVEL_DB):
+    def __init__(self, cents, *, grain_s=D.PITCH_GRAIN_SECONDS,
+                 spacing_s=D.PITCH_SPACING_SECONDS, out_level_db=D.OUT_LEVEL_DB):
         super().__init__()
         self._cents = self._check("cents", cents)
         self._granular_settings(grain_s, spacing_s, out_level_db)
@@ -503,8 +505,8 @@ class TimeStretch(_Granular):
     EFFECT = "stretch"
     LIVE = ("scale", "tempo", "out_level_db")
 
-    def __init__(self, scale=None, *, tempo=None, grain_s=D.GRAIN_SECONDS,
-                 spacing_s=D.SPACING_SECONDS, out_level_db=D.OUT_LEVEL_DB):
+    def __init__(self, scale=None, *, tempo=None, grain_s=D.STRETCH_GRAIN_SECONDS,
+                 spacing_s=D.STRETCH_SPACING_SECONDS, out_level_db=D.OUT_LEVEL_DB):
         super().__init__()
         if (scale is None) == (tempo is None):
             raise TypeError("stretch: give either scale or tempo")
@@ -576,10 +578,12 @@ class Gain(Processor):
 
 
 class Fade(Processor):
-    """Fade(in_s, out_s=None): fades in from -50 dB over in_s seconds and out
-    over out_s (default in_s) at the end (the tool's `fade IN_S [OUT_S]`).
-    The fade-out is placed from the end of the signal: a whole-array call
-    knows it; a stream must pass total_frames to its first process() call."""
+    """Fade(in_s, out_s=None): fades in over in_s seconds and out over out_s
+    (default in_s) at the end (the tool's `fade IN_S [OUT_S]`): the fader
+    ramps between 0 and -50 dB, and the first and the last frame are digital
+    silence. The fade-out is placed from the end of the signal: a
+    whole-array call knows it; a stream must pass total_frames to its first
+    process() call."""
 
     EFFECT = "fade"
 
@@ -606,14 +610,19 @@ class Fade(Processor):
                               0.0), lib.termFader)
 
     def _added(self, handle, stage):
-        # Actions must start after the fader's first sample.
-        first = 1.5 / stage.rate
+        # Actions start after the fader's first sample; a time half a frame
+        # past a frame's start lands on that frame.
+        frame = 1.0 / stage.rate
+        first = 1.5 * frame
         if self._in_s > 0.0:
             lib.setFaderAction(handle, 0, first, max(self._in_s, 2 * first), 0.0)
+            stage.silent(0.0, frame)
         if self._out_s > 0.0:
+            # The ramp ends on the last frame, which is silent.
             start = max(stage.input_seconds - self._out_s, first)
-            end = max(stage.input_seconds, start + first)
+            end = max(stage.input_seconds - 0.5 * frame, start + first)
             lib.setFaderAction(handle, 0, start, end, D.FADER_FLOOR_DB)
+            stage.silent(max(stage.input_seconds - frame, frame), math.inf)
 
 
 class _Segment:
@@ -751,6 +760,9 @@ class Chain:
         self._stage_rates = {}  # id(processor) -> rate where it sits
         self._pending = None  # frames short of a block, (n, channels) float32
         self._frames_in = self._frames_out = 0
+        self._spans = []  # (from_s, to_s, seconds there) as fades set them
+        self._silent_frames = []  # the same as output frames [from, to)
+        self._produced = 0  # output frames the library chains gave
         self._ndim = 2
         self._stream_rate = None
 
@@ -883,7 +895,8 @@ class Chain:
             self._choice.frames, self._choice.exact = self._block_setting, False
         self._format = (rate, channels)
         self._pending = None
-        self._frames_in = self._frames_out = 0
+        self._frames_in = self._frames_out = self._produced = 0
+        self._spans = []
         try:
             self._new_segment(self._choice.frames, channels, rate)
             for order, p in enumerate(self._processors, start=1):
@@ -892,8 +905,9 @@ class Chain:
                 here_channels = lib.dspGetDstChannels(seg.handle)
                 # The output of a whole block, counted as the processors count it.
                 block = max(1, lib.dspGetDstSamples(seg.handle, seg.block) // here_channels)
-                stage = _Stage(here_rate, here_channels, block,
-                               self._seconds_here(total_frames))
+                here_seconds = self._seconds_here(total_frames)
+                stage = _Stage(here_rate, here_channels, block, here_seconds,
+                               lambda a, b, s=here_seconds: self._spans.append((a, b, s)))
                 if p._averages(here_channels):
                     seg = self._new_segment(block, 1, here_rate)
                     stage.channels = 1
@@ -908,9 +922,21 @@ class Chain:
                 self._stage_rates[id(p)] = stage.rate
                 p._bind(self, made)
                 p._added(made, stage)
+            self._place_silence(self._seconds_here(total_frames))
         except BaseException:
             self._teardown()
             raise
+
+    def _place_silence(self, seconds):
+        # A span's seconds scale with the length of the whole input from
+        # where it was set to the end of the chain (the tool's rule).
+        self._silent_frames = []
+        rate = self.out_rate
+        for a, b, there in self._spans:
+            scale = seconds / there if there and seconds is not None else 1.0
+            lo = float(np.rint(a * scale * rate))
+            hi = max(float(np.rint(min(b * scale * rate, 1e18))), lo + 1.0)
+            self._silent_frames.append((int(lo), int(hi)))
 
     def _seconds_here(self, total_frames):
         # The length of the whole input as it reaches the chain's current
@@ -949,6 +975,11 @@ class Chain:
         return self._keep(len(rest), self._send_through(rest))
 
     def _keep(self, frames_in, out):
+        at = self._produced
+        self._produced += len(out)
+        for lo, hi in self._silent_frames:
+            if lo < at + len(out) and hi > at:
+                out[max(lo - at, 0):min(hi - at, len(out))] = 0.0
         self._frames_in += frames_in
         if self._choice.exact:
             owed = self._choice.output_frames(self._frames_in) - self._frames_out

@@ -58,8 +58,10 @@ def test_spectrogram_frames_are_spectra():
 
 
 def test_envelope_levels():
+    # a sine at -6 dBFS from 0.5 s on reads -6 dB (relative to a full-scale
+    # sine), after the step where the follower's filter settles
     x = np.zeros((RATE, 2), np.float32)
-    x[RATE // 2:, 0] = 0.5  # half scale from 0.5 s on
+    x[RATE // 2:, 0] = 0.5 * np.sin(2 * np.pi * 1000 * np.arange(RATE - RATE // 2) / RATE)
     times, db = dsp.envelope(x, RATE, step=0.1)
     assert db.shape == (10, 2) and times[3] == pytest.approx(0.3)
     assert (db[:5] == -120).all() and (db[:, 1] == -120).all()
