@@ -2,6 +2,7 @@
 #include "audio_formats.h"
 #include "cli_error.h"
 #include "commands.h"
+#include "dsp.h"
 #include "effects.h"
 
 #include <cstdio>
@@ -138,7 +139,7 @@ int main(int argc, char** argv) {
             return 0;
         }
         if (a == "--version") {
-            std::printf("dsp 0.1.0\n");
+            std::printf("dsp %s\n", dspGetVersion());
             return 0;
         }
         if (a == "--quiet" || a == "-q") {
