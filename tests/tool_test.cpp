@@ -311,7 +311,7 @@ TEST_F(ToolTest, ResampledLengthIsExact) {
         SCOPED_TRACE(std::to_string(c.frames) + " frames to " + std::to_string(c.to));
         writeFile(input_, waveBytes(44100, 1, toneSamples(1000, c.frames)));
         ASSERT_EQ(runTool("--quiet " + effectArgs("resample " + std::to_string(c.to))).status, 0);
-        EXPECT_EQ(readWave(output_).samples.size(), c.frames * c.to / 44100);
+        EXPECT_EQ(readWave(output_).samples.size(), static_cast<uint64_t>(c.frames) * c.to / 44100);
     }
     // 600 s of silence at 44100 Hz: exactly 600 s at 48000 Hz.
     const size_t frames = 600 * 44100;
