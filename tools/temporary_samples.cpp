@@ -120,7 +120,9 @@ void TemporarySamples::spill() {
     if (file_ == nullptr) {
         fail(std::strerror(error));
     }
-    if (std::fwrite(memory_.data(), sizeof(float), memory_.size(), file_) != memory_.size()) {
+    // Nothing may be held yet (the first block alone passed the limit).
+    if (!memory_.empty() &&
+        std::fwrite(memory_.data(), sizeof(float), memory_.size(), file_) != memory_.size()) {
         fail(std::strerror(errno));
     }
     memory_.clear();
