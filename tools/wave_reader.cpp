@@ -58,6 +58,13 @@ bool isId(const uint8_t* p, const char* id) {
     return std::memcmp(p, id, 4) == 0;
 }
 
+// Chunks that describe the file's own layout or padding: skipped wherever
+// they stand, never copied (a copied ds64 would be skipped on reading back).
+bool isLayoutChunk(const uint8_t* id) {
+    return isId(id, "fact") || isId(id, "JUNK") || isId(id, "junk") || isId(id, "ds64") ||
+           isId(id, "PAD ");
+}
+
 constexpr uint32_t kUnknown32 = 0xFFFFFFFFu;
 constexpr uint32_t kStreamPlaceholder = 0x7FFF0000u;
 
@@ -153,8 +160,7 @@ WaveReader::WaveReader(ByteSource& source) : source_(source) {
             totalFrames_ = lengthKnown_ ? bytes / format_.frameBytes() : 0;
             dataStart_ = source_.position();
             break;
-        } else if (isId(chunk, "fact") || isId(chunk, "JUNK") || isId(chunk, "junk") ||
-                   isId(chunk, "ds64") || isId(chunk, "PAD ")) {
+        } else if (isLayoutChunk(chunk)) {
             skip(uint64_t{size} + (size & 1));
         } else {
             takeChunk(reinterpret_cast<const char*>(chunk), size);
@@ -201,8 +207,7 @@ void WaveReader::collectTrailingChunks() {
             if (isId(chunk, "data") || isId(chunk, "fmt ")) {
                 return; // a second stream: not ours to copy
             }
-            if (isId(chunk, "JUNK") || isId(chunk, "junk") || isId(chunk, "fact") ||
-                isId(chunk, "PAD ")) {
+            if (isLayoutChunk(chunk)) {
                 skip(uint64_t{size} + (size & 1));
             } else {
                 takeChunk(reinterpret_cast<const char*>(chunk), size);
