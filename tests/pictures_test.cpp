@@ -6,6 +6,7 @@
 #include "plot.h"
 #include "png_writer.h"
 
+#include "support/tool_run.h"
 #include "support/wavefile_test_files.h"
 
 #include <gtest/gtest.h>
@@ -245,33 +246,17 @@ TEST(Png, EncodersRoundTrip) {
 
 } // namespace
 
-#include <sys/wait.h>
-
 namespace {
 
 namespace fs = std::filesystem;
+using dsptest::ToolRun;
 
 std::string tempPath(const std::string& name) {
-    fs::path dir = fs::path(DSP_TEST_TMPDIR) / "pictures" /
-                   ::testing::UnitTest::GetInstance()->current_test_info()->name();
-    fs::create_directories(dir);
-    return (dir / name).string();
+    return dsptest::testScratchPath("pictures", name);
 }
 
-struct ToolRun {
-    int status;
-    std::string out, err;
-};
-
 ToolRun runTool(const std::string& arguments) {
-    const std::string out = tempPath("stdout.txt"), err = tempPath("stderr.txt");
-    const int raw = std::system(
-        (std::string(DSP_TOOL_PATH) + " " + arguments + " >" + out + " 2>" + err).c_str());
-    auto text = [](const std::string& path) {
-        std::vector<uint8_t> b = dsptest::readFileBytes(path);
-        return std::string(b.begin(), b.end());
-    };
-    return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, text(out), text(err)};
+    return dsptest::runTool(tempPath(""), arguments);
 }
 
 std::string writeWave(const std::string& name, uint32_t rate, uint16_t channels,

@@ -11,6 +11,7 @@
 #include "wave_reader.h"
 #include "wave_writer.h"
 
+#include "support/tool_run.h"
 #include "support/wavefile_test_files.h"
 
 #include <gtest/gtest.h>
@@ -26,7 +27,6 @@
 
 #if !defined(_WIN32)
 #include <sys/stat.h>
-#include <sys/wait.h>
 #endif
 
 namespace {
@@ -349,40 +349,20 @@ TEST(ToolWaveCodec, WriterSwitchesToRf64Beyond4GiB) {
 
 #if defined(DSP_TOOL_PATH) && !defined(_WIN32)
 
+using dsptest::ToolRun;
+
 std::string tempPath(const std::string& name = "") {
-    fs::path dir = fs::path(DSP_TEST_TMPDIR) / "tool_formats" /
-                   ::testing::UnitTest::GetInstance()->current_test_info()->name();
-    fs::create_directories(dir);
-    return (dir / name).string();
+    return dsptest::testScratchPath("tool_formats", name);
 }
 
-// Words joined by spaces: a command line.
 std::string words(std::initializer_list<std::string> parts) {
-    std::string line;
-    for (const std::string& p : parts) {
-        line += (line.empty() ? "" : " ") + p;
-    }
-    return line;
+    return dsptest::joinWords(parts);
 }
-
-struct ToolRun {
-    int status;
-    std::string out;
-    std::string err;
-};
 
 // Runs `dsp ARGUMENTS` through the shell (so pipes may surround it).
 ToolRun runTool(const std::string& arguments, const std::string& before = "",
                 const std::string& after = "") {
-    const std::string out = tempPath("stdout.txt"), err = tempPath("stderr.txt");
-    const std::string command = before + std::string(DSP_TOOL_PATH) + " " + arguments + " 2>" +
-                                err + after + (after.empty() ? " >" + out : "");
-    int raw = std::system(("/bin/sh -c '" + command + "'").c_str());
-    auto text = [](const std::string& path) {
-        Bytes b = dsptest::readFileBytes(path);
-        return std::string(b.begin(), b.end());
-    };
-    return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, text(out), text(err)};
+    return dsptest::runTool(tempPath(), arguments, {"", before, after});
 }
 
 // A WAVE file of the codec's own making.

@@ -1,6 +1,7 @@
 // End-to-end tests of how the `dsp` tool writes its output: devices, FIFOs
 // and standard output in place, links followed, permissions kept, the input
 // never written under another name, nothing left behind by a stopped run.
+#include "support/tool_run.h"
 #include "support/wavefile_test_files.h"
 
 #include <gtest/gtest.h>
@@ -76,8 +77,8 @@ protected:
 
     // Runs the tool through the shell; returns its exit status.
     int run(const std::string& arguments, const std::string& environment = "") {
-        int raw = std::system((environment + " " + DSP_TOOL_PATH + " --quiet " + arguments + " 2>" +
-                               errPath_ + " </dev/null")
+        int raw = std::system((environment + " " + dsptest::toolCommand() + " --quiet " +
+                               arguments + " 2>" + errPath_ + " </dev/null")
                                   .c_str());
         Bytes e = dsptest::readFileBytes(errPath_);
         err_.assign(e.begin(), e.end());
@@ -123,9 +124,9 @@ TEST_F(ToolOutputTest, DevicesFifosAndStandardOutputAreWrittenInPlace) {
     EXPECT_TRUE(S_ISFIFO(statOf(fifo, false).st_mode));
 
     const std::string piped = dir_ + "/piped.wav", redirected = dir_ + "/redirected.wav";
-    ASSERT_EQ(std::system((std::string(DSP_TOOL_PATH) + " " + input_ + " - 2>" + errPath_ +
-                           " | cat >" + piped)
-                              .c_str()),
+    ASSERT_EQ(std::system(
+                  (dsptest::toolCommand() + " " + input_ + " - 2>" + errPath_ + " | cat >" + piped)
+                      .c_str()),
               0);
     EXPECT_TRUE(dsptest::readFileBytes(piped) == copied(true));
     EXPECT_EQ(run(input_ + " - >" + redirected), 0) << err_;
@@ -242,7 +243,8 @@ TEST_F(ToolOutputTest, AStoppedRunLeavesNothingBehind) {
         dsptest::writeFileBytes(output, text("keep"));
         const std::set<std::string> before = namesIn(dir_);
 
-        std::vector<std::string> words = {DSP_TOOL_PATH, "--quiet", input_, output};
+        std::vector<std::string> words = dsptest::toolArgv();
+        words.insert(words.end(), {"--quiet", input_, output});
         for (int i = 0; i < 4; ++i) {
             words.insert(words.end(), {"pitch", i % 2 == 0 ? "700" : "-700"});
         }

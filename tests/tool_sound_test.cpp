@@ -3,6 +3,7 @@
 // clip warning and --no-clip, and the level the envelope reports.
 #include "dsp.h"
 
+#include "support/tool_run.h"
 #include "support/wavefile_test_files.h"
 
 #if defined(DSP_TOOL_PATH) && defined(DSP_TOOL_FORMATS) && !defined(_WIN32)
@@ -11,8 +12,6 @@
 #include "sample_format.h"
 
 #include <gtest/gtest.h>
-
-#include <sys/wait.h>
 
 #include <algorithm>
 #include <cmath>
@@ -29,38 +28,18 @@ namespace fs = std::filesystem;
 
 constexpr uint32_t kRate = 44100;
 
-std::string tempPath(const std::string& name = "") {
-    fs::path dir = fs::path(DSP_TEST_TMPDIR) / "tool-sound" /
-                   ::testing::UnitTest::GetInstance()->current_test_info()->name();
-    fs::create_directories(dir);
-    return (dir / name).string();
-}
+using dsptest::ToolRun;
 
-struct ToolRun {
-    int status;
-    std::string out;
-    std::string err;
-};
+std::string tempPath(const std::string& name = "") {
+    return dsptest::testScratchPath("tool-sound", name);
+}
 
 ToolRun runTool(const std::string& arguments, const std::string& environment = "") {
-    const std::string out = tempPath("stdout.txt"), err = tempPath("stderr.txt");
-    int raw = std::system((environment + " " + DSP_TOOL_PATH + " " + arguments + " >" + out +
-                           " 2>" + err + " </dev/null")
-                              .c_str());
-    auto text = [](const std::string& path) {
-        dsptest::Bytes b = dsptest::readFileBytes(path);
-        return std::string(b.begin(), b.end());
-    };
-    return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, text(out), text(err)};
+    return dsptest::runTool(tempPath(), arguments, {environment, "", ""});
 }
 
-// The words joined by spaces.
 std::string words(std::initializer_list<std::string> parts) {
-    std::string joined;
-    for (const std::string& w : parts) {
-        joined += joined.empty() ? w : " " + w;
-    }
-    return joined;
+    return dsptest::joinWords(parts);
 }
 
 // A 16-bit file of interleaved samples given at full scale 1.0.

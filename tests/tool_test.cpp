@@ -3,6 +3,7 @@
 // done through the library's C interface directly.
 #include "dsp.h"
 
+#include "support/tool_run.h"
 #include "support/wavefile_test_files.h"
 
 #include <gtest/gtest.h>
@@ -21,7 +22,6 @@
 #include <vector>
 
 #if defined(DSP_TOOL_PATH) && !defined(_WIN32)
-#include <sys/wait.h>
 
 namespace {
 
@@ -32,31 +32,14 @@ using dsptest::le;
 
 const uint32_t kBlock = 4096;
 
-// One directory per test: ctest runs the tests in parallel processes.
+using dsptest::ToolRun;
+
 std::string tempPath(const std::string& name = "") {
-    fs::path dir = fs::path(DSP_TEST_TMPDIR) / "tool" /
-                   ::testing::UnitTest::GetInstance()->current_test_info()->name();
-    fs::create_directories(dir);
-    return (dir / name).string();
+    return dsptest::testScratchPath("tool", name);
 }
-
-std::string slurp(const std::string& path) {
-    Bytes b = dsptest::readFileBytes(path);
-    return std::string(b.begin(), b.end());
-}
-
-struct ToolRun {
-    int status;
-    std::string out;
-    std::string err;
-};
 
 ToolRun runTool(const std::string& arguments) {
-    const std::string out = tempPath("stdout.txt"), err = tempPath("stderr.txt");
-    int raw = std::system(
-        (std::string(DSP_TOOL_PATH) + " " + arguments + " >" + out + " 2>" + err + " </dev/null")
-            .c_str());
-    return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, slurp(out), slurp(err)};
+    return dsptest::runTool(tempPath(), arguments);
 }
 
 // A WAVE file built here; tag 0xFFFE adds the extensible tail whose
@@ -408,7 +391,7 @@ TEST_F(ToolTest, ResampleToMonoAveragesTheChannels) {
                          const std::string& effects) {
         writeFile(input_, waveBytes(44100, channels, samples));
         EXPECT_EQ(runTool("--quiet --bits float " + effectArgs(effects)).status, 0);
-        return slurp(output_);
+        return dsptest::fileText(output_);
     };
     EXPECT_EQ(resampled(2, same, "resample 48000 mono"), resampled(1, mono, "resample 48000"));
     EXPECT_EQ(resampled(2, opposite, "gain 0 resample 48000 mono"),
@@ -529,7 +512,7 @@ TEST_F(ToolTest, ErrorsGiveOneLineAndTheRightStatusAndWriteNothing) {
             EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << c.arguments;
             EXPECT_TRUE(r.err.rfind("dsp: ", 0) == 0) << r.err;
             if (existing) {
-                EXPECT_EQ(slurp(output_), "keep") << c.arguments;
+                EXPECT_EQ(dsptest::fileText(output_), "keep") << c.arguments;
                 std::remove(output_.c_str());
             } else {
                 EXPECT_FALSE(fs::exists(output_)) << c.arguments;

@@ -186,7 +186,6 @@ void runSectionGroupPair(BiquadSection* f, BiquadSection* g, double* x, uint32_t
         _mm_storeh_pd(&g[k].s2, z2[k]);
     }
 }
-#endif
 
 bool overlaps(const float* a, const float* b, uint32_t frames) {
     const uintptr_t pa = reinterpret_cast<uintptr_t>(a);
@@ -194,6 +193,7 @@ bool overlaps(const float* a, const float* b, uint32_t frames) {
     const uintptr_t bytes = static_cast<uintptr_t>(frames) * sizeof(float);
     return pa < pb + bytes && pb < pa + bytes;
 }
+#endif
 
 } // namespace
 
