@@ -2,7 +2,7 @@
 # Runs the golden runs program (dsp_golden: fixed processing runs of every
 # family under every SIMD setting, one digest per run) of each given build and
 # compares the digests with those of the first build. Windows builds (.exe)
-# run under wine64.
+# run under wine64, 64-bit ARM builds under qemu-aarch64 (qemu-user).
 # Usage: scripts/compare-builds.sh [build-dir...]
 #   default build dirs: build build-x86
 # Exits 1 when any digest differs or a build's program cannot run.
@@ -29,12 +29,24 @@ fi
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 
+# True for a 64-bit ARM ELF program (byte 18 of the header: machine 0xB7).
+is_aarch64() {
+    [[ $(od -An -tx1 -j18 -N2 "$1" | tr -d ' ') == b700 ]]
+}
+
 # Runs a build's dsp_golden inside the scratch directory (some runs write
 # files there).
 run_golden() {
     local build
     build=$(cd "$1" && pwd)
-    if [[ -x $build/bin/dsp_golden ]]; then
+    if [[ -x $build/bin/dsp_golden ]] && is_aarch64 "$build/bin/dsp_golden" &&
+        [[ $(uname -m) != aarch64 ]]; then
+        command -v qemu-aarch64 >/dev/null || {
+            echo "compare-builds: qemu-aarch64 (qemu-user) is needed for $1" >&2
+            return 1
+        }
+        (cd "$scratch" && qemu-aarch64 -L /usr/aarch64-linux-gnu "$build/bin/dsp_golden")
+    elif [[ -x $build/bin/dsp_golden ]]; then
         (cd "$scratch" && "$build/bin/dsp_golden")
     elif [[ -f $build/bin/dsp_golden.exe ]]; then
         [[ -n $dsp_wine ]] || {

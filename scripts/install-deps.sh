@@ -5,6 +5,8 @@
 #   googletest          GoogleTest sources, built inside the 32-bit and Windows builds
 #   mingw-w64           the Windows cross-builds (i686 and x86_64 dsp.dll)
 #   wine64              runs the 64-bit Windows test suite
+#   g++-aarch64-linux-gnu, qemu-user  the 64-bit ARM Linux cross-build, its
+#                       tests and golden runs under emulation
 #   sox, python3        outside WAVE readers and writers for the round-trip tests
 #   clang, libclang-rt-14-dev  libFuzzer targets and ThreadSanitizer runs
 #   clang-format, clang-tidy   the house-rule checks (scripts/check-format.sh,
@@ -19,7 +21,7 @@
 #   python3-tqdm        the progress bar of the Python package's batches
 set -euo pipefail
 packages=(g++ cmake make libgtest-dev libbenchmark-dev
-    g++-multilib googletest mingw-w64 wine64 sox python3 clang libclang-rt-14-dev
+    g++-multilib googletest mingw-w64 wine64 g++-aarch64-linux-gnu qemu-user sox python3 clang libclang-rt-14-dev
     clang-format clang-tidy pkg-config libpng-dev python3-venv python3-pip python3-setuptools
     python3-wheel python3-numpy python3-pytest python3-distributed "$@")
 missing=()
