@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Installs what the build and the tests need on a fresh Debian machine
 # (as root). Packages already present are left alone.
-#   g++-multilib        the 32-bit Linux build
+#   g++-N-multilib      the 32-bit Linux build (N: the g++ version; not the
+#                       g++-multilib package, which conflicts with every cross
+#                       compiler, g++-aarch64-linux-gnu among them)
 #   googletest          GoogleTest sources, built inside the 32-bit and Windows builds
 #   mingw-w64           the Windows cross-builds (i686 and x86_64 dsp.dll)
 #   wine64              runs the 64-bit Windows test suite
@@ -20,8 +22,9 @@
 #   libsndfile1-dev     FLAC, Ogg Vorbis, Ogg Opus and AIFF in the dsp tool
 #   python3-tqdm        the progress bar of the Python package's batches
 set -euo pipefail
+gxx_major=$(g++ -dumpversion 2>/dev/null | cut -d. -f1)
 packages=(g++ cmake make libgtest-dev libbenchmark-dev
-    g++-multilib googletest mingw-w64 wine64 g++-aarch64-linux-gnu qemu-user sox python3 clang libclang-rt-14-dev
+    "g++-${gxx_major:-12}-multilib" googletest mingw-w64 wine64 g++-aarch64-linux-gnu qemu-user sox python3 clang libclang-rt-14-dev
     clang-format clang-tidy pkg-config libpng-dev python3-venv python3-pip python3-setuptools
     python3-wheel python3-numpy python3-pytest python3-distributed "$@")
 missing=()
