@@ -261,7 +261,7 @@ ToolRun runTool(const std::string& arguments) {
 
 std::string writeWave(const std::string& name, uint32_t rate, uint16_t channels,
                       const std::vector<int16_t>& samples) {
-    const std::string path = tempPath(name);
+    std::string path = tempPath(name);
     dsptest::writeFileBytes(path, dsptest::pcm16Wave(channels, rate, samples));
     return path;
 }
