@@ -262,10 +262,7 @@ ToolRun runTool(const std::string& arguments) {
 std::string writeWave(const std::string& name, uint32_t rate, uint16_t channels,
                       const std::vector<int16_t>& samples) {
     std::string path = tempPath(name);
-    const auto* bytes = reinterpret_cast<const uint8_t*>(samples.data());
-    dsptest::writeFileBytes(
-        path,
-        dsptest::canonicalWave(channels, rate, dsptest::Bytes(bytes, bytes + 2 * samples.size())));
+    dsptest::writeFileBytes(path, dsptest::pcm16Wave(channels, rate, samples));
     return path;
 }
 

@@ -355,9 +355,7 @@ std::string tempPath(const std::string& name = "") {
     return dsptest::testScratchPath("tool_formats", name);
 }
 
-std::string words(std::initializer_list<std::string> parts) {
-    return dsptest::joinWords(parts);
-}
+constexpr auto words = dsptest::joinWords;
 
 // Runs `dsp ARGUMENTS` through the shell (so pipes may surround it).
 ToolRun runTool(const std::string& arguments, const std::string& before = "",

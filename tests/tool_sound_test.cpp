@@ -38,19 +38,15 @@ ToolRun runTool(const std::string& arguments, const std::string& environment = "
     return dsptest::runTool(tempPath(), arguments, {environment, "", ""});
 }
 
-std::string words(std::initializer_list<std::string> parts) {
-    return dsptest::joinWords(parts);
-}
+constexpr auto words = dsptest::joinWords;
 
 // A 16-bit file of interleaved samples given at full scale 1.0.
 void writeWave16(const std::string& path, uint16_t channels, const std::vector<double>& x) {
-    dsptest::Bytes data;
-    for (double v : x) {
-        const auto s = static_cast<int16_t>(std::lround(v * 32767.0));
-        data.push_back(static_cast<uint8_t>(s));
-        data.push_back(static_cast<uint8_t>(static_cast<uint16_t>(s) >> 8));
+    std::vector<int16_t> s(x.size());
+    for (size_t i = 0; i < x.size(); ++i) {
+        s[i] = static_cast<int16_t>(std::lround(x[i] * 32767.0));
     }
-    dsptest::writeFileBytes(path, dsptest::canonicalWave(channels, kRate, data));
+    dsptest::writeFileBytes(path, dsptest::pcm16Wave(channels, kRate, s));
 }
 
 struct Audio {

@@ -108,6 +108,17 @@ inline Bytes canonicalWave(uint16_t channels, uint32_t rate, const Bytes& sample
                                         chunkBytes("data", samples)}));
 }
 
+// The canonical file around 16-bit interleaved samples (stored little-endian).
+inline Bytes pcm16Wave(uint16_t channels, uint32_t rate, const std::vector<int16_t>& samples) {
+    Bytes data;
+    for (int16_t s : samples) {
+        const auto u = static_cast<uint16_t>(s);
+        data.push_back(static_cast<uint8_t>(u));
+        data.push_back(static_cast<uint8_t>(u >> 8));
+    }
+    return canonicalWave(channels, rate, data);
+}
+
 // The reader's header.seconds by value (a packed field at an odd offset).
 inline float wavefileSeconds(void* reader) {
     return getHeaderWavefileIn(reader)->seconds;
