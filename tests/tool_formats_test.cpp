@@ -449,13 +449,13 @@ TEST(ToolFormats, CopiesKeepEveryEncodingExactly) {
 
 // A 24-bit file through a chain, written as float: exactly the floats that
 // the library's float interface gives for the decoded samples in blocks of
-// 4096 frames.
+// whole rate cycles.
 TEST(ToolFormats, ChainRunsThroughTheFloatInterface) {
     const std::vector<float> tone = testTone(20000);
     const Bytes samples = encoded(SampleType::kInt24, tone);
     const std::string in = tempPath("in.wav"), out = tempPath("out.wav");
     writeWave(in, stereo(SampleType::kInt24), samples);
-    ToolRun r = runTool("-q --bits float " + in + " " + out + " lowpass 4 2000 resample 48000");
+    ToolRun r = runTool("-q --bits float " + in + " " + out + " lowpass 4 2000 hqups");
     ASSERT_EQ(r.status, 0) << r.err;
 
     std::vector<float> src(tone.size());
@@ -466,9 +466,7 @@ TEST(ToolFormats, ChainRunsThroughTheFloatInterface) {
     src.resize(6 * size_t{block} * 2, 0.0f);
     void* chain = dspCreate(block, 2, 44100);
     dspAdd(chain, initIirFilter(block, 2, 44100, 4, 2000.0f, 0), 1);
-    dspAdd(chain,
-           initResampler(block, 2, 2, 44100, 48000, 1, 60.0f,
-                         static_cast<float>(60.0 / -std::log2(0.9)), 1),
+    dspAdd(chain, initHqupsBySrcsize(block, 2, 2, 44100, 0.3f, 50.0f, 5000, 1, 60.0f, 60.0f, 0, 1),
            2);
     std::vector<float> expected, dst(dspGetDstSamples(chain, block));
     for (size_t at = 0; at < 20000; at += block) {

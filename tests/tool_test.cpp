@@ -162,9 +162,13 @@ TEST_F(ToolTest, EffectsMatchTheLibrary) {
          [](void*) { return initIirFilter(kBlock, 2, 44100, 4, 2000.0f, 0); }},
         {"highpass 3 500", 44100, 2,
          [](void*) { return initIirFilter(kBlock, 2, 44100, 3, 500.0f, 1); }},
-        {"resample 48000", 48000, 2,
-         [](void*) { return initResampler(3969, 2, 2, 44100, 48000, 1, 60.0f, kResampleSlope, 1); },
-         3969, 62400},
+        // Halving the rate needs no pass band equaliser (the tool's own stage
+        // before the resampler where the output falls between source frames).
+        {"resample 22050", 22050, 2,
+         [](void*) {
+             return initResampler(kBlock, 2, 2, 44100, 22050, 1, 60.0f, kResampleSlope, 1);
+         },
+         kBlock, 28665},
         {"resample 22050 linear --passband 0.5", 22050, 2,
          [](void*) { return initResampler(kBlock, 2, 2, 44100, 22050, 0, 60.0f, 60.0f, 1); },
          kBlock, 28665},
@@ -188,9 +192,11 @@ TEST_F(ToolTest, EffectsMatchTheLibrary) {
          }},
         {"gain -6", 44100, 2, [](void*) { return initFader(kBlock, 2, 44100, 0.0f, -6.0f, 0.0f); }},
         // The chorus with its default settings, after a rate change.
-        {"resample 48000 lowpass 2 8000 chorus", 48000, 2,
+        {"hqups lowpass 2 8000 chorus", 48000, 2,
          [](void* c) {
-             dspAdd(c, initResampler(3969, 2, 2, 44100, 48000, 1, 60.0f, kResampleSlope, 1), 1);
+             dspAdd(c,
+                    initHqupsBySrcsize(3969, 2, 2, 44100, 0.3f, 50.0f, 5000, 1, 60.0f, 60.0f, 0, 1),
+                    1);
              dspAdd(c, initIirFilter(4320, 2, 48000, 2, 8000.0f, 0), 2);
              dspAdd(c, initChorus(4320, 2, 48000, 3, 20.0f, 2.0f, 1.5f, 30.0f, 100.0f), 3);
              return static_cast<void*>(nullptr);
@@ -324,28 +330,43 @@ TEST_F(ToolTest, ResampledToneHasNoBlockRateSidebands) {
     }
 }
 
-// The low-pass no longer narrows the band: a tone at 0.9 of the lower
-// Nyquist frequency keeps the level the cubic interpolation alone gives it
-// (its kernel's response at 0.45 of the source rate is -3.8 dB), where the
-// old shape (--passband 0.5) removes it; lower tones keep their level.
+// The whole resample effect is flat from 0 Hz to 0.9 of the lower Nyquist
+// frequency: the low-pass's pass band reaches there and the tool's
+// equaliser makes up for the interpolation's droop (without it, cubic is
+// 3.8 dB and linear 6.2 dB down at 0.45 of 44100 Hz; halving the rate puts
+// every output frame on a source frame, where the kernel is flat). What is
+// left is the low-pass's 0.1 dB ripple. The old shape (--passband 0.5)
+// removes a tone there.
 TEST_F(ToolTest, ResamplePassBandReachesNineTenthsOfNyquist) {
-    const double edge = 0.9 * 22050;
     struct BandCase {
         std::string arguments;
-        double hz, lo, hi; // the output's level relative to the input's, dB
+        uint32_t from, to;
+        double lo, hi; // the output's level relative to the input's, dB
     };
-    const BandCase cases[] = {{"resample 48000", 13230, -0.3, 0.3},
-                              {"resample 48000", edge, -4.3, -3.3},
-                              {"resample 48000 --passband 0.5", edge, -200, -50}};
+    const BandCase cases[] = {{"resample 48000", 44100, 48000, -0.25, 0.25},
+                              {"resample 44100", 48000, 44100, -0.25, 0.25},
+                              {"resample 22050", 44100, 22050, -0.25, 0.25},
+                              {"resample 48000 linear", 44100, 48000, -0.25, 0.25},
+                              {"resample 48000 --passband 0.5", 44100, 48000, -200, -50}};
     for (const BandCase& c : cases) {
-        SCOPED_TRACE(c.arguments + " at " + std::to_string(c.hz));
-        std::vector<int16_t> tone = toneSamples(c.hz, 3 * 44100);
-        writeFile(input_, waveBytes(44100, 1, tone));
-        ASSERT_EQ(runTool("--quiet " + effectArgs(c.arguments)).status, 0);
-        double level =
-            levelDb(readWave(output_), c.hz) - levelDb(Wave{1, 1, 16, 44100, tone}, c.hz);
-        EXPECT_GT(level, c.lo);
-        EXPECT_LT(level, c.hi);
+        const double edge = 0.9 * std::min(c.from, c.to) / 2;
+        const bool stop = c.hi < 0;
+        for (double fraction : {0.05, 0.3, 0.6, 0.8, 0.9, 0.97, 1.0}) {
+            if (stop && fraction < 1.0) {
+                continue;
+            }
+            const double hz = fraction * edge;
+            SCOPED_TRACE(c.arguments + " from " + std::to_string(c.from) + " Hz at " +
+                         std::to_string(hz) + " Hz");
+            // toneSamples counts 44100 frames a second.
+            std::vector<int16_t> tone = toneSamples(hz * 44100 / c.from, 3 * size_t{c.from});
+            writeFile(input_, waveBytes(c.from, 1, tone));
+            ASSERT_EQ(runTool("--quiet " + effectArgs(c.arguments)).status, 0);
+            const double level = levelDb(readWave(output_), hz) -
+                                 levelDb(Wave{1, 1, 16, c.from, std::move(tone)}, hz);
+            EXPECT_GT(level, c.lo);
+            EXPECT_LT(level, c.hi);
+        }
     }
 }
 

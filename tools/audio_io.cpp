@@ -103,7 +103,9 @@ void AudioOutput::writeFloat(const float* src, uint32_t frames) {
     }
     if (!isFloat(stream_.type)) {
         for (size_t i = 0; i < samples; ++i) {
-            peak_ = std::fmax(peak_, std::fabs(src[i]));
+            // fmax without the library call (NaN leaves the peak as it is).
+            const float a = std::fabs(src[i]);
+            peak_ = a > peak_ ? a : peak_;
         }
     }
     clipped_ +=

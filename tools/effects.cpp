@@ -8,6 +8,7 @@
 #include <cmath>
 #include <functional>
 #include <iterator>
+#include <numeric>
 #include <sstream>
 #include <utility>
 
@@ -164,6 +165,8 @@ struct Stage {
     std::function<void(uint32_t (*term)(void*), void* processor, const std::string& what)> append;
     // Makes the tool average the two channels before the next processor.
     std::function<void()> averageToMono;
+    // Makes the tool run an equaliser with these taps before the next one.
+    std::function<void(std::vector<float> taps)> equalise;
     // Makes [from, to) seconds at this point of the chain digital silence.
     std::function<void(double from, double to)> silence;
 };
@@ -252,12 +255,21 @@ void buildResample(const ResampleSettings& s, const Stage& at) {
     const double octaves = -std::log2(s.passband);
     const float slope = static_cast<float>(kFilterAttenuationDb / octaves);
     const uint32_t lower = std::min(f.rate, s.rate);
+    // Before the converter, the inverse of its interpolation's droop over
+    // that band. Output frames on whole source frames only (one phase: the
+    // output rate divides the source rate) are not interpolated.
+    const uint32_t phases = s.rate / std::gcd(f.rate, s.rate);
+    const bool equalised = phases > 1;
+    if (equalised) {
+        at.equalise(equaliserTaps(s.interpolation != 0, phases, s.passband * lower / 2.0 / f.rate));
+    }
     at.append(termResampler,
               initResampler(at.blockFrames, f.channels, outChannels, f.rate, s.rate,
                             s.interpolation, kFilterAttenuationDb, slope, 1),
               "resample " + std::to_string(f.rate) + " -> " + std::to_string(s.rate) + " Hz " +
                   (s.interpolation ? "cubic" : "linear") + ", pass band to " +
-                  fixed(s.passband * lower / 2.0, 0) + " Hz" + channelChange);
+                  fixed(s.passband * lower / 2.0, 0) + " Hz" + (equalised ? " (equalised)" : "") +
+                  channelChange);
 }
 
 struct HqupsSettings {
@@ -510,7 +522,8 @@ const EffectEntry kEffects[] = {
         "resample", "resample RATE [linear|cubic] [mono|stereo] [--passband FRACTION]",
         "change the sample rate (default cubic, channels kept; mono averages both channels); the "
         "anti-alias low-pass is flat (0.1 dB) to FRACTION of the lower rate's Nyquist frequency "
-        "(default 0.9) and 60 dB down at that Nyquist frequency (0.5: the old, narrower shape)"),
+        "(default 0.9) and 60 dB down at that Nyquist frequency (0.5: the old, narrower shape); "
+        "an equaliser before the converter makes up for its interpolation's droop up to there"),
     effect<parseHqups, buildHqups>(
         "hqups", "hqups [HARMONICS] [MIX%] [active]",
         "upsample to 48000 Hz adding harmonics (default 0.3 50; active limits them to the band "
@@ -771,7 +784,7 @@ Chain::Chain(uint32_t blockFrames, const AudioFormat& source) {
     if (chain == nullptr) {
         throw Failure("out of memory creating the processing chain");
     }
-    segments_.push_back(Segment{chain, source, blockFrames, 0, {}});
+    segments_.push_back(Segment{chain, source, blockFrames, 0, {}, false, nullptr});
 }
 
 Chain::~Chain() {
@@ -801,19 +814,23 @@ uint32_t Chain::sendFloat(const float* src, uint32_t frames, float* dst) {
 }
 
 uint32_t Chain::sendSegments(const float* src, uint32_t frames, float* dst) {
-    if (segments_.size() == 1) {
+    if (runsInt16()) {
         return dspSendFloat(segments_.front().chain, src, dst, frames);
     }
     const float* in = src;
     for (size_t k = 0; k < segments_.size(); ++k) {
         Segment& s = segments_[k];
-        if (k > 0) {
+        if (s.averages) {
             // The previous chain left stereo frames: their average.
             float* mono = s.input.data();
             for (size_t i = 0; i < frames; ++i) {
                 mono[i] = (in[2 * i] + in[2 * i + 1]) * 0.5f;
             }
             in = mono;
+        }
+        if (s.equaliser) {
+            s.equaliser->process(in, s.input.data(), frames);
+            in = s.input.data();
         }
         if (s.processors == 0) {
             if (k + 1 == segments_.size()) {
@@ -868,19 +885,36 @@ void Chain::append(uint32_t (*term)(void*), void* processor, const std::string& 
     descriptions_.push_back(what);
 }
 
-void Chain::averageToMono() {
+void Chain::startSegment(bool averages) {
     const AudioFormat here = outputFormat();
     const uint32_t frames = blockFramesHere();
-    // The stereo frames the chain so far leaves, in the new chain's input
-    // room (the averaging overwrites them with the mono frames in place).
-    const uint32_t room = std::max(outputCapacitySamples(blockFrames()), 2 * frames);
+    // The frames the chain so far leaves, in the new chain's input room (the
+    // tool's work overwrites them in place).
+    const uint32_t room = std::max(outputCapacitySamples(blockFrames()), here.channels * frames);
     std::vector<float> input(room);
+    const uint32_t channels = averages ? 1 : here.channels;
     segments_.reserve(segments_.size() + 1);
-    void* chain = dspCreate(frames, 1, here.rate);
+    void* chain = dspCreate(frames, channels, here.rate);
     if (chain == nullptr) {
         throw Failure("out of memory creating the processing chain");
     }
-    segments_.push_back(Segment{chain, AudioFormat{here.rate, 1}, frames, 0, std::move(input)});
+    segments_.push_back(Segment{chain, AudioFormat{here.rate, channels}, frames, 0,
+                                std::move(input), averages, nullptr});
+}
+
+void Chain::equalise(std::vector<float> taps) {
+    if (segments_.back().processors > 0) {
+        startSegment(false);
+    }
+    // The input of a chain with no processor yet: the source's block, or
+    // the room the previous chain's output gets.
+    Segment& s = segments_.back();
+    const uint32_t channels = s.source.channels;
+    if (s.input.empty()) {
+        s.input.resize(size_t{s.blockFrames} * channels);
+    }
+    s.equaliser = std::make_unique<PassbandEqualiser>(
+        std::move(taps), channels, static_cast<uint32_t>(s.input.size() / channels));
 }
 
 uint32_t Chain::blockFramesHere() const {
@@ -916,6 +950,7 @@ void Chain::add(const EffectSpec& e, uint64_t totalFrames) {
                        append(term, processor, what);
                    },
                    [this] { averageToMono(); },
+                   [this](std::vector<float> taps) { equalise(std::move(taps)); },
                    [this, stageSeconds = secondsHere(totalFrames)](double from, double to) {
                        spans_.push_back(SilentSpan{from, to, stageSeconds});
                    }};

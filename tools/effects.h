@@ -3,9 +3,11 @@
 #pragma once
 
 #include "audio_io.h"
+#include "passband_equaliser.h"
 
 #include <any>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -53,8 +55,10 @@ struct BlockChoice {
 BlockChoice chooseBlock(const std::vector<EffectSpec>& effects, const AudioFormat& source);
 
 // A processing chain owning its processors (through the library's chain).
-// A stereo-to-mono resampler starts a second library chain behind the first:
-// the tool averages the two channels between them.
+// Where the tool itself works on the samples between two processors (a
+// stereo-to-mono resampler: the average of the two channels; a resampler's
+// pass band equaliser), a new library chain starts behind the last one, the
+// tool's work on its input.
 class Chain {
 public:
     Chain(uint32_t blockFrames, const AudioFormat& source);
@@ -73,9 +77,9 @@ public:
     uint32_t outputCapacitySamples(uint32_t frames) const;
     // Frames per block: sends take at most this many.
     uint32_t blockFrames() const { return segments_.front().blockFrames; }
-    // True when the chain is one library chain, whose output the library's
-    // 16-bit path could give.
-    bool runsInt16() const { return segments_.size() == 1; }
+    // True when the chain is one library chain and nothing else, whose output
+    // the library's 16-bit path could give.
+    bool runsInt16() const { return segments_.size() == 1 && !segments_.front().equaliser; }
     // Processes one block through the library's float interface (full scale
     // 1.0); returns output frames.
     uint32_t sendFloat(const float* src, uint32_t frames, float* dst);
@@ -84,20 +88,28 @@ public:
     const std::vector<std::string>& descriptions() const { return descriptions_; }
 
 private:
-    // One library chain; the ones after the first take the average of the
-    // previous one's two channels.
+    // One library chain and the tool's work on its input: the average of
+    // the previous chain's two channels, then the equaliser (each if set).
     struct Segment {
         void* chain;
         AudioFormat source;
         uint32_t blockFrames;
         uint32_t processors = 0;
-        std::vector<float> input; // the averaged input (not used by the first)
+        std::vector<float> input; // the input as the tool's work leaves it
+        bool averages = false;
+        std::unique_ptr<PassbandEqualiser> equaliser;
     };
 
     void append(uint32_t (*term)(void*), void* processor, const std::string& what);
+    // Ends the current library chain and starts one behind it; `averages`:
+    // the current one's output is stereo and the new one takes the average
+    // of its two channels.
+    void startSegment(bool averages);
     // Ends the current library chain, whose output is stereo, and starts a
     // mono one that takes the average of its two channels.
-    void averageToMono();
+    void averageToMono() { startSegment(true); }
+    // Runs the equaliser with these taps on the input of the next processor.
+    void equalise(std::vector<float> taps);
     // Frames per block at the chain's current end.
     uint32_t blockFramesHere() const;
     // Seconds of audio that reach the chain's current end from a whole input

@@ -54,7 +54,8 @@ void storeInt(SampleType type, int64_t v, uint8_t* p) {
         return;
     }
     const uint32_t u = static_cast<uint32_t>(v);
-    for (uint32_t i = 0; i < bytesPerSample(type); ++i) {
+    const uint32_t width = bytesPerSample(type);
+    for (uint32_t i = 0; i < width; ++i) {
         p[i] = static_cast<uint8_t>(u >> (8 * i));
     }
 }

@@ -24,6 +24,13 @@ FILTER_ON = 1
 # Nyquist frequency (resample --passband FRACTION).
 PASSBAND_FRACTION = 0.9
 PASSBAND_LIMITS = (0.05, 0.99)
+# The resampler's pass band equaliser (tools/passband_equaliser.h): its
+# taps, the points per source rate of its design grid, and up to how many
+# output positions per source frame its design sums the interpolation's
+# response exactly (kEqualiserTaps, kEqualiserGrid, kExactPhases).
+EQUALISER_TAPS = 16
+EQUALISER_GRID = 256
+EQUALISER_EXACT_PHASES = 256
 # Grain and spacing of the pitch shifter and the time stretcher, as measured
 # best by bench_granular_choice (pitch / stretch --grain, --spacing).
 PITCH_GRAIN_SECONDS = 0.15

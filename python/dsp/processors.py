@@ -33,6 +33,7 @@ import threading
 import numpy as np
 
 from . import _defaults as D
+from . import _equaliser
 from ._audio import Guard, as_float32, shaped_like
 from ._lib import lib
 
@@ -164,6 +165,11 @@ class Processor:
         this processor."""
         return False
 
+    def _equaliser(self, stage):
+        """The taps of an equaliser the chain runs before this processor,
+        or None."""
+        return None
+
     def _bindings(self):
         with self._live_lock:
             return list(self._live)
@@ -233,8 +239,9 @@ class Resample(Processor):
     average of a stereo input's two channels) or 2/"stereo" converts the
     channel count, None keeps it; the anti-alias low-pass is flat (0.1 dB) to
     `passband` (0.05..0.99) of the lower rate's Nyquist frequency and 60 dB
-    down at that Nyquist frequency (the tool's `resample RATE [linear|cubic]
-    [mono|stereo] [--passband FRACTION]`)."""
+    down at that Nyquist frequency, and an equaliser before the converter
+    makes up for its interpolation's droop up to there (the tool's
+    `resample RATE [linear|cubic] [mono|stereo] [--passband FRACTION]`)."""
 
     EFFECT = "resample"
     _INTERPOLATION = {"linear": 0, "cubic": 1}
@@ -267,6 +274,16 @@ class Resample(Processor):
         """True when the chain must average a stereo input to mono first
         (the library's resampler would keep the left channel)."""
         return channels == 2 and self._channels == 1
+
+    def _equaliser(self, stage):
+        # Output frames on whole source frames only (one phase) are not
+        # interpolated.
+        phases = self._rate // math.gcd(stage.rate, self._rate)
+        if phases <= 1:
+            return None
+        lower = min(stage.rate, self._rate)
+        return _equaliser.taps(self._interpolation == "cubic", phases,
+                               self._passband * lower / 2.0 / stage.rate)
 
     def _make(self, stage):
         out_channels = self._channels or stage.channels
@@ -626,16 +643,26 @@ class Fade(Processor):
 
 
 class _Segment:
-    """One library chain of a Chain; those after the first take the average
-    of the previous one's two channels."""
+    """One library chain of a Chain and the work done on its input, as the
+    tool does it: the average of the previous one's two channels, then a
+    resampler's pass band equaliser (each when set)."""
 
-    __slots__ = ("handle", "channels", "block", "processors")
+    __slots__ = ("handle", "channels", "block", "processors", "averages", "equaliser")
 
-    def __init__(self, handle, channels, block):
+    def __init__(self, handle, channels, block, averages):
         self.handle = handle
         self.channels = channels  # of its input
         self.block = block
         self.processors = 0
+        self.averages = averages
+        self.equaliser = None
+
+    def staged(self, x):
+        if self.averages:
+            x = ((x[:, 0] + x[:, 1]) * np.float32(0.5)).reshape(-1, 1)
+        if self.equaliser is not None:
+            x = self.equaliser.process(x)
+        return x
 
 
 class _RateChange:
@@ -739,7 +766,8 @@ class Chain:
     by default chosen as the dsp tool chooses it (blocks of whole rate
     cycles, and then the exact output length; 4096 frames without a rate
     change); a number fixes it. A stereo-to-mono Resample averages the two
-    channels between two library chains, as the tool does. A processor may
+    channels between two library chains, and a Resample's pass band
+    equaliser runs between two, as the tool does. A processor may
     sit in several chains (its live parameters then change in all of them),
     but only once in one chain.
     """
@@ -882,11 +910,11 @@ class Chain:
     def _block(self):
         return self._segments[0].block
 
-    def _new_segment(self, frames, channels, rate):
+    def _new_segment(self, frames, channels, rate, averages=False):
         handle = lib.dspCreate(frames, channels, rate)
         if not handle:
             raise MemoryError("dsp: out of memory creating the processing chain")
-        self._segments.append(_Segment(handle, channels, frames))
+        self._segments.append(_Segment(handle, channels, frames, averages))
         return self._segments[-1]
 
     def _open(self, rate, channels, total_frames):
@@ -909,8 +937,13 @@ class Chain:
                 stage = _Stage(here_rate, here_channels, block, here_seconds,
                                lambda a, b, s=here_seconds: self._spans.append((a, b, s)))
                 if p._averages(here_channels):
-                    seg = self._new_segment(block, 1, here_rate)
+                    seg = self._new_segment(block, 1, here_rate, averages=True)
                     stage.channels = 1
+                taps = p._equaliser(stage)
+                if taps is not None:
+                    if seg.processors:
+                        seg = self._new_segment(block, stage.channels, here_rate)
+                    seg.equaliser = _equaliser.Equaliser(taps, stage.channels)
                 made, term = p._make(stage)
                 if not made:
                     raise MemoryError(f"{p!r}: the library could not create the processor for "
@@ -956,7 +989,7 @@ class Chain:
         if not len(x):
             return np.zeros((0, self.out_channels), np.float32)
         if len(self._segments) == 1:
-            out = self._send_one(self._segments[0], x)
+            out = self._send_one(self._segments[0], self._segments[0].staged(x))
         else:  # block by block, as the tool hands the next chain each block's output
             block = self._block()
             out = _join([self._send_through(x[at:at + block])
@@ -988,11 +1021,9 @@ class Chain:
         return out
 
     def _send_through(self, x):
-        """One block through every segment, averaging between them."""
-        for k, seg in enumerate(self._segments):
-            if k:
-                x = ((x[:, 0] + x[:, 1]) * np.float32(0.5)).reshape(-1, 1)
-            x = self._send_one(seg, x)
+        """One block through every segment, each after the work on its input."""
+        for seg in self._segments:
+            x = self._send_one(seg, seg.staged(x))
         return x
 
     @staticmethod
