@@ -445,6 +445,17 @@ TEST(ToolFormats, CopiesKeepEveryEncodingExactly) {
     cli::decodeSamples(SampleType::kInt24, encoded(SampleType::kInt24, tone).data(), floats.data(),
                        floats.size());
     EXPECT_TRUE(d.samples == encoded(SampleType::kFloat32, floats));
+
+    // Stereo to mono: the speaker mask follows (left and right -> centre).
+    cli::StreamFormat masked = stereo(SampleType::kInt24, true);
+    masked.channelMask = 3;
+    writeWave(in, masked, encoded(SampleType::kInt24, tone));
+    r = runTool("-q " + in + " " + out + " resample 22050 mono");
+    ASSERT_EQ(r.status, 0) << r.err;
+    d = readWave(out);
+    EXPECT_EQ(d.format.channels, 1);
+    EXPECT_TRUE(d.format.extensible);
+    EXPECT_EQ(d.format.channelMask, 4u);
 }
 
 // A 24-bit file through a chain, written as float: exactly the floats that
