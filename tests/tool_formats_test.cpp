@@ -229,28 +229,13 @@ TEST(ToolWaveCodec, SamplesMapToTheLibraryScale) {
     EXPECT_EQ(kept[0], loud[0]);
     EXPECT_EQ(kept[1], loud[1]);
 
-    // 16 bits decode to the floats of the library's 16-bit path: through the
-    // same chain, the float interface then gives what dspSend gives.
-    std::vector<int16_t> all(65536), viaInt16(65536);
-    for (size_t i = 0; i < all.size(); ++i) {
-        all[i] = static_cast<int16_t>((i * 40503u) & 0xFFFF); // every value, shuffled
-    }
-    std::vector<float> decoded(all.size()), viaFloat(all.size());
-    cli::decodeSamples(SampleType::kInt16, reinterpret_cast<const uint8_t*>(all.data()),
-                       decoded.data(), all.size());
-    for (bool floating : {false, true}) {
-        void* chain = dspCreate(65536, 1, 44100);
-        dspAdd(chain, initIirFilter(65536, 1, 44100, 2, 5000.0f, 0), 1);
-        if (floating) {
-            ASSERT_EQ(dspSendFloat(chain, decoded.data(), viaFloat.data(), 65536), 65536u);
-        } else {
-            ASSERT_EQ(dspSend(chain, all.data(), viaInt16.data(), 2 * 65536), 2u * 65536);
-        }
-        dspDestroy(chain);
-    }
-    for (size_t i = 0; i < all.size(); ++i) {
-        ASSERT_EQ(decoded[i], static_cast<float>(all[i] / 32767.0)) << all[i];
-        ASSERT_EQ(cli::floatToInt16(viaFloat[i]), viaInt16[i]) << i;
+    // 16 bits decode to the floats of the library's 16-bit path (through a
+    // chain, the tool's 16-bit output is compared with dspSend's in tool_test).
+    for (int32_t v = -32768; v < 32768; ++v) {
+        const Bytes b = le(static_cast<uint32_t>(v), 2);
+        float f = 0.0f;
+        cli::decodeSamples(SampleType::kInt16, b.data(), &f, 1);
+        ASSERT_EQ(f, static_cast<float>(v / 32767.0)) << v;
     }
 }
 
@@ -349,19 +334,11 @@ TEST(ToolWaveCodec, WriterSwitchesToRf64Beyond4GiB) {
 
 #if defined(DSP_TOOL_PATH) && !defined(_WIN32)
 
+using dsptest::Decoded;
+using dsptest::runTool;
+using dsptest::scratchPath;
 using dsptest::ToolRun;
-
-std::string tempPath(const std::string& name = "") {
-    return dsptest::testScratchPath("tool_formats", name);
-}
-
-constexpr auto words = dsptest::joinWords;
-
-// Runs `dsp ARGUMENTS` through the shell (so pipes may surround it).
-ToolRun runTool(const std::string& arguments, const std::string& before = "",
-                const std::string& after = "") {
-    return dsptest::runTool(tempPath(), arguments, {"", before, after});
-}
+using dsptest::words;
 
 // A WAVE file of the codec's own making.
 void writeWave(const std::string& path, const cli::StreamFormat& f, const Bytes& samples,
@@ -371,25 +348,6 @@ void writeWave(const std::string& path, const cli::StreamFormat& f, const Bytes&
     writer.write(samples.data(), static_cast<uint32_t>(samples.size() / f.frameBytes()));
     writer.finish({});
     dsptest::writeFileBytes(path, sink.bytes());
-}
-
-struct Decoded {
-    cli::StreamFormat format;
-    Bytes samples;
-    std::vector<cli::ExtraChunk> extras;
-};
-
-Decoded readWave(const std::string& path) {
-    cli::FileSource source(path);
-    cli::WaveReader reader(source);
-    Decoded d{reader.format(), {}, {}};
-    std::vector<uint8_t> block(4096 * reader.format().frameBytes());
-    for (uint32_t n; (n = reader.read(block.data(), 4096)) > 0;) {
-        d.samples.insert(d.samples.end(), block.begin(),
-                         block.begin() + n * reader.format().frameBytes());
-    }
-    d.extras = reader.extraChunks();
-    return d;
 }
 
 cli::StreamFormat stereo(SampleType type, bool extensible = false) {
@@ -424,13 +382,13 @@ Bytes encoded(SampleType type, const std::vector<float>& s) {
 // its encoding; --bits converts between them as the codec does.
 TEST(ToolFormats, CopiesKeepEveryEncodingExactly) {
     const std::vector<float> tone = testTone(5000);
-    const std::string in = tempPath("in.wav"), out = tempPath("out.wav");
+    const std::string in = scratchPath("in.wav"), out = scratchPath("out.wav");
     for (const EncodingCase& e : kEncodings) {
         SCOPED_TRACE(cli::sampleTypeName(e.type) + (e.extensible ? " extensible" : ""));
         writeWave(in, stereo(e.type, e.extensible), encoded(e.type, tone));
         ToolRun r = runTool(words({"-q", in, out}));
         ASSERT_EQ(r.status, 0) << r.err;
-        Decoded d = readWave(out);
+        Decoded d = dsptest::readAudio(out);
         EXPECT_EQ(d.format.type, e.type);
         // Extensible stays so where the plain header would do for fewer readers.
         EXPECT_EQ(d.format.extensible, e.extensible && e.type == SampleType::kInt24);
@@ -439,7 +397,7 @@ TEST(ToolFormats, CopiesKeepEveryEncodingExactly) {
     writeWave(in, stereo(SampleType::kInt24), encoded(SampleType::kInt24, tone));
     ToolRun r = runTool("-q --bits float " + in + " " + out);
     ASSERT_EQ(r.status, 0) << r.err;
-    Decoded d = readWave(out);
+    Decoded d = dsptest::readAudio(out);
     EXPECT_EQ(d.format.type, SampleType::kFloat32);
     std::vector<float> floats(tone.size());
     cli::decodeSamples(SampleType::kInt24, encoded(SampleType::kInt24, tone).data(), floats.data(),
@@ -452,7 +410,7 @@ TEST(ToolFormats, CopiesKeepEveryEncodingExactly) {
     writeWave(in, masked, encoded(SampleType::kInt24, tone));
     r = runTool("-q " + in + " " + out + " resample 22050 mono");
     ASSERT_EQ(r.status, 0) << r.err;
-    d = readWave(out);
+    d = dsptest::readAudio(out);
     EXPECT_EQ(d.format.channels, 1);
     EXPECT_TRUE(d.format.extensible);
     EXPECT_EQ(d.format.channelMask, 4u);
@@ -464,7 +422,7 @@ TEST(ToolFormats, CopiesKeepEveryEncodingExactly) {
 TEST(ToolFormats, ChainRunsThroughTheFloatInterface) {
     const std::vector<float> tone = testTone(20000);
     const Bytes samples = encoded(SampleType::kInt24, tone);
-    const std::string in = tempPath("in.wav"), out = tempPath("out.wav");
+    const std::string in = scratchPath("in.wav"), out = scratchPath("out.wav");
     writeWave(in, stereo(SampleType::kInt24), samples);
     ToolRun r = runTool("-q --bits float " + in + " " + out + " lowpass 4 2000 hqups");
     ASSERT_EQ(r.status, 0) << r.err;
@@ -486,7 +444,7 @@ TEST(ToolFormats, ChainRunsThroughTheFloatInterface) {
     }
     dspDestroy(chain);
     expected.resize(2 * 21768);
-    Decoded d = readWave(out);
+    Decoded d = dsptest::readAudio(out);
     EXPECT_EQ(d.format.rate, 48000u);
     EXPECT_TRUE(d.samples == encoded(SampleType::kFloat32, expected));
 }
@@ -494,22 +452,22 @@ TEST(ToolFormats, ChainRunsThroughTheFloatInterface) {
 // Standard input and output: a pipe through `dsp - -` gives the samples and
 // the chunks of the file-to-file run, with the sizes left unknown.
 TEST(ToolFormats, PipesInAndOut) {
-    const std::string in = tempPath("in.wav"), viaFile = tempPath("file.wav"),
-                      viaPipe = tempPath("pipe.wav");
+    const std::string in = scratchPath("in.wav"), viaFile = scratchPath("file.wav"),
+                      viaPipe = scratchPath("pipe.wav");
     const cli::ExtraChunk list{{'L', 'I', 'S', 'T'}, Bytes{'I', 'N', 'F', 'O', 'x'}};
     writeWave(in, stereo(SampleType::kInt16), encoded(SampleType::kInt16, testTone(9000)), {list});
     ASSERT_EQ(runTool("-q " + in + " " + viaFile + " gain -6").status, 0);
-    ToolRun r = runTool("-q - - gain -6", "cat " + in + " | ", " | cat >" + viaPipe);
+    ToolRun r = runTool("-q - - gain -6", {"", "cat " + in + " | ", " | cat >" + viaPipe});
     ASSERT_EQ(r.status, 0) << r.err;
     Bytes piped = dsptest::readFileBytes(viaPipe);
     ASSERT_GT(piped.size(), 12u);
     EXPECT_EQ(dsptest::loadLe32(piped, 4), 0xFFFFFFFFu);
-    Decoded a = readWave(viaFile), b = readWave(viaPipe);
+    Decoded a = dsptest::readAudio(viaFile), b = dsptest::readAudio(viaPipe);
     EXPECT_TRUE(a.samples == b.samples);
     ASSERT_EQ(b.extras.size(), 1u);
     EXPECT_EQ(b.extras[0].body, list.body);
     // And the unknown-length stream reads back through a pipe.
-    r = runTool("info -", "cat " + viaPipe + " | ");
+    r = runTool("info -", {"", "cat " + viaPipe + " | ", ""});
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_NE(r.out.find("(9000 frames)"), std::string::npos) << r.out;
 }
@@ -517,7 +475,7 @@ TEST(ToolFormats, PipesInAndOut) {
 // Fewer bits out than in: TPDF dither, the same on every run; none with
 // --no-dither, where a constant of half a 16-bit step rounds one way.
 TEST(ToolFormats, DitherWhenReducingBits) {
-    const std::string in = tempPath("in.wav"), out = tempPath("out.wav");
+    const std::string in = scratchPath("in.wav"), out = scratchPath("out.wav");
     // 24-bit 129: a little over half a 16-bit step (0.504).
     Bytes samples(6 * 4000);
     for (size_t i = 0; i < samples.size(); i += 3) {
@@ -526,7 +484,7 @@ TEST(ToolFormats, DitherWhenReducingBits) {
     writeWave(in, stereo(SampleType::kInt24), samples);
     auto run16 = [&](const std::string& options) {
         EXPECT_EQ(runTool("-q --bits 16 " + options + " " + in + " " + out).status, 0);
-        Decoded d = readWave(out);
+        Decoded d = dsptest::readAudio(out);
         EXPECT_EQ(d.format.type, SampleType::kInt16);
         std::vector<int16_t> s(d.samples.size() / 2);
         std::memcpy(s.data(), d.samples.data(), d.samples.size());
@@ -553,13 +511,12 @@ TEST(ToolFormats, MalformedHeadersGiveOneLineEach) {
         return joinBytes({le(tag, 2), le(channels, 2), le(8000, 4), le(8000u * align, 4),
                           le(align, 2), le(bits, 2), extension});
     };
-    auto extensible = [](uint16_t valid, uint32_t mask, uint8_t sub, uint8_t guidByte = 0) {
-        return joinBytes(
-            {le(22, 2),
-             le(valid, 2),
-             le(mask, 4),
-             {sub, 0, 0, 0, 0, 0, 0x10, 0},
-             {0x80, 0, 0, 0xAA, 0, 0x38, 0x9B, static_cast<uint8_t>(0x71 + guidByte)}});
+    auto extensible = [](uint16_t valid, uint32_t mask, uint8_t sub) {
+        return joinBytes({le(22, 2),
+                          le(valid, 2),
+                          le(mask, 4),
+                          {sub, 0, 0, 0, 0, 0, 0x10, 0},
+                          {0x80, 0, 0, 0xAA, 0, 0x38, 0x9B, 0x71}});
     };
     auto wave = [](const Bytes& fmtBody, const char* riff = "RIFF", const char* form = "WAVE") {
         Bytes b = dsptest::riffBytes(form, joinBytes({dsptest::chunkBytes("fmt ", fmtBody),
@@ -573,7 +530,6 @@ TEST(ToolFormats, MalformedHeadersGiveOneLineEach) {
         const char* message;
     } cases[] = {
         {wave(good, "RIFX"), "is not a RIFF WAVE file (it begins with 52 49 46 58)"},
-        {wave(good, "RIFF", "AVI "), "is not a RIFF WAVE file"},
         {wave(fmt(2, 2, 4, 16)), "fmt chunk: format tag 2 (0x0002) is not supported"},
         {wave(fmt(1, 0, 4, 16)), "fmt chunk: channels 0"},
         {wave(fmt(1, 6, 12, 16)), "has 6 channels; the processors take mono or stereo"},
@@ -584,7 +540,6 @@ TEST(ToolFormats, MalformedHeadersGiveOneLineEach) {
         {wave(Bytes(good.begin(), good.begin() + 14)), "fmt chunk: size 14 is too small"},
         {wave(fmt(0xFFFE, 2, 4, 16, le(0, 2))), "an extensible format needs 22 extra bytes"},
         {wave(fmt(0xFFFE, 2, 4, 16, extensible(16, 3, 2))), "is not PCM or IEEE float"},
-        {wave(fmt(0xFFFE, 2, 4, 16, extensible(16, 3, 1, 1))), "is not PCM or IEEE float"},
         {wave(fmt(0xFFFE, 2, 4, 16, extensible(20, 3, 1))),
          "validBitsPerSample 20 exceeds bitsPerSample 16"},
         {wave(fmt(0xFFFE, 2, 4, 16, extensible(16, 0x3F, 1))),
@@ -597,7 +552,7 @@ TEST(ToolFormats, MalformedHeadersGiveOneLineEach) {
          "the data chunk comes before the fmt chunk"},
         {Bytes{'f', 'L', 'a', 'C', 0, 0, 0, 0x22}, nullptr}, // needs libsndfile, or is damaged
     };
-    const std::string in = tempPath("bad.wav"), out = tempPath("out.wav");
+    const std::string in = scratchPath("bad.wav"), out = scratchPath("out.wav");
     for (const auto& c : cases) {
         dsptest::writeFileBytes(in, c.file);
         ToolRun r = runTool(words({in, out, "gain -1"}));
@@ -618,7 +573,7 @@ TEST(ToolFormats, MalformedHeadersGiveOneLineEach) {
 TEST(ToolFormats, OtherContainersThroughLibsndfile) {
     const std::vector<float> tone = testTone(6000);
     const Bytes samples = encoded(SampleType::kInt24, tone);
-    const std::string in = tempPath("in.wav"), back = tempPath("back.wav");
+    const std::string in = scratchPath("in.wav"), back = scratchPath("back.wav");
     writeWave(in, stereo(SampleType::kInt24), samples);
     const struct {
         const char* name;
@@ -626,7 +581,7 @@ TEST(ToolFormats, OtherContainersThroughLibsndfile) {
         bool exact;
     } cases[] = {{"out.flac", "FLAC", true}, {"out.aiff", "AIFF", true}, {"out.ogg", "Ogg", false}};
     for (const auto& c : cases) {
-        const std::string out = tempPath(c.name);
+        const std::string out = scratchPath(c.name);
         ToolRun r = runTool(words({"-q", in, out}));
         if (!cli::haveSndfile()) {
             const std::string what = std::string(c.container) + (c.exact ? "" : " Vorbis");
@@ -639,7 +594,7 @@ TEST(ToolFormats, OtherContainersThroughLibsndfile) {
         ASSERT_EQ(r.status, 0) << r.err;
         r = runTool(words({"-q", out, back}));
         ASSERT_EQ(r.status, 0) << r.err;
-        Decoded d = readWave(back);
+        Decoded d = dsptest::readAudio(back);
         EXPECT_EQ(d.format.rate, 44100u);
         EXPECT_EQ(d.format.type, c.exact ? SampleType::kInt24 : SampleType::kFloat32) << c.name;
         if (c.exact) {
@@ -653,7 +608,7 @@ TEST(ToolFormats, OtherContainersThroughLibsndfile) {
 // RF64 with a data chunk beyond 4 GiB, as a sparse file: the length comes
 // from ds64, and a spectrum from beyond 4 GiB is read.
 TEST(ToolFormats, Rf64BeyondFourGiBIsRead) {
-    const std::string path = tempPath("big.wav");
+    const std::string path = scratchPath("big.wav");
     const uint64_t frames = (uint64_t{6} << 30) / 4; // 6 GiB of 16-bit stereo
     Bytes header = joinBytes({{'R', 'F', '6', '4'},
                               le(0xFFFFFFFF, 4),

@@ -75,19 +75,16 @@ protected:
                                         dsptest::chunkBytes("data", samples_)}));
     }
 
-    // Runs the tool through the shell; returns its exit status.
-    int run(const std::string& arguments, const std::string& environment = "") {
-        int raw = std::system((environment + " " + dsptest::toolCommand() + " --quiet " +
-                               arguments + " 2>" + errPath_ + " </dev/null")
-                                  .c_str());
-        Bytes e = dsptest::readFileBytes(errPath_);
-        err_.assign(e.begin(), e.end());
-        return WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+    // Runs `dsp --quiet ARGUMENTS`; returns its exit status.
+    int run(const std::string& arguments, const std::string& environment = "",
+            const std::string& after = "") {
+        const dsptest::ToolRun r =
+            dsptest::runTool("--quiet " + arguments, {environment, "", after});
+        err_ = r.err;
+        return r.status;
     }
 
-    const std::string dir_ = (fs::path(DSP_TEST_TMPDIR) / "tool_output" /
-                              ::testing::UnitTest::GetInstance()->current_test_info()->name())
-                                 .string();
+    const std::string dir_ = dsptest::scratchPath("out");
     const std::string errPath_ = dir_ + ".stderr";
     const std::string input_ = dir_ + "/input.wav";
     const Bytes samples_ = dsptest::patternSamples(4 * 4410);
@@ -124,12 +121,9 @@ TEST_F(ToolOutputTest, DevicesFifosAndStandardOutputAreWrittenInPlace) {
     EXPECT_TRUE(S_ISFIFO(statOf(fifo, false).st_mode));
 
     const std::string piped = dir_ + "/piped.wav", redirected = dir_ + "/redirected.wav";
-    ASSERT_EQ(std::system(
-                  (dsptest::toolCommand() + " " + input_ + " - 2>" + errPath_ + " | cat >" + piped)
-                      .c_str()),
-              0);
+    ASSERT_EQ(run(input_ + " -", "", " | cat >" + piped), 0) << err_;
     EXPECT_TRUE(dsptest::readFileBytes(piped) == copied(true));
-    EXPECT_EQ(run(input_ + " - >" + redirected), 0) << err_;
+    EXPECT_EQ(run(input_ + " -", "", " >" + redirected), 0) << err_;
     EXPECT_TRUE(dsptest::readFileBytes(redirected) == copied(false));
 }
 
@@ -248,32 +242,26 @@ TEST_F(ToolOutputTest, AStoppedRunLeavesNothingBehind) {
         for (int i = 0; i < 4; ++i) {
             words.insert(words.end(), {"pitch", i % 2 == 0 ? "700" : "-700"});
         }
-        std::vector<std::string> environment;
-        for (char** e = environ; *e != nullptr; ++e) {
-            if (std::strncmp(*e, "DSP_OUTPUT_NO_TMPFILE=", 22) != 0) {
-                environment.emplace_back(*e);
-            }
-        }
         if (c.named) {
-            environment.emplace_back(kNoTmpfile);
+            setenv("DSP_OUTPUT_NO_TMPFILE", "1", 1);
+        } else {
+            unsetenv("DSP_OUTPUT_NO_TMPFILE");
         }
-        std::vector<char*> argv, envp;
+        std::vector<char*> argv;
         for (std::string& w : words) {
             argv.push_back(w.data());
         }
-        for (std::string& e : environment) {
-            envp.push_back(e.data());
-        }
         argv.push_back(nullptr);
-        envp.push_back(nullptr);
         posix_spawn_file_actions_t actions;
         posix_spawn_file_actions_init(&actions);
         posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
         posix_spawn_file_actions_addopen(&actions, 2, errPath_.c_str(),
                                          O_WRONLY | O_CREAT | O_TRUNC, 0644);
         pid_t pid = 0;
-        ASSERT_EQ(posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data()), 0);
+        const int spawned = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
         posix_spawn_file_actions_destroy(&actions);
+        unsetenv("DSP_OUTPUT_NO_TMPFILE");
+        ASSERT_EQ(spawned, 0);
 
         auto start = std::chrono::steady_clock::now();
         bool writing = false;

@@ -7,9 +7,6 @@
 #include "support/wavefile_test_files.h"
 
 #if defined(DSP_TOOL_PATH) && defined(DSP_TOOL_FORMATS) && !defined(_WIN32)
-#include "audio_formats.h"
-#include "file_source.h"
-#include "sample_format.h"
 
 #include <gtest/gtest.h>
 
@@ -28,17 +25,10 @@ namespace fs = std::filesystem;
 
 constexpr uint32_t kRate = 44100;
 
+using dsptest::runTool;
+using dsptest::scratchPath;
 using dsptest::ToolRun;
-
-std::string tempPath(const std::string& name = "") {
-    return dsptest::testScratchPath("tool-sound", name);
-}
-
-ToolRun runTool(const std::string& arguments, const std::string& environment = "") {
-    return dsptest::runTool(tempPath(), arguments, {environment, "", ""});
-}
-
-constexpr auto words = dsptest::joinWords;
+using dsptest::words;
 
 // A 16-bit file of interleaved samples given at full scale 1.0.
 void writeWave16(const std::string& path, uint16_t channels, const std::vector<double>& x) {
@@ -49,23 +39,8 @@ void writeWave16(const std::string& path, uint16_t channels, const std::vector<d
     dsptest::writeFileBytes(path, dsptest::pcm16Wave(channels, kRate, s));
 }
 
-struct Audio {
-    cli::StreamFormat format;
-    std::vector<float> samples; // interleaved, full scale 1.0
-};
-
-Audio readAudio(const std::string& path) {
-    cli::FileSource source(path);
-    std::vector<std::string> warnings;
-    auto reader = cli::openReader(source, warnings);
-    Audio a{reader->format(), {}};
-    std::vector<uint8_t> raw(size_t{4096} * a.format.frameBytes());
-    std::vector<float> block(size_t{4096} * a.format.channels);
-    for (uint32_t n; (n = reader->read(raw.data(), 4096)) > 0;) {
-        cli::decodeSamples(a.format.type, raw.data(), block.data(), size_t{n} * a.format.channels);
-        a.samples.insert(a.samples.end(), block.begin(), block.begin() + n * a.format.channels);
-    }
-    return a;
+std::vector<float> readAudio(const std::string& path) {
+    return dsptest::readAudio(path).floats();
 }
 
 std::vector<double> sine(uint16_t channels, double seconds, double hz, double amplitude,
@@ -108,11 +83,11 @@ double rmsDb(const std::vector<double>& x) {
 // before the fade-in and the one after the fade-out are digital silence; in
 // between, exactly what the fader gives through the library's 16-bit path.
 TEST(ToolSound, FadesBeginAndEndInDigitalSilence) {
-    const std::string in = tempPath("in.wav"), out = tempPath("out.wav");
+    const std::string in = scratchPath("in.wav"), out = scratchPath("out.wav");
     const std::vector<double> x = sine(2, 1.0, 440.0, 0.5, 1.0);
     writeWave16(in, 2, x);
     ASSERT_EQ(runTool("--quiet " + in + " " + out + " fade 0.1 0.2").status, 0);
-    const Audio a = readAudio(out);
+    const std::vector<float> a = readAudio(out);
 
     std::vector<int16_t> src(x.size()), expected(x.size());
     for (size_t i = 0; i < x.size(); ++i) {
@@ -133,25 +108,26 @@ TEST(ToolSound, FadesBeginAndEndInDigitalSilence) {
         EXPECT_NE(expected[i], 0) << i; // the fader alone ends at -50 dB
         expected[i] = 0;
     }
-    ASSERT_EQ(a.samples.size(), x.size());
+    ASSERT_EQ(a.size(), x.size());
     for (size_t i = 0; i < x.size(); ++i) {
-        ASSERT_EQ(std::nearbyint(a.samples[i] * 32767.0f), expected[i]) << i;
+        ASSERT_EQ(std::nearbyint(a[i] * 32767.0f), expected[i]) << i;
     }
     // The same in float, the faded ends exactly 0.0.
     ASSERT_EQ(runTool("--quiet --bits float " + in + " " + out + " fade 0.1 0.2").status, 0);
-    const Audio f = readAudio(out);
-    EXPECT_EQ(f.samples[0], 0.0f);
-    EXPECT_EQ(f.samples[1], 0.0f);
-    EXPECT_EQ(f.samples[x.size() - 2], 0.0f);
-    EXPECT_EQ(f.samples[x.size() - 1], 0.0f);
-    EXPECT_NE(f.samples[x.size() - 4], 0.0f);
+    const std::vector<float> f = readAudio(out);
+    EXPECT_EQ(f[0], 0.0f);
+    EXPECT_EQ(f[1], 0.0f);
+    EXPECT_EQ(f[x.size() - 2], 0.0f);
+    EXPECT_EQ(f[x.size() - 1], 0.0f);
+    EXPECT_NE(f[x.size() - 4], 0.0f);
 }
 
 // The middle of the overlap keeps the level: equal gain for correlated
 // (identical) inputs, equal power, the default, for uncorrelated noise;
 // equal power raises correlated material by 3 dB there.
 TEST(ToolSound, CrossfadeCurvesKeepTheLevelInTheMiddle) {
-    const std::string a = tempPath("a.wav"), b = tempPath("b.wav"), out = tempPath("out.wav");
+    const std::string a = scratchPath("a.wav"), b = scratchPath("b.wav"),
+                      out = scratchPath("out.wav");
     const size_t frames = kRate; // 1 s each, 0.5 s overlap: the middle at 0.75 s
     const size_t middle = frames * 3 / 4, window = kRate / 20;
     struct Case {
@@ -174,11 +150,11 @@ TEST(ToolSound, CrossfadeCurvesKeepTheLevelInTheMiddle) {
         writeWave16(b, 2, c.b);
         ToolRun r = runTool(words({"--quiet crossfade", a, b, out, "0.5", c.curve}));
         ASSERT_EQ(r.status, 0) << r.err;
-        const Audio o = readAudio(out);
-        ASSERT_EQ(o.samples.size(), 2 * (frames + frames / 2));
+        const std::vector<float> o = readAudio(out);
+        ASSERT_EQ(o.size(), 2 * (frames + frames / 2));
         const double inputDb = (rmsDb(c.a) + rmsDb(c.b)) / 2.0;
-        EXPECT_NEAR(rmsDb(o.samples, 2, middle - window / 2, middle + window / 2) - inputDb,
-                    c.expectedDb, 0.5);
+        EXPECT_NEAR(rmsDb(o, 2, middle - window / 2, middle + window / 2) - inputDb, c.expectedDb,
+                    0.5);
     }
 }
 
@@ -186,7 +162,7 @@ TEST(ToolSound, CrossfadeCurvesKeepTheLevelInTheMiddle) {
 // the float output has; --no-clip scales that float output down to full
 // scale as a whole (in memory or through a temporary file) instead.
 TEST(ToolSound, ClippingIsReportedOrScaledAway) {
-    const std::string in = tempPath("in.wav"), out = tempPath("out.wav");
+    const std::string in = scratchPath("in.wav"), out = scratchPath("out.wav");
     std::vector<double> x = sine(2, 1.0, 440.0, 0.5);
     const std::vector<double> hiss = noise(x.size(), 3, 0.05);
     for (size_t i = 0; i < x.size(); ++i) {
@@ -194,7 +170,7 @@ TEST(ToolSound, ClippingIsReportedOrScaledAway) {
     }
     writeWave16(in, 2, x);
     ASSERT_EQ(runTool("--quiet --bits float " + in + " " + out + " gain 12").status, 0);
-    const std::vector<float> loud = readAudio(out).samples;
+    const std::vector<float> loud = readAudio(out);
     float peak = 0.0f;
     size_t clipped = 0;
     for (float v : loud) {
@@ -216,19 +192,19 @@ TEST(ToolSound, ClippingIsReportedOrScaledAway) {
 
     for (const char* memory : {"", "DSP_NO_CLIP_MEMORY=1000"}) {
         SCOPED_TRACE(memory);
-        r = runTool(words({"--quiet --no-clip", in, out, "gain 12"}), memory);
+        r = runTool(words({"--quiet --no-clip", in, out, "gain 12"}), {memory, "", ""});
         ASSERT_EQ(r.status, 0) << r.err;
         EXPECT_EQ(r.err, "");
-        const Audio a = readAudio(out);
-        ASSERT_EQ(a.samples.size(), loud.size());
+        const std::vector<float> a = readAudio(out);
+        ASSERT_EQ(a.size(), loud.size());
         float top = 0.0f;
         for (size_t i = 0; i < loud.size(); ++i) {
-            top = std::max(top, std::fabs(a.samples[i]));
+            top = std::max(top, std::fabs(a[i]));
             // The library's 16-bit rule: x 32767 toward zero.
-            ASSERT_NEAR(a.samples[i] * 32767.0f, std::trunc(loud[i] / peak * 32767.0f), 1.0f) << i;
+            ASSERT_NEAR(a[i] * 32767.0f, std::trunc(loud[i] / peak * 32767.0f), 1.0f) << i;
         }
         EXPECT_EQ(top, 1.0f);
-        EXPECT_EQ(std::distance(fs::directory_iterator(tempPath()), fs::directory_iterator()), 4)
+        EXPECT_EQ(std::distance(fs::directory_iterator(scratchPath()), fs::directory_iterator()), 4)
             << "only in.wav, out.wav, stdout.txt and stderr.txt";
     }
 }
@@ -236,7 +212,7 @@ TEST(ToolSound, ClippingIsReportedOrScaledAway) {
 // A sine of -6 dBFS reads -6.0 dB, after the first step (where the
 // follower's filter overshoots as it settles), in text and in CSV.
 TEST(ToolSound, EnvelopeReadsASineAtItsLevel) {
-    const std::string in = tempPath("in.wav");
+    const std::string in = scratchPath("in.wav");
     writeWave16(in, 1, sine(1, 1.0, 1000.0, 0.5));
     for (const char* csv : {"", " --csv"}) {
         SCOPED_TRACE(csv);

@@ -11,9 +11,7 @@
 #include <algorithm>
 #include <cmath>
 #include <complex>
-#include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <functional>
@@ -21,26 +19,17 @@
 #include <string>
 #include <vector>
 
-#if defined(DSP_TOOL_PATH) && !defined(_WIN32)
+#if defined(DSP_TOOL_PATH) && defined(DSP_TOOL_FORMATS) && !defined(_WIN32)
 
 namespace {
 
 namespace fs = std::filesystem;
 using dsptest::Bytes;
-using dsptest::joinBytes;
-using dsptest::le;
-
-const uint32_t kBlock = 4096;
-
+using dsptest::runTool;
+using dsptest::scratchPath;
 using dsptest::ToolRun;
 
-std::string tempPath(const std::string& name = "") {
-    return dsptest::testScratchPath("tool", name);
-}
-
-ToolRun runTool(const std::string& arguments) {
-    return dsptest::runTool(tempPath(), arguments);
-}
+const uint32_t kBlock = 4096;
 
 Bytes waveBytes(uint32_t rate, uint16_t channels, const std::vector<int16_t>& samples) {
     return dsptest::pcm16Wave(channels, rate, samples);
@@ -48,36 +37,13 @@ Bytes waveBytes(uint32_t rate, uint16_t channels, const std::vector<int16_t>& sa
 
 const auto writeFile = dsptest::writeFileBytes;
 
-struct Wave {
-    uint16_t formatTag = 0, channels = 0, bits = 0;
-    uint32_t rate = 0;
-    std::vector<int16_t> samples;
-};
-
-Wave readWave(const std::string& path) {
-    Bytes s = dsptest::readFileBytes(path);
-    Wave w;
-    if (s.size() < 12 || std::memcmp(s.data(), "RIFF", 4) != 0 ||
-        std::memcmp(s.data() + 8, "WAVE", 4) != 0) {
-        ADD_FAILURE() << path << " is not a RIFF WAVE file";
-        return w;
-    }
-    EXPECT_EQ(dsptest::loadLe32(s, 4), s.size() - 8) << "RIFF size of " << path;
-    for (size_t at = 12; at + 8 <= s.size();) {
-        const std::string id(s.begin() + at, s.begin() + at + 4);
-        const uint32_t size = dsptest::loadLe32(s, at + 4);
-        if (id == "fmt ") {
-            w.formatTag = static_cast<uint16_t>(dsptest::loadLe32(s, at + 8));
-            w.channels = static_cast<uint16_t>(dsptest::loadLe32(s, at + 10));
-            w.rate = dsptest::loadLe32(s, at + 12);
-            w.bits = static_cast<uint16_t>(dsptest::loadLe32(s, at + 22));
-        } else if (id == "data") {
-            w.samples.resize(size / 2);
-            std::memcpy(w.samples.data(), s.data() + at + 8, size);
-        }
-        at += 8 + size + (size & 1);
-    }
-    return w;
+// A 16-bit output's samples (the format checked).
+std::vector<int16_t> readInt16(const std::string& path) {
+    const dsptest::Decoded d = dsptest::readAudio(path);
+    EXPECT_EQ(d.format.type, cli::SampleType::kInt16) << path;
+    std::vector<int16_t> s(d.samples.size() / 2);
+    std::memcpy(s.data(), d.samples.data(), d.samples.size());
+    return s;
 }
 
 // A test signal: two tones, a burst and a little noise.
@@ -116,7 +82,6 @@ std::vector<int16_t> viaLibrary(const std::vector<int16_t>& input,
         uint32_t bytes = dspSend(chain, src.data(), dst.data(), (exactFrames > 0 ? block : n) * 4);
         out.insert(out.end(), dst.begin(), dst.begin() + bytes / 2);
     }
-    EXPECT_EQ(out.size() % dspGetDstChannels(chain), 0u);
     if (exactFrames > 0) {
         EXPECT_GE(out.size(), exactFrames * dspGetDstChannels(chain));
         out.resize(exactFrames * dspGetDstChannels(chain));
@@ -132,16 +97,15 @@ const float kResampleSlope = static_cast<float>(60.0 / -std::log2(0.9));
 class ToolTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        signal_ = testSignal(44100, 2, 1.3);
         writeFile(input_, waveBytes(44100, 2, signal_));
         std::remove(output_.c_str());
     }
     std::string effectArgs(const std::string& effects) const {
         return input_ + " " + output_ + " " + effects;
     }
-    std::string input_ = tempPath("input.wav");
-    std::string output_ = tempPath("output.wav");
-    std::vector<int16_t> signal_;
+    std::string input_ = scratchPath("input.wav");
+    std::string output_ = scratchPath("output.wav");
+    std::vector<int16_t> signal_ = testSignal(44100, 2, 1.3);
 };
 
 // Each effect through the tool and through the library: the same bytes.
@@ -151,48 +115,37 @@ TEST_F(ToolTest, EffectsMatchTheLibrary) {
     // 57330 frames in, exactly 62400 out (28665 at 22050 Hz).
     struct EffectCase {
         std::string arguments;
-        uint32_t rate, channels;
+        uint32_t rate;
         std::function<void*(void* chain)> build;
         uint32_t block = kBlock;
         size_t exactFrames = 0;
     };
     const std::vector<EffectCase> cases = {
-        {"", 44100, 2, [](void*) { return static_cast<void*>(nullptr); }},
-        {"lowpass 4 2000", 44100, 2,
-         [](void*) { return initIirFilter(kBlock, 2, 44100, 4, 2000.0f, 0); }},
-        {"highpass 3 500", 44100, 2,
+        {"", 44100, [](void*) { return static_cast<void*>(nullptr); }},
+        {"highpass 3 500", 44100,
          [](void*) { return initIirFilter(kBlock, 2, 44100, 3, 500.0f, 1); }},
         // Halving the rate needs no pass band equaliser (the tool's own stage
         // before the resampler where the output falls between source frames).
-        {"resample 22050", 22050, 2,
-         [](void*) {
-             return initResampler(kBlock, 2, 2, 44100, 22050, 1, 60.0f, kResampleSlope, 1);
-         },
-         kBlock, 28665},
-        {"resample 22050 linear --passband 0.5", 22050, 2,
+        {"resample 22050 linear --passband 0.5", 22050,
          [](void*) { return initResampler(kBlock, 2, 2, 44100, 22050, 0, 60.0f, 60.0f, 1); },
          kBlock, 28665},
-        {"hqups 0.5 40 active", 48000, 2,
+        {"hqups 0.5 40 active", 48000,
          [](void*) {
              return initHqupsBySrcsize(3969, 2, 2, 44100, 0.5f, 40.0f, 5000, 1, 60.0f, 60.0f, 1, 1);
          },
          3969, 62400},
-        {"chorus 2 15 3 0.5 50 80", 44100, 2,
+        {"chorus 2 15 3 0.5 50 80", 44100,
          [](void*) { return initChorus(kBlock, 2, 44100, 2, 15.0f, 3.0f, 0.5f, 50.0f, 80.0f); }},
-        {"pitch 700", 44100, 2,
-         [](void*) { return initPitchShift(kBlock, 2, 44100, 700.0f, 0.0f, 0.15f, 0.1f); }},
-        {"stretch -500", 44100, 2,
-         [](void*) { return initStretch(kBlock, 2, 44100, -500.0f, 0.0f, 0.2f, 0.1f); }},
-        {"pitch -300 --grain 0.05 --spacing 0.01", 44100, 2,
+        {"pitch -300 --grain 0.05 --spacing 0.01", 44100,
          [](void*) { return initPitchShift(kBlock, 2, 44100, -300.0f, 0.0f, 0.05f, 0.01f); }},
-        {"tempo 1.25", 44100, 2,
+        {"tempo 1.25", 44100,
          [](void*) {
              float scale = static_cast<float>(1000.0 * std::log2(1.25));
              return initStretch(kBlock, 2, 44100, scale, 0.0f, 0.2f, 0.1f);
          }},
-        {"gain -6", 44100, 2, [](void*) { return initFader(kBlock, 2, 44100, 0.0f, -6.0f, 0.0f); }},
-        // The chorus with its default settings, after a rate change.
-        {"hqups lowpass 2 8000 chorus", 48000, 2,
+        {"gain -6", 44100, [](void*) { return initFader(kBlock, 2, 44100, 0.0f, -6.0f, 0.0f); }},
+        // Default settings, and a chain after a rate change.
+        {"hqups lowpass 2 8000 chorus", 48000,
          [](void* c) {
              dspAdd(c,
                     initHqupsBySrcsize(3969, 2, 2, 44100, 0.3f, 50.0f, 5000, 1, 60.0f, 60.0f, 0, 1),
@@ -207,11 +160,7 @@ TEST_F(ToolTest, EffectsMatchTheLibrary) {
         SCOPED_TRACE(e.arguments);
         ToolRun r = runTool("--quiet " + effectArgs(e.arguments));
         ASSERT_EQ(r.status, 0) << r.err;
-        Wave w = readWave(output_);
-        EXPECT_EQ(w.formatTag, 1);
-        EXPECT_EQ(w.bits, 16);
-        EXPECT_EQ(w.rate, e.rate);
-        EXPECT_EQ(w.channels, e.channels);
+        EXPECT_EQ(dsptest::readAudio(output_).format.rate, e.rate);
         std::vector<int16_t> expected = viaLibrary(
             signal_,
             [&](void* chain) {
@@ -220,11 +169,7 @@ TEST_F(ToolTest, EffectsMatchTheLibrary) {
                 }
             },
             e.block, e.exactFrames);
-        ASSERT_EQ(w.samples.size(), expected.size());
-        EXPECT_TRUE(w.samples == expected) << "sample bytes differ";
-        if (e.arguments.empty()) {
-            EXPECT_TRUE(w.samples == signal_);
-        }
+        EXPECT_TRUE(readInt16(output_) == (e.arguments.empty() ? signal_ : expected));
     }
 }
 
@@ -238,17 +183,15 @@ std::vector<int16_t> toneSamples(double hz, size_t frames) {
     return s;
 }
 
-// The amplitude in dB of one channel's component at `hz` (a Hann-windowed
+// The amplitude in dB of a mono signal's component at `hz` (a Hann-windowed
 // DFT over whole seconds, 0.5 s from each end).
-double levelDb(const Wave& w, double hz) {
-    const size_t frames = w.samples.size() / w.channels;
-    const size_t skip = w.rate / 2, n = (frames - 2 * skip) / w.rate * w.rate;
+double levelDb(const std::vector<int16_t>& s, uint32_t rate, double hz) {
+    const size_t skip = rate / 2, n = (s.size() - 2 * skip) / rate * rate;
     std::complex<double> sum = 0.0;
     double weight = 0.0;
     for (size_t i = 0; i < n; ++i) {
         double hann = 0.5 - 0.5 * std::cos(2 * M_PI * static_cast<double>(i) / n);
-        double phase = -2 * M_PI * hz * static_cast<double>(i) / w.rate;
-        sum += hann * w.samples[(skip + i) * w.channels] * std::polar(1.0, phase);
+        sum += hann * s[skip + i] * std::polar(1.0, -2 * M_PI * hz * static_cast<double>(i) / rate);
         weight += hann;
     }
     return 20 * std::log10(2 * std::abs(sum) / weight / 32768.0);
@@ -263,33 +206,28 @@ TEST_F(ToolTest, ResampledLengthIsExact) {
     };
     // 3969 frames (27 cycles of 147) are one block; 3381 is a whole number
     // of cycles the resampler would count one short.
-    const LengthCase cases[] = {{48000, 1},      {48000, 146},
-                                {48000, 147},    {48000, 3381},
-                                {48000, 3969},   {48000, 3969 * 13 + 3381},
-                                {48000, 100003}, {22050, 4097},
-                                {96000, 50001},  {32000, 44100 * 3 + 7}};
+    const LengthCase cases[] = {{48000, 1},
+                                {48000, 146},
+                                {48000, 3381},
+                                {48000, 3969},
+                                {48000, 3969 * 13 + 3381},
+                                {22050, 4097},
+                                {32000, 44100 * 3 + 7}};
     for (const LengthCase& c : cases) {
         SCOPED_TRACE(std::to_string(c.frames) + " frames to " + std::to_string(c.to));
         writeFile(input_, waveBytes(44100, 1, toneSamples(1000, c.frames)));
         ASSERT_EQ(runTool("--quiet " + effectArgs("resample " + std::to_string(c.to))).status, 0);
-        EXPECT_EQ(readWave(output_).samples.size(), static_cast<uint64_t>(c.frames) * c.to / 44100);
+        EXPECT_EQ(readInt16(output_).size(), static_cast<uint64_t>(c.frames) * c.to / 44100);
     }
-    // 600 s of silence at 44100 Hz: exactly 600 s at 48000 Hz.
-    const size_t frames = 600 * 44100;
+    // 600 s of silence (a sparse file) at 44100 Hz: exactly 600 s at 48000 Hz.
+    const uint32_t dataBytes = 600 * 44100 * 2;
     Bytes header = waveBytes(44100, 1, {});
-    std::FILE* f = std::fopen(input_.c_str(), "wb");
-    ASSERT_NE(f, nullptr);
-    std::fwrite(header.data(), 1, 4, f);
-    const Bytes riffSize = le(static_cast<uint32_t>(header.size() - 8 + 2 * frames), 4);
-    std::fwrite(riffSize.data(), 1, 4, f);
-    std::fwrite(header.data() + 8, 1, header.size() - 12, f);
-    const Bytes dataSize = le(static_cast<uint32_t>(2 * frames), 4);
-    std::fwrite(dataSize.data(), 1, 4, f);
-    std::vector<char> zeros(2 * 44100, 0);
-    for (int second = 0; second < 600; ++second) {
-        std::fwrite(zeros.data(), 1, zeros.size(), f);
-    }
-    std::fclose(f);
+    const Bytes riffSize = dsptest::le(static_cast<uint32_t>(header.size() - 8 + dataBytes), 4);
+    const Bytes dataSize = dsptest::le(dataBytes, 4);
+    std::copy(riffSize.begin(), riffSize.end(), header.begin() + 4);
+    std::copy(dataSize.begin(), dataSize.end(), header.end() - 4);
+    writeFile(input_, header);
+    fs::resize_file(input_, header.size() + dataBytes);
     ToolRun r = runTool(effectArgs("resample 48000"));
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_NE(r.out.find("(28800000 frames)"), std::string::npos) << r.out;
@@ -306,27 +244,27 @@ TEST_F(ToolTest, ResampledToneHasNoBlockRateSidebands) {
     ToolRun r = runTool("--quiet --verbose " + effectArgs("resample 48000"));
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_NE(r.err.find("blocks of 3969 frames"), std::string::npos) << r.err;
-    Wave tool = readWave(output_);
+    const std::vector<int16_t> tool = readInt16(output_);
     // The same resampler driven with 4096-frame blocks.
     void* chain = dspCreate(kBlock, 1, 44100);
     dspAdd(chain, initResampler(kBlock, 1, 1, 44100, 48000, 1, 60.0f, kResampleSlope, 1), 1);
-    Wave chunked{1, 1, 16, 48000, {}};
-    std::vector<int16_t> dst(2 * kBlock);
+    std::vector<int16_t> chunked, dst(2 * kBlock);
     for (size_t at = 0; at < tone.size(); at += kBlock) {
         uint32_t n = static_cast<uint32_t>(std::min<size_t>(kBlock, tone.size() - at));
         uint32_t bytes = dspSend(chain, tone.data() + at, dst.data(), 2 * n);
-        chunked.samples.insert(chunked.samples.end(), dst.begin(), dst.begin() + bytes / 2);
+        chunked.insert(chunked.end(), dst.begin(), dst.begin() + bytes / 2);
     }
     dspDestroy(chain);
+    auto sideband = [](const std::vector<int16_t>& s, double hz) {
+        return levelDb(s, 48000, hz) - levelDb(s, 48000, 1000);
+    };
     // At the rate of 4096-frame blocks, and at that of the tool's blocks.
-    for (double side : {1000.0 - 44100.0 / 4096, 1000.0 + 44100.0 / 4096}) {
-        SCOPED_TRACE(side);
-        EXPECT_GT(levelDb(chunked, side) - levelDb(chunked, 1000), -50.0);
-        EXPECT_LT(levelDb(tool, side) - levelDb(tool, 1000), -90.0);
-    }
-    for (double side : {1000.0 - 44100.0 / 3969, 1000.0 + 44100.0 / 3969}) {
-        SCOPED_TRACE(side);
-        EXPECT_LT(levelDb(tool, side) - levelDb(tool, 1000), -90.0);
+    for (double blockHz : {44100.0 / 4096, 44100.0 / 3969}) {
+        for (double side : {1000.0 - blockHz, 1000.0 + blockHz}) {
+            SCOPED_TRACE(side);
+            EXPECT_GT(blockHz < 11 ? sideband(chunked, side) : 0.0, -50.0);
+            EXPECT_LT(sideband(tool, side), -90.0);
+        }
     }
 }
 
@@ -350,10 +288,9 @@ TEST_F(ToolTest, ResamplePassBandReachesNineTenthsOfNyquist) {
                               {"resample 48000 --passband 0.5", 44100, 48000, -200, -50}};
     for (const BandCase& c : cases) {
         const double edge = 0.9 * std::min(c.from, c.to) / 2;
-        const bool stop = c.hi < 0;
         for (double fraction : {0.05, 0.3, 0.6, 0.8, 0.9, 0.97, 1.0}) {
-            if (stop && fraction < 1.0) {
-                continue;
+            if (c.hi < 0 && fraction < 1.0) {
+                continue; // the stop case: only at the edge
             }
             const double hz = fraction * edge;
             SCOPED_TRACE(c.arguments + " from " + std::to_string(c.from) + " Hz at " +
@@ -362,8 +299,7 @@ TEST_F(ToolTest, ResamplePassBandReachesNineTenthsOfNyquist) {
             std::vector<int16_t> tone = toneSamples(hz * 44100 / c.from, 3 * size_t{c.from});
             writeFile(input_, waveBytes(c.from, 1, tone));
             ASSERT_EQ(runTool("--quiet " + effectArgs(c.arguments)).status, 0);
-            const double level = levelDb(readWave(output_), hz) -
-                                 levelDb(Wave{1, 1, 16, c.from, std::move(tone)}, hz);
+            const double level = levelDb(readInt16(output_), c.to, hz) - levelDb(tone, c.from, hz);
             EXPECT_GT(level, c.lo);
             EXPECT_LT(level, c.hi);
         }
@@ -398,10 +334,11 @@ TEST_F(ToolTest, InfoReportsFormatLengthAndLevels) {
     writeFile(input_, waveBytes(44100, 2, s));
     ToolRun r = runTool("info " + input_);
     ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_NE(r.out.find("44100 Hz, stereo"), std::string::npos) << r.out;
-    EXPECT_NE(r.out.find("1.000 s (44100 frames)"), std::string::npos) << r.out;
-    EXPECT_NE(r.out.find("left      peak -6.0 dBFS (-16384)"), std::string::npos) << r.out;
-    EXPECT_NE(r.out.find("right     peak -0.0 dBFS (32767)"), std::string::npos) << r.out;
+    for (const char* line :
+         {"44100 Hz, stereo", "1.000 s (44100 frames)", "left      peak -6.0 dBFS (-16384)",
+          "right     peak -0.0 dBFS (32767)"}) {
+        EXPECT_NE(r.out.find(line), std::string::npos) << r.out;
+    }
 }
 
 TEST_F(ToolTest, SpectrumCsvIsTheAnalyzerOutputRelativeToFullScale) {
@@ -426,35 +363,26 @@ TEST_F(ToolTest, SpectrumCsvIsTheAnalyzerOutputRelativeToFullScale) {
     }
 }
 
-TEST_F(ToolTest, EnvelopeAndSlicesRun) {
-    ToolRun r = runTool("envelope " + input_ + " --csv --step 0.5");
-    ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.out.rfind("time_s,left_db,right_db\n", 0), 0u) << r.out;
-    EXPECT_NE(r.out.find("\n0.5000,"), std::string::npos) << r.out;
-    std::string dir = tempPath("slices");
+// Every slice listed is split into its own file.
+TEST_F(ToolTest, SlicesAreListedAndSplit) {
+    std::string dir = scratchPath("slices");
     fs::remove_all(dir);
-    r = runTool("slices " + input_ + " --split " + dir + " --csv");
+    ToolRun r = runTool("slices " + input_ + " --split " + dir + " --csv");
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.out.rfind("index,start_s,end_s\n", 0), 0u);
     const auto rows = std::count(r.out.begin(), r.out.end(), '\n');
-    long files = 0;
-    for (const auto& entry : fs::directory_iterator(dir)) {
-        Wave w = readWave(entry.path().string());
-        EXPECT_EQ(w.rate, 44100u);
-        ++files;
-    }
-    EXPECT_EQ(files, rows - 1);
+    EXPECT_EQ(std::distance(fs::directory_iterator(dir), fs::directory_iterator()), rows - 1);
 }
 
 // The main job: 4 s of demo material resampled to 48000 Hz with a report.
 TEST_F(ToolTest, DemoRunsAndReports) {
-    std::string out = tempPath("demo.wav");
+    std::string out = scratchPath("demo.wav");
     ToolRun r = runTool("demo " + out);
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_NE(r.out.find("resample 44100 -> 48000 Hz cubic"), std::string::npos) << r.out;
-    Wave w = readWave(out);
-    EXPECT_EQ(w.rate, 48000u);
-    EXPECT_NEAR(static_cast<double>(w.samples.size()) / 2 / 48000, 4.0, 0.01);
+    const dsptest::Decoded d = dsptest::readAudio(out);
+    EXPECT_EQ(d.format.rate, 48000u);
+    EXPECT_EQ(d.samples.size(), 4u * 4 * 48000);
 }
 
 // Errors: one line naming the problem, the right status, and no output: none
@@ -462,39 +390,34 @@ TEST_F(ToolTest, DemoRunsAndReports) {
 // truncated input fails only after the output was started. (Malformed headers:
 // tool_formats_test.cpp.)
 TEST_F(ToolTest, ErrorsGiveOneLineAndTheRightStatusAndWriteNothing) {
-    const std::string text = tempPath("text.wav"), truncated = tempPath("truncated.wav");
+    const std::string text = scratchPath("text.wav"), truncated = scratchPath("truncated.wav");
     writeFile(text, {'t', 'e', 'x', 't'});
     const Bytes whole = waveBytes(44100, 2, signal_);
     writeFile(truncated, Bytes(whole.begin(), whole.begin() + whole.size() / 2));
     auto gain = [&](const std::string& in) { return in + " " + output_ + " gain 1"; };
-    struct ErrorCase {
+    const struct {
         std::string arguments;
         int status;
         std::string message;
-    };
-    const std::vector<ErrorCase> cases = {
-        {gain(tempPath("missing.wav")), 1, "cannot open"},
+    } cases[] = {
+        {gain(scratchPath("missing.wav")), 1, "cannot open"},
         {gain(text), 1, "not a RIFF WAVE"},
-        {gain(tempPath()), 1, "is a directory"},
+        {gain(scratchPath()), 1, "is a directory"},
         {gain(truncated), 1, "ends early"},
         {effectArgs("reverb 3"), 2, "unknown effect 'reverb'"},
         {input_, 2, "expected IN.wav OUT.wav"},
         {effectArgs("lowpass 4"), 2, "lowpass: missing argument"},
         {effectArgs("lowpass 4 30000"), 2, "below half the sample rate"},
-        {effectArgs("pitch 5000"), 2, "CENTS must be between"},
         {effectArgs("gain loud"), 2, "DB must be a number"},
-        {effectArgs("resample 48000 fast"), 2, "unknown option 'fast'"},
         {effectArgs("gain 3 --grain 0.1"), 2, "gain: unknown option '--grain'"},
         {effectArgs("tempo 1.1 --spacing 0.3 --grain 0.2"), 2, "must not exceed --grain"},
         {effectArgs("pitch 100 --grain"), 2, "--grain needs a value"},
         {input_ + " " + input_ + " gain 1", 2, "is the input file"},
-        {input_ + " " + tempPath("no/such/dir/out.wav") + " gain 1", 1, "no directory"},
+        {input_ + " " + scratchPath("no/such/dir/out.wav") + " gain 1", 1, "no directory"},
         {"crossfade " + input_ + " " + input_ + " " + output_ + " 5", 2, "longer than"},
-        {"spectrum " + input_ + " --size 1000", 2, "power of two"},
-        {"info", 2, "missing FILE.wav"},
         {"", 2, "nothing to do"},
     };
-    for (const ErrorCase& c : cases) {
+    for (const auto& c : cases) {
         for (bool existing : {false, true}) {
             if (existing) {
                 writeFile(output_, {'k', 'e', 'e', 'p'});
@@ -503,7 +426,7 @@ TEST_F(ToolTest, ErrorsGiveOneLineAndTheRightStatusAndWriteNothing) {
             EXPECT_EQ(r.status, c.status) << c.arguments << "\n" << r.err;
             EXPECT_NE(r.err.find(c.message), std::string::npos) << c.arguments << "\n" << r.err;
             EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << c.arguments;
-            EXPECT_TRUE(r.err.rfind("dsp: ", 0) == 0) << r.err;
+            EXPECT_EQ(r.err.rfind("dsp: ", 0), 0u) << r.err;
             if (existing) {
                 EXPECT_EQ(dsptest::fileText(output_), "keep") << c.arguments;
                 std::remove(output_.c_str());
@@ -512,7 +435,7 @@ TEST_F(ToolTest, ErrorsGiveOneLineAndTheRightStatusAndWriteNothing) {
             }
         }
     }
-    for (const auto& entry : fs::directory_iterator(tempPath())) {
+    for (const auto& entry : fs::directory_iterator(scratchPath())) {
         EXPECT_EQ(entry.path().filename().string().find(".part"), std::string::npos)
             << entry.path();
     }
@@ -524,25 +447,24 @@ TEST_F(ToolTest, EveryEffectInTheHelpRefusesExtraArgumentsWithItsUsage) {
     ToolRun help = runTool("--help");
     ASSERT_EQ(help.status, 0);
     std::istringstream lines(help.out.substr(help.out.find("copy):\n")));
-    std::vector<std::string> names;
+    int effects = 0;
     for (std::string line; std::getline(lines, line) && line != "Commands:";) {
         if (line.rfind("  ", 0) != 0 || line.rfind("      ", 0) == 0) {
             continue; // not a usage line
         }
-        const std::string usage = line.substr(2);
-        names.push_back(usage.substr(0, usage.find(' ')));
-        ToolRun r = runTool(effectArgs(names.back() + " 1 2 3 4 5 6 x"));
+        const std::string usage = line.substr(2), name = usage.substr(0, usage.find(' '));
+        ++effects;
+        ToolRun r = runTool(effectArgs(name + " 1 2 3 4 5 6 x"));
         EXPECT_EQ(r.status, 2) << usage;
-        EXPECT_EQ(r.err.rfind("dsp: " + names.back() + ": too many arguments ('", 0), 0u) << r.err;
+        EXPECT_EQ(r.err.rfind("dsp: " + name + ": too many arguments ('", 0), 0u) << r.err;
         const std::string tail = "'); usage: " + usage + "\n";
         EXPECT_TRUE(r.err.size() > tail.size() &&
                     r.err.compare(r.err.size() - tail.size(), tail.size(), tail) == 0)
             << r.err;
     }
-    EXPECT_EQ(names, (std::vector<std::string>{"lowpass", "highpass", "resample", "hqups", "chorus",
-                                               "pitch", "stretch", "tempo", "gain", "fade"}));
+    EXPECT_EQ(effects, 10);
 }
 
 } // namespace
 
-#endif // DSP_TOOL_PATH && !_WIN32
+#endif // DSP_TOOL_PATH && DSP_TOOL_FORMATS && !_WIN32

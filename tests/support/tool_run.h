@@ -1,17 +1,21 @@
 // Running the built `dsp` tool from the end-to-end tests: the command line
 // (under the emulator a cross build's programs need), per-test scratch
-// directories, and a run's exit status with what it printed.
+// directories, a run's exit status with what it printed, and its WAVE output.
 #pragma once
 
 #include <initializer_list>
 #include <string>
 #include <vector>
 
+#if defined(DSP_TOOL_FORMATS)
+#include "audio_formats.h"
+#endif
+
 namespace dsptest {
 
 // A path in the running test's own scratch directory
-// (DSP_TEST_TMPDIR/GROUP/TEST; ctest runs tests in parallel processes).
-std::string testScratchPath(const std::string& group, const std::string& name = "");
+// (DSP_TEST_TMPDIR/SUITE/TEST; ctest runs tests in parallel processes).
+std::string scratchPath(const std::string& name = "");
 
 // The words that start the tool: the emulator, if the build names one,
 // then the program.
@@ -20,7 +24,7 @@ std::vector<std::string> toolArgv();
 std::string toolCommand();
 
 // Words joined by spaces: a command line.
-std::string joinWords(std::initializer_list<std::string> words);
+std::string words(std::initializer_list<std::string> words);
 
 std::string fileText(const std::string& path);
 
@@ -38,7 +42,19 @@ struct ToolShell {
 };
 
 // Runs `dsp ARGUMENTS` through the shell; standard output and error are
-// kept in files in DIR.
-ToolRun runTool(const std::string& dir, const std::string& arguments, const ToolShell& shell = {});
+// kept in files in the scratch directory.
+ToolRun runTool(const std::string& arguments, const ToolShell& shell = {});
+
+#if defined(DSP_TOOL_FORMATS)
+struct Decoded {
+    cli::StreamFormat format;
+    std::vector<uint8_t> samples; // as stored
+    std::vector<cli::ExtraChunk> extras;
+    std::vector<float> floats() const; // interleaved, full scale 1.0
+};
+
+// Any file the tool reads, through its own reader.
+Decoded readAudio(const std::string& path);
+#endif
 
 } // namespace dsptest
