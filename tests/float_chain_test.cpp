@@ -12,7 +12,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cmath>
 #include <string>
 #include <vector>
 
@@ -146,27 +145,22 @@ INSTANTIATE_TEST_SUITE_P(Rules, FloatChain, ::testing::ValuesIn(kRules),
 TEST(FloatChainOutput, IsNotClamped) {
     dsptest::SimdGuard guard;
     dsptest::SimdGuard::set(false, false, false);
-    constexpr uint32_t kFrames = 1000;
-    const std::vector<float> in = dsptest::noise(kFrames * 2, 5, 0.9f);
-    std::vector<float> loud(in.size());
-    for (size_t i = 0; i < in.size(); ++i) {
-        loud[i] = in[i] * 4.0f;
-    }
-    std::vector<float> out(in.size()), outLoud(in.size());
-    void* quiet = dspCreate(kFrames, 2, 44100);
-    void* strong = dspCreate(kFrames, 2, 44100);
-    dspAdd(quiet, initIirFilter(kFrames, 2, 44100, 4, 5000.0f, 0), 1);
-    dspAdd(strong, initIirFilter(kFrames, 2, 44100, 4, 5000.0f, 0), 1);
-    ASSERT_EQ(dspSendFloat(quiet, in.data(), out.data(), kFrames), kFrames);
-    ASSERT_EQ(dspSendFloat(strong, loud.data(), outLoud.data(), kFrames), kFrames);
-    float peak = 0.0f;
+    auto filtered = [](float scale) {
+        std::vector<float> in = dsptest::noise(2000, 5, 0.9f), out(in.size());
+        for (float& v : in) {
+            v *= scale;
+        }
+        void* chain = dspCreate(1000, 2, 44100);
+        dspAdd(chain, initIirFilter(1000, 2, 44100, 4, 5000.0f, 0), 1);
+        EXPECT_EQ(dspSendFloat(chain, in.data(), out.data(), 1000), 1000u);
+        dspDestroy(chain);
+        return out;
+    };
+    const std::vector<float> out = filtered(1.0f), outLoud = filtered(4.0f);
     for (size_t i = 0; i < out.size(); ++i) {
         ASSERT_EQ(outLoud[i], out[i] * 4.0f) << i;
-        peak = std::max(peak, std::fabs(outLoud[i]));
     }
-    EXPECT_GT(peak, 2.0f);
-    dspDestroy(quiet);
-    dspDestroy(strong);
+    EXPECT_GT(*std::max_element(outLoud.begin(), outLoud.end()), 2.0f);
 }
 
 // A mono-to-stereo resampler fed a block longer than its own: the sizing call
@@ -213,10 +207,6 @@ TEST(FloatChainRefusal, NullAndWrongHandlesAndNullBuffers) {
     termIirFilter(filter);
     dspDestroy(chain);
     EXPECT_EQ(fastmemGetAllocatedSize(), poolBytes);
-}
-
-TEST(Version, IsTheProjectVersion) {
-    EXPECT_STREQ(dspGetVersion(), DSP_PROJECT_VERSION);
 }
 
 } // namespace
