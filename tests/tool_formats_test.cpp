@@ -169,6 +169,7 @@ TEST(ToolWaveCodec, EveryEncodingRoundTrips) {
             writer.finish({});
             const Bytes& file = sink.bytes();
             EXPECT_EQ(dsptest::loadLe32(file, 4), file.size() - 8);
+            EXPECT_EQ(file.size() % 2, 0u); // an odd data chunk is padded
             const size_t fmt = findChunk(file, "fmt "), data = findChunk(file, "data");
             ASSERT_NE(fmt, SIZE_MAX);
             ASSERT_NE(data, SIZE_MAX);
