@@ -247,11 +247,10 @@ TEST_F(ToolOutputTest, AStoppedRunLeavesNothingBehind) {
         } else {
             unsetenv("DSP_OUTPUT_NO_TMPFILE");
         }
-        std::vector<char*> argv;
-        for (std::string& w : words) {
-            argv.push_back(w.data());
+        std::vector<char*> argv(words.size() + 1, nullptr);
+        for (size_t i = 0; i < words.size(); ++i) {
+            argv[i] = words[i].data();
         }
-        argv.push_back(nullptr);
         posix_spawn_file_actions_t actions;
         posix_spawn_file_actions_init(&actions);
         posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);

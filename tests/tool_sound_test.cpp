@@ -48,7 +48,8 @@ std::vector<float> sine(uint16_t channels, double seconds, double hz, double amp
                         double phase = 0.0) {
     std::vector<float> x(static_cast<size_t>(seconds * kRate) * channels);
     for (size_t i = 0; i < x.size(); ++i) {
-        const double t = static_cast<double>(i / channels) / kRate;
+        const size_t frame = i / channels;
+        const double t = static_cast<double>(frame) / kRate;
         x[i] = static_cast<float>(amplitude * std::sin(2.0 * M_PI * hz * t + phase));
     }
     return x;
