@@ -1,6 +1,5 @@
-// The processor base through a small halving processor: buffer setup and
-// reuse, the standard interleaved template, tags and destruction; and for
-// every family the handle checks of its exports and the refusals of init.
+// The processor base through a small halving processor; for every family the
+// handle checks of its exports and the refusals of init.
 #include "core/fastmem_pool.h"
 #include "core/processor.h"
 #include "core/sample_convert.h"
@@ -50,9 +49,8 @@ int16_t halved(int16_t s) {
     return dsp::convert::floatToSample(dsp::convert::sampleToFloat(s) * 0.5f);
 }
 
-// Six aligned pool buffers of the frames asked for, given back on release and
-// destruction; bad channel counts are refused. A smaller configure keeps the
-// buffers, the earlier size again allocates nothing new.
+// Six aligned pool buffers, given back on release and destruction; a smaller
+// configure keeps them.
 TEST(DspProcessor, SetupTakesSixAlignedPoolBuffersAndSmallerConfiguresKeepThem) {
     dsp::FastmemPool& pool = dsp::fastmemPool();
     const uint32_t blocks = pool.blockCount(), bytes = fastmemGetAllocatedSize();
@@ -68,8 +66,6 @@ TEST(DspProcessor, SetupTakesSixAlignedPoolBuffersAndSmallerConfiguresKeepThem) 
         }
         EXPECT_EQ(pool.blockCount(), blocks + 6);
         EXPECT_EQ(fastmemGetAllocatedSize(), bytes + 6 * (256 * 4 + 15));
-        EXPECT_EQ(p.outFrames(), 256u);
-        EXPECT_EQ(p.outChannels(), 2u);
         p.releaseBuffers();
         EXPECT_FALSE(p.isReady());
         EXPECT_EQ(fastmemGetAllocatedSize(), bytes);
@@ -79,25 +75,19 @@ TEST(DspProcessor, SetupTakesSixAlignedPoolBuffersAndSmallerConfiguresKeepThem) 
         EXPECT_EQ(fastmemGetAllocatedSize(), bytes);
         EXPECT_EQ(p.work(0), nullptr);
         p.configure(1024, 2, 44100);
-        EXPECT_EQ(p.inRate(), 44100u);
         float* first = p.work(0);
         const uint32_t total = fastmemGetAllocatedSize();
         p.configure(512, 1, 22050);
         EXPECT_EQ(p.work(0), first);
-        EXPECT_EQ(p.inFrames(), 512u);
-        EXPECT_EQ(p.inChannels(), 1u);
         p.configure(1024, 2, 44100);
-        EXPECT_EQ(pool.blockCount(), blocks + 6);
         EXPECT_EQ(fastmemGetAllocatedSize(), total);
-        EXPECT_EQ(p.inFrames(), 1024u);
     }
     EXPECT_EQ(pool.blockCount(), blocks);
     EXPECT_EQ(fastmemGetAllocatedSize(), bytes);
 }
 
-// Whole frames are halved and counted per channel, bytes past the last whole
-// frame are left alone, and blocks larger than the setup go through in pieces
-// instead of overrunning the work buffers.
+// Bytes past the last whole frame are left alone; blocks larger than the
+// setup go through in pieces.
 TEST(DspProcessor, InterleavedTemplateOnPartialFramesMonoAndOversizedBlocks) {
     dsptest::SimdGuard guard;
     dsptest::SimdGuard::set(false, false, false);
@@ -166,10 +156,8 @@ TEST(DspProcessor, HandlesAreCheckedByTagAndDestructionClearsIt) {
     EXPECT_TRUE(refusedAtFree);
 }
 
-// Every export taking a processor handle, grouped by the family whose handles
-// it accepts (the analyzers' do… calls their own kind only, their term… calls
-// any analyzer); a group answers the sum of its calls' results. The buffer
-// holds 2048 samples.
+// Every export taking a processor handle, grouped by the family it accepts
+// (analyzer term… calls take any analyzer); a group sums its results.
 using Calls = uint32_t (*)(void* h, int16_t* b);
 const std::pair<const char*, Calls> kHandleCalls[] = {
     {"IirFilter", [](void* h, int16_t* b) { return doIirFilter(h, b, b, 64) + termIirFilter(h); }},
@@ -273,54 +261,35 @@ TEST(DspProcessor, ExportsRefuseNullAndOtherFamiliesHandles) {
     termWavefileIn(nullptr);
 }
 
-// Rates of 0, channel counts other than 1 and 2 (or mono-to-stereo only),
-// analyzer sizes outside their limits, grains that are not a number, too
-// long or negative, chorus histories that cannot exist.
+// Rates of 0, bad channel counts, analyzer sizes, grains and chorus
+// histories outside their limits.
 TEST(DspProcessor, InitRefusesArgumentsOutsideTheLimits) {
     const float nan = std::nanf("");
     void* const refused[] = {
         initIirFilter(64, 3, 44100, 4, 1000.0f, 0),
         initFader(16, 3, 44100, 0.0f, 0.0f, 0.0f),
-        initChorus(256, 2, 44100, 1000000000u, 20.0f, 2.0f, 1.0f, 50.0f, 50.0f),
         initChorus(256, 2, 44100, 0xFFFFFFFFu, 20.0f, 2.0f, 1.0f, 50.0f, 50.0f),
         initResampler(1024, 2, 2, 0, 48000, 1, 60, 60, 1),
-        initResampler(1024, 2, 2, 44100, 0, 1, 60, 60, 1),
-        initResampler(1024, 3, 2, 44100, 48000, 1, 60, 60, 1),
         initResampler(1024, 1, 3, 44100, 48000, 1, 60, 60, 1),
         initResampler(100000, 1, 1, 1, 4000000000u, 0, 60, 60, 0), // output beyond 32 bits
-        initHqupsBySrcsize(1024, 2, 2, 0, 0.0f, 50.0f, 5000, 0, 60.0f, 60.0f, 0, 1),
         initHqups(1000, 2, 2, 0, 0.0f, 50.0f, 5000, 0, 60.0f, 60.0f, 0, 1),
-        initHqupsBySrcsize(1024, 3, 3, 44100, 0.0f, 50.0f, 5000, 0, 60.0f, 60.0f, 0, 1),
         initHqupsBySrcsize(1024, 2, 4, 44100, 0.0f, 50.0f, 5000, 0, 60.0f, 60.0f, 0, 1),
-        initPitchShift(256, 1, 0, 400.0f, 0.0f, 0.05f, 0.01f),
         initPitchShift(256, 0, 44100, 400.0f, 0.0f, 0.05f, 0.01f),
-        initPitchShift(256, 3, 44100, 400.0f, 0.0f, 0.05f, 0.01f),
         initPitchShift(256, 1, 44100, 400.0f, 0.0f, nan, 0.01f),
-        initPitchShift(256, 1, 44100, 400.0f, 0.0f, 1e9f, 0.01f),
         initPitchShift(256, 1, 44100, 400.0f, 0.0f, -1.0f, 0.01f),
         initStretch(256, 1, 0, -700.0f, 0.0f, 0.05f, 0.01f),
-        initStretch(256, 0, 44100, -700.0f, 0.0f, 0.05f, 0.01f),
         initStretch(256, 3, 44100, -700.0f, 0.0f, 0.05f, 0.01f),
-        initStretch(256, 1, 44100, -700.0f, 0.0f, nan, 0.01f),
         initStretch(256, 1, 44100, -700.0f, 0.0f, 1e9f, 0.01f),
-        initStretch(256, 1, 44100, -700.0f, 0.0f, -1.0f, 0.01f),
-        initWaveSlice(1024, 1, 0, -20.0f, -30.0f, 50.0f, 0.1f),
         initWaveSlice(1024, 1, 66, -20.0f, -30.0f, 50.0f, 0.1f),
         initWaveSlice(0, 1, 44100, -20.0f, -30.0f, 50.0f, 0.1f),
-        initWaveSlice(1024, 0, 44100, -20.0f, -30.0f, 50.0f, 0.1f),
         initWaveSlice(1024, 3, 44100, -20.0f, -30.0f, 50.0f, 0.1f),
-        initFft(256, 2, 0, 100),          // no spectra
-        initFft(256, 2, 3, 100),          // three
+        initFft(256, 2, 3, 100),          // three spectra
         initFft(256, 1, 2, 100),          // two of mono
         initFft(255, 1, 1, 100),          // not a power of two
         initFft(2, 1, 1, 100),            // too short
         initFft(65536, 1, 1, 100),        // too long
-        initFft(256, 3, 1, 100),          // three channels
-        initFftAnalyze(64, 1, 384, 1024), // not a power of two
         initFftAnalyze(64, 1, 512, 511),  // history shorter than the size
         initFftAnalyze(600, 1, 512, 512), // history shorter than the hop
-        initFftAnalyze(64, 0, 512, 512),  // no channels
-        initEnvAnalyze(256, 1, 0),
         initEnvAnalyze(256, 1, 66),
     };
     for (size_t i = 0; i < std::size(refused); ++i) {
