@@ -213,10 +213,12 @@ TEST(DetectCutoff, FindsTheFirstRiseOf25DbFromTheTop) {
         std::vector<std::pair<int, float>> peaks;
         float expected;
     } cases[] = {
-        {{{89, -80.0f}, {88, -60.0f}}, 16500.0f},        {{}, 23812.5f},
-        {{{110, -110.0f}, {109, -95.0f}}, 109 * 187.5f}, // exactly 25 dB
-        {{{100, -119.0f}, {99, -150.0f}}, 99 * 187.5f},  // a fall ends it too
-        {{{85, -119.0f}, {84, 0.0f}}, 23812.5f},         // below bin 85: unseen
+        {{{89, -80.0f}, {88, -60.0f}}, 16500.0f},
+        {{}, 23812.5f},
+        {{{110, -110.0f}, {109, -95.0f}}, 109 * 187.5f},                            // exactly 25 dB
+        {{{100, -100.0f}, {99, -100.0f}, {98, -96.0f}, {97, -95.0f}}, 97 * 187.5f}, // a plateau
+        {{{100, -119.0f}, {99, -150.0f}}, 99 * 187.5f}, // a fall ends it too
+        {{{85, -119.0f}, {84, 0.0f}}, 23812.5f},        // below bin 85: unseen
         {{{86, -119.0f}, {85, 0.0f}}, 85 * 187.5f},
     };
     for (const auto& c : cases) {
