@@ -75,6 +75,20 @@ TEST(RateConverter, FilterOrderEstimateAndCounts) {
     }
 }
 
+// 20480 frames make five chunks, the last taking the rest (4459 frames);
+// halving an odd block leaves the one-frame chunk without output.
+TEST(RateConverter, TheLastChunkTakesTheRest) {
+    const Setting settings[] = {{44100, 48000, 0}, {44100, 22050, 0}, {44100, 22050, 1}};
+    for (const Setting& s : settings) {
+        const uint32_t frames = s.dstRate == 48000 ? 20480 : 4097;
+        dsp::RateConverter c;
+        setUp(c, frames, s.srcRate, s.dstRate, {s.interpolation, 60.0f, 60.0f, 0});
+        const std::vector<float> in = noise(frames, 1);
+        EXPECT_EQ(convertBlock(c, in),
+                  dsptest::RateModel(s.srcRate, s.dstRate, s.interpolation != 0).convert(in));
+    }
+}
+
 // Uneven blocks against the model plus, with the filter on, an IIR pass of
 // the same design (before a rate reduction, after an increase).
 TEST(RateConverter, MatchesTheIndependentModelBitForBit) {
