@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <vector>
 
 namespace {
@@ -181,6 +182,38 @@ TEST(Fader, ScheduleEditsGiveTheExpectedListAndGains) {
     check("from the start of a later one", 0.0f, 0,
           {set(0.1f, 0.2f, -10.0f), set(0.3f, 0.4f, -20.0f), set(0.3f, 0.35f, -1.0f)},
           {{100, 200, -10.0f}, {300, 350, -1.0f}, {350, 400, -20.0f}});
+}
+
+// Random edits mixed with processing: the schedule stays sorted, free of
+// overlaps and zero-length entries, and a waiting head's slope matches it.
+TEST(Fader, RandomEditsKeepTheScheduleConsistent) {
+    Ramp r(0.0f);
+    std::vector<float> in(64, 1.0f), out(64);
+    uint32_t x = 12345;
+    auto next = [&x](uint32_t range) { return ((x = x * 1103515245u + 12345u) >> 8) % range; };
+    for (int round = 0; round < 3000; ++round) {
+        float start = static_cast<float>(r.ramp.position() + next(400)) / 1000.0f;
+        float end = start + static_cast<float>(next(300)) / 1000.0f;
+        if (next(3) == 0) {
+            r.ramp.removeRange(start, end);
+        } else {
+            r.ramp.setAction(start, end, static_cast<float>(next(60)) - 50.0f);
+        }
+        uint32_t previousEnd = 0;
+        for (const FadeAction& a : r.ramp.actions()) {
+            ASSERT_LT(a.start, a.end);
+            ASSERT_LE(previousEnd, a.start);
+            previousEnd = a.end;
+        }
+        if (!r.ramp.isRunning() && !r.ramp.actions().empty()) {
+            // A head cut short keeps its own slope, hence the tolerance.
+            const FadeAction& h = r.ramp.actions().front();
+            double expected = (static_cast<double>(h.target) - r.ramp.startLevel()) /
+                              static_cast<double>(h.end - h.start);
+            ASSERT_NEAR(r.ramp.slope(), expected, 1e-5 * std::fabs(expected) + 1e-9);
+        }
+        r.ramp.process(in.data(), out.data(), next(64));
+    }
 }
 
 // An edit the schedule cannot make room for is refused and changes nothing.
