@@ -311,6 +311,27 @@ TEST(GranularExports, CallsBeyondTheBlockSizeArePieced) {
     }
 }
 
+// The level is 10^(0.05 dB) as computed, unclamped: past the float range no
+// output is finite, and a NaN level makes every output NaN.
+TEST(GranularExports, OutputLevelIsComputedAsGiven) {
+    const std::vector<float> in = granularSignal(1000);
+    auto check = [&](auto* p, uint32_t (*setLevel)(void*, float)) {
+        for (float x : runBlocks(p, in, 1000)) {
+            ASSERT_FALSE(std::isfinite(x));
+        }
+        setLevel(p, std::nanf(""));
+        for (float x : runBlocks(p, in, 1000)) {
+            ASSERT_TRUE(std::isnan(x));
+        }
+    };
+    dsp::PitchShiftProcessor* pitch = makePitch(1000, 1, 300.0f, 1e6f);
+    check(pitch, setPitchShiftOutLevel);
+    termPitchShift(pitch);
+    dsp::StretchProcessor* stretch = makeStretch(1000, 1, 300.0f, 1e6f);
+    check(stretch, setStretchOutLevel);
+    termStretch(stretch);
+}
+
 constexpr uint32_t kChunk = 32768;
 
 // Silence, then 0.5 from the second inner chunk of the call on.
