@@ -262,34 +262,52 @@ TEST(DspProcessor, ExportsRefuseNullAndOtherFamiliesHandles) {
 }
 
 // Rates of 0, bad channel counts, analyzer sizes, grains and chorus
-// histories outside their limits.
+// histories outside their limits: each a check of its own.
 TEST(DspProcessor, InitRefusesArgumentsOutsideTheLimits) {
     const float nan = std::nanf("");
     void* const refused[] = {
         initIirFilter(64, 3, 44100, 4, 1000.0f, 0),
         initFader(16, 3, 44100, 0.0f, 0.0f, 0.0f),
+        initChorus(256, 2, 44100, 1000000000u, 20.0f, 2.0f, 1.0f, 50.0f, 50.0f),
         initChorus(256, 2, 44100, 0xFFFFFFFFu, 20.0f, 2.0f, 1.0f, 50.0f, 50.0f),
         initResampler(1024, 2, 2, 0, 48000, 1, 60, 60, 1),
+        initResampler(1024, 2, 2, 44100, 0, 1, 60, 60, 1),
+        initResampler(1024, 3, 2, 44100, 48000, 1, 60, 60, 1),
         initResampler(1024, 1, 3, 44100, 48000, 1, 60, 60, 1),
         initResampler(100000, 1, 1, 1, 4000000000u, 0, 60, 60, 0), // output beyond 32 bits
+        initHqupsBySrcsize(1024, 2, 2, 0, 0.0f, 50.0f, 5000, 0, 60.0f, 60.0f, 0, 1),
         initHqups(1000, 2, 2, 0, 0.0f, 50.0f, 5000, 0, 60.0f, 60.0f, 0, 1),
+        initHqupsBySrcsize(1024, 3, 3, 44100, 0.0f, 50.0f, 5000, 0, 60.0f, 60.0f, 0, 1),
         initHqupsBySrcsize(1024, 2, 4, 44100, 0.0f, 50.0f, 5000, 0, 60.0f, 60.0f, 0, 1),
+        initPitchShift(256, 1, 0, 400.0f, 0.0f, 0.05f, 0.01f),
         initPitchShift(256, 0, 44100, 400.0f, 0.0f, 0.05f, 0.01f),
+        initPitchShift(256, 3, 44100, 400.0f, 0.0f, 0.05f, 0.01f),
         initPitchShift(256, 1, 44100, 400.0f, 0.0f, nan, 0.01f),
+        initPitchShift(256, 1, 44100, 400.0f, 0.0f, 1e9f, 0.01f),
         initPitchShift(256, 1, 44100, 400.0f, 0.0f, -1.0f, 0.01f),
         initStretch(256, 1, 0, -700.0f, 0.0f, 0.05f, 0.01f),
+        initStretch(256, 0, 44100, -700.0f, 0.0f, 0.05f, 0.01f),
         initStretch(256, 3, 44100, -700.0f, 0.0f, 0.05f, 0.01f),
+        initStretch(256, 1, 44100, -700.0f, 0.0f, nan, 0.01f),
         initStretch(256, 1, 44100, -700.0f, 0.0f, 1e9f, 0.01f),
+        initStretch(256, 1, 44100, -700.0f, 0.0f, -1.0f, 0.01f),
+        initWaveSlice(1024, 1, 0, -20.0f, -30.0f, 50.0f, 0.1f),
         initWaveSlice(1024, 1, 66, -20.0f, -30.0f, 50.0f, 0.1f),
         initWaveSlice(0, 1, 44100, -20.0f, -30.0f, 50.0f, 0.1f),
+        initWaveSlice(1024, 0, 44100, -20.0f, -30.0f, 50.0f, 0.1f),
         initWaveSlice(1024, 3, 44100, -20.0f, -30.0f, 50.0f, 0.1f),
-        initFft(256, 2, 3, 100),          // three spectra
+        initFft(256, 2, 0, 100),          // no spectra
+        initFft(256, 2, 3, 100),          // three
         initFft(256, 1, 2, 100),          // two of mono
         initFft(255, 1, 1, 100),          // not a power of two
         initFft(2, 1, 1, 100),            // too short
         initFft(65536, 1, 1, 100),        // too long
+        initFft(256, 3, 1, 100),          // three channels
+        initFftAnalyze(64, 1, 384, 1024), // not a power of two
         initFftAnalyze(64, 1, 512, 511),  // history shorter than the size
         initFftAnalyze(600, 1, 512, 512), // history shorter than the hop
+        initFftAnalyze(64, 0, 512, 512),  // no channels
+        initEnvAnalyze(256, 1, 0),
         initEnvAnalyze(256, 1, 66),
     };
     for (size_t i = 0; i < std::size(refused); ++i) {
