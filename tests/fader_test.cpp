@@ -264,13 +264,18 @@ TEST(CrossFader, DefaultCurveGainsAtTheListedPositions) {
         float gain, tolerance; // tolerance 0: exact
     };
     const Case cases[] = {
+        {0.0f, true, modelDecibelGain(-1.0f), 0.0f},
         {0.0f, false, modelDecibelGain(-1.0f), 0.0f},
+        {0.0f, true, 0.89125f, 1e-5f},
         {0.05f, true, 0.99999987f, 2e-8f},
         {0.05f, false, modelDecibelGain(-1.0f - 48.75f * 0.05f), 0.0f},
         {0.06f, true, 1.0f, 0.0f},
+        {0.8f, true, 1.0f, 0.0f},
         {0.8f, false, 0.0100000f, 1e-7f},
         {0.81f, false, 0.0f, 0.0f},
+        {-0.05f, false, 0.99999987f, 2e-8f},
         {-0.06f, false, 1.0f, 0.0f},
+        {-0.8f, true, 0.0100000f, 1e-7f},
         {-0.81f, true, 0.0f, 0.0f},
     };
     for (const Case& c : cases) {
