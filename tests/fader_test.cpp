@@ -165,6 +165,7 @@ TEST(Fader, ScheduleEditsGiveTheExpectedListAndGains) {
     check("removal into one", 0.0f, 0,
           {set(0.1f, 0.2f, -10.0f), set(0.3f, 0.5f, -20.0f), del(0.25f, 0.4f)},
           {{100, 250, r10at250}, {400, 500, -20.0f}});
+    check("removal from none", 0.0f, 0, {del(0.1f, 0.2f)}, {});
     check("removal of all", 0.0f, 0,
           {set(0.1f, 0.2f, -10.0f), set(0.3f, 0.5f, -20.0f), del(0.05f, 0.6f)}, {});
     check("over a waiting head", -6.0f, 0, {set(0.3f, 0.4f, -20.0f), set(0.1f, 0.35f, 0.0f)},
