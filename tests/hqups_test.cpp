@@ -41,6 +41,7 @@ TEST(Hqups, InitSizesTheConvertedBlock) {
         EXPECT_EQ(dst[2 * 1114], 0x5555);
         EXPECT_EQ(getHqupsDstSize(h.handle, 4096), 4458u); // trunc(48000 * 4096 / 44100)
         EXPECT_EQ(getHqupsSrcSize(h.handle, 1000), 919u);
+        EXPECT_EQ(getHqupsSrcSize(h.handle, 1114), 1024u);
     }
     // By output size at 22050 Hz: 1000 frames need 460 source frames, which
     // convert to 1001, and the buffers hold them.
