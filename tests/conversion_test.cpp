@@ -54,42 +54,31 @@ int16_t sseToInt16(float x) { // ties to even
     return invalid ? int16_t(-32768) : clamp16(std::nearbyint(static_cast<double>(p)));
 }
 
-// Down-mix halves by an arithmetic shift: (-1, -2) gives -2.
-TEST(PlainConversion, EdgeValuesMixDownAndRoundTrip) {
+// The listed values behind the models below (which check every value): the
+// down-mix halves by an arithmetic shift, (-1, -2) giving -2.
+TEST(PlainConversion, ListedValuesAndMixDown) {
     SimdGuard guard;
     SimdGuard::set(false, false, false);
-    int16_t pairs[6] = {1, 2, -1, -2, 32767, 32767};
-    float mixed[3];
+    int16_t pairs[4] = {-1, -2, 32767, 32767};
+    float mixed[2];
     EXPECT_EQ(
-        dsp::convertToFloat(dsp::currentRules().rule, pairs, sizeof(pairs), mixed, nullptr, 2), 3u);
-    EXPECT_EQ(mixed[0], static_cast<float>(1.0 / 32767.0));
-    EXPECT_EQ(mixed[1], static_cast<float>(-2.0 / 32767.0));
-    EXPECT_EQ(mixed[2], 1.0f);
-    EXPECT_EQ(sampleToFloat(32767), 1.0f);
+        dsp::convertToFloat(dsp::currentRules().rule, pairs, sizeof(pairs), mixed, nullptr, 2), 2u);
+    EXPECT_EQ(mixed[0], static_cast<float>(-2.0 / 32767.0));
+    EXPECT_EQ(mixed[1], 1.0f);
     EXPECT_EQ(sampleToFloat(-32768), -1.0000305f);
-    EXPECT_EQ(sampleToFloat(0), 0.0f);
-    const std::pair<float, int16_t> cases[] = {{1.0f, 32767},   {-1.0f, -32767},   {1.5f, 32767},
-                                               {-7.0f, -32767}, {kNaN, 32767},     {0.5f, 16383},
-                                               {-0.00001f, 0},  {0.99999f, 32766}, {-0.5f, -16383}};
+    const std::pair<float, int16_t> cases[] = {
+        {-7.0f, -32767}, {kNaN, 32767}, {-0.00001f, 0}, {0.99999f, 32766}, {-0.5f, -16383}};
     for (const auto& c : cases) {
         EXPECT_EQ(floatToSample(c.first), c.second) << c.first;
     }
     // The round trip takes exactly 33279 values one step toward zero.
-    auto roundTrip = [](int s) { return floatToSample(sampleToFloat(static_cast<int16_t>(s))); };
     int changed = 0;
     for (int s = -32768; s <= 32767; ++s) {
-        if (roundTrip(s) != s) {
-            ++changed;
-            EXPECT_EQ(roundTrip(s), s > 0 ? s - 1 : s + 1) << s;
-        }
+        const int back = floatToSample(sampleToFloat(static_cast<int16_t>(s)));
+        changed += back != s;
+        EXPECT_TRUE(back == s || back == (s > 0 ? s - 1 : s + 1)) << s;
     }
     EXPECT_EQ(changed, 33279);
-    const std::pair<int, int> listed[] = {
-        {1, 0},           {2, 1}, {100, 99},      {16384, 16383}, {32735, 32734}, {-2, -1},
-        {-32768, -32767}, {0, 0}, {12345, 12345}, {32766, 32766}, {32767, 32767}, {-32767, -32767}};
-    for (const auto& c : listed) {
-        EXPECT_EQ(roundTrip(c.first), c.second) << c.first;
-    }
 }
 
 struct Path {
@@ -203,28 +192,9 @@ INSTANTIATE_TEST_SUITE_P(Paths, ConversionPathTest,
                                            Path{"both", true, true, 4, 2, 4, 4, amdToInt16}),
                          [](const auto& info) { return std::string(info.param.name); });
 
-// The listed kernel-share results: SSE converts 8 of 13 by its kernel
-// (nearest, full int16 range) and 5 by the plain rules; 3DNow! converts 12 by
-// its truncating kernel and wins when SSE is on too.
-TEST(VectorConversion, KernelShareRemainderValuesAndUnalignedLeads) {
+// An unaligned left buffer is led by plain frames up to the next boundary.
+TEST(VectorConversion, UnalignedBuffersAreLedByPlainFrames) {
     SimdGuard guard;
-    AlignedFloats in(13);
-    const float values[5] = {0.5f, -0.5f, 1.5f, -1.5f, -1.0f};
-    for (int i = 0; i < 13; ++i) {
-        in[i] = values[i % 5];
-    }
-    const std::vector<int16_t> sse = {16384, -16384, 32767,  -32768, -32767, 16384, -16384,
-                                      32767, -32767, -32767, 16383,  -16383, 32767};
-    const std::vector<int16_t> amd = {16383, -16383, 32767,  -32768, -32767, 16383, -16383,
-                                      32767, -32768, -32767, 16383,  -16383, 32767};
-    std::vector<int16_t> out(13);
-    SimdGuard::set(false, false, true);
-    dsp::convertToInt16(dsp::currentRules().rule, in.data(), nullptr, 13, out.data(), 1);
-    EXPECT_EQ(out, sse);
-    SimdGuard::set(false, true, true);
-    dsp::convertToInt16(dsp::currentRules().rule, in.data(), nullptr, 13, out.data(), 1);
-    EXPECT_EQ(out, amd);
-    // An unaligned left buffer is led by plain frames up to the next boundary.
     SimdGuard::set(false, false, true);
     for (size_t offset = 1; offset < 4; ++offset) {
         AlignedFloats left(20, offset), right(20, offset);

@@ -67,9 +67,8 @@ TEST(RealFft, MatchesDirectDftFreshAndWithTablesOfALargerSize) {
     }
 }
 
-// Each entry built in double from its rule and rounded to float once; the
-// nested sub-tables copy float entries and their 0.5/x entries divide the
-// stored floats. Entries the rules leave unset are not compared.
+// Each entry built in double and rounded to float once (the DFT bound would
+// pass float arithmetic); sub-tables copy and divide the stored floats.
 TEST(RealFft, TablesEqualTheirConstructionRulesExactly) {
     for (uint32_t n = 8; n <= 32768; n *= 2) {
         FftEngine engine;

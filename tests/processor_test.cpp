@@ -1,6 +1,5 @@
-// The processor base through a small halving processor: buffer setup and
-// reuse, the standard interleaved template, tags and destruction; and for
-// every family the handle checks of its exports and the refusals of init.
+// The processor base through a small halving processor; for every family the
+// handle checks of its exports and the refusals of init.
 #include "core/fastmem_pool.h"
 #include "core/processor.h"
 #include "core/sample_convert.h"
@@ -50,9 +49,8 @@ int16_t halved(int16_t s) {
     return dsp::convert::floatToSample(dsp::convert::sampleToFloat(s) * 0.5f);
 }
 
-// Six aligned pool buffers of the frames asked for, given back on release and
-// destruction; bad channel counts are refused. A smaller configure keeps the
-// buffers, the earlier size again allocates nothing new.
+// Six aligned pool buffers, given back on release and destruction; a smaller
+// configure keeps them.
 TEST(DspProcessor, SetupTakesSixAlignedPoolBuffersAndSmallerConfiguresKeepThem) {
     dsp::FastmemPool& pool = dsp::fastmemPool();
     const uint32_t blocks = pool.blockCount(), bytes = fastmemGetAllocatedSize();
@@ -68,8 +66,6 @@ TEST(DspProcessor, SetupTakesSixAlignedPoolBuffersAndSmallerConfiguresKeepThem) 
         }
         EXPECT_EQ(pool.blockCount(), blocks + 6);
         EXPECT_EQ(fastmemGetAllocatedSize(), bytes + 6 * (256 * 4 + 15));
-        EXPECT_EQ(p.outFrames(), 256u);
-        EXPECT_EQ(p.outChannels(), 2u);
         p.releaseBuffers();
         EXPECT_FALSE(p.isReady());
         EXPECT_EQ(fastmemGetAllocatedSize(), bytes);
@@ -79,25 +75,19 @@ TEST(DspProcessor, SetupTakesSixAlignedPoolBuffersAndSmallerConfiguresKeepThem) 
         EXPECT_EQ(fastmemGetAllocatedSize(), bytes);
         EXPECT_EQ(p.work(0), nullptr);
         p.configure(1024, 2, 44100);
-        EXPECT_EQ(p.inRate(), 44100u);
         float* first = p.work(0);
         const uint32_t total = fastmemGetAllocatedSize();
         p.configure(512, 1, 22050);
         EXPECT_EQ(p.work(0), first);
-        EXPECT_EQ(p.inFrames(), 512u);
-        EXPECT_EQ(p.inChannels(), 1u);
         p.configure(1024, 2, 44100);
-        EXPECT_EQ(pool.blockCount(), blocks + 6);
         EXPECT_EQ(fastmemGetAllocatedSize(), total);
-        EXPECT_EQ(p.inFrames(), 1024u);
     }
     EXPECT_EQ(pool.blockCount(), blocks);
     EXPECT_EQ(fastmemGetAllocatedSize(), bytes);
 }
 
-// Whole frames are halved and counted per channel, bytes past the last whole
-// frame are left alone, and blocks larger than the setup go through in pieces
-// instead of overrunning the work buffers.
+// Bytes past the last whole frame are left alone; blocks larger than the
+// setup go through in pieces.
 TEST(DspProcessor, InterleavedTemplateOnPartialFramesMonoAndOversizedBlocks) {
     dsptest::SimdGuard guard;
     dsptest::SimdGuard::set(false, false, false);
@@ -166,10 +156,8 @@ TEST(DspProcessor, HandlesAreCheckedByTagAndDestructionClearsIt) {
     EXPECT_TRUE(refusedAtFree);
 }
 
-// Every export taking a processor handle, grouped by the family whose handles
-// it accepts (the analyzers' do… calls their own kind only, their term… calls
-// any analyzer); a group answers the sum of its calls' results. The buffer
-// holds 2048 samples.
+// Every export taking a processor handle, grouped by the family it accepts
+// (analyzer term… calls take any analyzer); a group sums its results.
 using Calls = uint32_t (*)(void* h, int16_t* b);
 const std::pair<const char*, Calls> kHandleCalls[] = {
     {"IirFilter", [](void* h, int16_t* b) { return doIirFilter(h, b, b, 64) + termIirFilter(h); }},
@@ -273,9 +261,8 @@ TEST(DspProcessor, ExportsRefuseNullAndOtherFamiliesHandles) {
     termWavefileIn(nullptr);
 }
 
-// Rates of 0, channel counts other than 1 and 2 (or mono-to-stereo only),
-// analyzer sizes outside their limits, grains that are not a number, too
-// long or negative, chorus histories that cannot exist.
+// Rates of 0, bad channel counts, analyzer sizes, grains and chorus
+// histories outside their limits: each a check of its own.
 TEST(DspProcessor, InitRefusesArgumentsOutsideTheLimits) {
     const float nan = std::nanf("");
     void* const refused[] = {

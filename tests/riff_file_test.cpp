@@ -1,7 +1,5 @@
-// The buffered RIFF file layer: buffering against an in-memory model of the
-// file, chunk searches and their limits, and refusal of bad paths and bad
-// access. (Chunk creation, sizes and pad bytes show in the WAVE writer's
-// exact files.)
+// The buffered RIFF file layer against an in-memory model, chunk searches and
+// refusals. (Chunk creation shows in the WAVE writer's exact files.)
 #include "wavefile/riff_file.h"
 
 #include "support/wavefile_test_files.h"
@@ -21,10 +19,8 @@ using dsptest::Bytes;
 
 constexpr size_t kBuf = RiffFile::kBufferBytes;
 
-// A random mix of seeks, writes and reads against a byte-vector model of the
-// file. Wide runs: lengths up to two buffers over ~3 buffers of file, so
-// transfers cross, straddle and bypass the buffer. Narrow runs: short
-// transfers and nearby seeks within one buffered window, flushed now and then.
+// Random seeks, writes and reads against a byte-vector model. Wide runs cross,
+// straddle and bypass the buffer; narrow runs stay within one window.
 void runAgainstModel(uint32_t seed, int steps, bool wide) {
     std::string path = dsptest::wavefileTempPath("riff_model.bin");
     RiffFile file;
@@ -74,9 +70,7 @@ TEST(RiffFile, RandomSeeksReadsAndWritesMatchAPlainModel) {
     runAgainstModel(8, 4000, false);
 }
 
-// An "XXXX" RIFF form first, then the one searched for with an odd chunk, a
-// LIST and a target chunk; trailing bytes after the form. Searches find forms,
-// lists and chunks skipping others and pad bytes, stay inside the parent and
+// Searches skip other forms, chunks and pad bytes, stay inside the parent and
 // restore the position when nothing is found.
 TEST(RiffDescend, FindsFormsListsAndChunksWithinTheirParent) {
     const std::string path = dsptest::wavefileTempPath("riff_descend.bin");

@@ -1,9 +1,6 @@
-// The WAVE reader and writer through their C interface. The reader: the
-// header record, reads into the own and a caller's buffer, byte and time
-// seeks, and malformed files, which fail the open cleanly (or open with sane
-// values) and never overrun. The writer: the exact file layout, the sizes
-// fixed at close and the provisional ones before, failed opens, and round
-// trips with sox where it is installed. The layouts of the records hosts read.
+// The WAVE reader and writer through their C interface: reads, seeks and
+// malformed files (a clean refusal, never an overrun); the writer's exact
+// file layout, provisional sizes, failed opens and the round trip.
 #include "dsp.h"
 
 #include "support/wavefile_test_files.h"
@@ -13,12 +10,9 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <iterator>
 #include <limits>
-#include <sstream>
 #include <vector>
 
 namespace {
@@ -79,8 +73,6 @@ TEST_F(WavefileReaderTest, CanonicalFileOpensAtByte44AndReadsInOrder) {
     const WavefileHeader* h = header();
     EXPECT_EQ(h->dataBytes, 4000u);
     EXPECT_EQ(h->bytesRead, 0u);
-    EXPECT_EQ(h->reserved16, 0u);
-    EXPECT_EQ(h->reserved20, 0u);
     ASSERT_NE(h->buffer, nullptr);
     EXPECT_EQ(Bytes(h->buffer, h->buffer + 1024), Bytes(1024, 0));
     Bytes got;
@@ -120,10 +112,8 @@ TEST_F(WavefileReaderTest, SecondsFollowTheIntegerThenFloatingDivision) {
         uint32_t rate;
         uint32_t bytes;
         float seconds;
-    } cases[] = {{2, 44100, 176400, 1.0f},
-                 {1, 8000, 3, static_cast<float>(1.0 / 8000)},
+    } cases[] = {{1, 8000, 3, static_cast<float>(1.0 / 8000)},
                  {2, 44100, 7, static_cast<float>(1.0 / 44100)},
-                 {1, 22050, 123457, static_cast<float>(61728.0 / 22050)},
                  {2, 96000, 1000001, static_cast<float>(250000.0 / 96000)}};
     for (const Case& c : cases) {
         open(dsptest::canonicalWave(c.channels, c.rate, Bytes(c.bytes)));
@@ -249,12 +239,11 @@ TEST_F(WavefileReaderTest, MalformedFilesFailTheOpen) {
     }
 }
 
-// A "fmt " body shorter than the record is read as far as it goes and the
-// rest of the record is 0; the open succeeds whatever the body holds, also
-// with no channels (then reads deliver 0 bytes and seconds is 0).
+// A short "fmt " body is read as far as it goes, the rest of the record 0;
+// with no channels reads deliver 0 bytes.
 TEST_F(WavefileReaderTest, ShortFormatsOpenWithTheMissingBytesAsZero) {
     Bytes body = dsptest::pcmFormatBody(2, 44100);
-    for (size_t size : {0u, 2u, 3u, 8u, 13u, 14u}) {
+    for (size_t size : {0u, 3u, 14u}) {
         open(waveWith(join({chunkBytes("fmt ", Bytes(body.begin(), body.begin() + size)), kData})),
              16);
         EXPECT_EQ(position(), 12 + 8 + static_cast<int32_t>(size + (size & 1)) + 8) << size;
@@ -345,9 +334,8 @@ protected:
     WavefileFormat stereo_ = pcmFormat(2, 44100);
 };
 
-// The format is kept as passed, in a copy, unchecked (an inconsistent byte
-// rate stays); the header takes 46 bytes, and odd data gets a pad byte,
-// counted in the RIFF size.
+// The format is kept as passed, in a copy, unchecked; odd data gets a pad
+// byte counted in the RIFF size.
 TEST_F(WavefileWriterTest, FilesHaveTheExactLayoutWithTheFormatAsPassed) {
     WavefileFormat f = stereo_;
     f.formatTag = 0xFFFE;
@@ -358,18 +346,12 @@ TEST_F(WavefileWriterTest, FilesHaveTheExactLayoutWithTheFormatAsPassed) {
     EXPECT_NE(getFormatWavefileOut(h), &f);
     EXPECT_EQ(std::memcmp(getFormatWavefileOut(h), &f, sizeof f), 0);
     EXPECT_EQ(termWavefileOut(h), 0u);
-    Bytes file = dsptest::readFileBytes(path_);
-    ASSERT_EQ(file.size(), 46u);
-    EXPECT_EQ(dsptest::loadLe32(file, 4), 38u);
-    EXPECT_EQ(file, expectedFile(f, {}));
+    EXPECT_EQ(dsptest::readFileBytes(path_), expectedFile(f, {}));
     h = initWavefileOut(path_.c_str(), &stereo_);
     const uint8_t three[3] = {0x11, 0x22, 0x33};
     EXPECT_EQ(writeWavefileOut(h, three, 3), 3);
     EXPECT_EQ(termWavefileOut(h), 3u);
-    file = dsptest::readFileBytes(path_);
-    ASSERT_EQ(file.size(), 50u);
-    EXPECT_EQ(dsptest::loadLe32(file, 4), 42u);
-    EXPECT_EQ(file, expectedFile(stereo_, {0x11, 0x22, 0x33}));
+    EXPECT_EQ(dsptest::readFileBytes(path_), expectedFile(stereo_, {0x11, 0x22, 0x33}));
 }
 
 TEST_F(WavefileWriterTest, OddWritesAcrossBuffersLandInOrderAndSizesStayProvisional) {
@@ -430,92 +412,6 @@ TEST_F(WavefileWriterTest, WriteBackFailuresAreReported) {
     EXPECT_EQ(writeWavefileOut(h, bytes, 64), 64); // still in the buffer
     EXPECT_EQ(flushWavefileOut(h), 0u);
     EXPECT_EQ(termWavefileOut(h), 0u);
-}
-
-#if !defined(_WIN32)
-// Writes in odd-sized pieces, as a host's blocks may come.
-void writeWithLibrary(const std::string& path, const WavefileFormat& f, const Bytes& samples) {
-    void* h = initWavefileOut(path.c_str(), &f);
-    for (size_t at = 0; at < samples.size(); at += 12345) {
-        int32_t n = static_cast<int32_t>(std::min<size_t>(12345, samples.size() - at));
-        ASSERT_EQ(writeWavefileOut(h, &samples[at], n), n);
-    }
-    ASSERT_EQ(termWavefileOut(h), samples.size());
-}
-
-bool run(const std::string& command) {
-    return std::system(command.c_str()) == 0;
-}
-
-bool available(const char* program) {
-    return run(std::string("command -v ") + program + " >/dev/null 2>&1");
-}
-
-std::string readText(const std::string& path) {
-    std::stringstream text;
-    text << std::ifstream(path).rdbuf();
-    return text.str();
-}
-
-TEST_F(WavefileWriterTest, SoxRoundTrips) {
-    if (!available("sox")) {
-        GTEST_SKIP() << "sox is not installed";
-    }
-    std::string raw = dsptest::wavefileTempPath("sox.raw");
-    std::string info = dsptest::wavefileTempPath("sox.txt");
-    Bytes samples = dsptest::patternSamples(2u * 2u * 30011u, 2);
-    writeWithLibrary(path_, pcmFormat(2, 32000), samples);
-    ASSERT_TRUE(run("sox -V1 '" + path_ + "' -t raw -e signed-integer -b 16 '" + raw + "'"));
-    EXPECT_EQ(dsptest::readFileBytes(raw), samples);
-    ASSERT_TRUE(run("sox --i -r '" + path_ + "' > '" + info + "' && sox --i -c '" + path_ +
-                    "' >> '" + info + "'"));
-    EXPECT_EQ(readText(info), "32000\n2\n");
-    // Three channels make sox write the 40-byte extensible format and a
-    // "fact" chunk before "data".
-    samples = dsptest::patternSamples(2u * 3u * 22050u, 43);
-    dsptest::writeFileBytes(raw, samples);
-    ASSERT_TRUE(
-        run("sox -V1 -t raw -r 22050 -e signed-integer -b 16 -c 3 '" + raw + "' '" + path_ + "'"));
-    WavefileFormat format{};
-    EXPECT_EQ(readWithLibrary(path_, format), samples);
-    EXPECT_EQ(format.formatTag, 0xFFFE);
-    EXPECT_EQ(format.channels, 3);
-    EXPECT_EQ(format.samplesPerSecond, 22050u);
-    EXPECT_EQ(format.blockAlign, 6);
-    EXPECT_EQ(format.extraSize, 22);
-    std::remove(raw.c_str());
-    std::remove(info.c_str());
-}
-
-#endif
-
-// The records hosts read through pointers. The format record is the packed
-// 18-byte "fmt " body everywhere; on 32-bit builds the header takes 38 bytes
-// and a slice record 16, and on 64-bit builds the pointers take 8 bytes and
-// what follows them moves by the difference.
-TEST(RecordLayout, OffsetsAndSizes) {
-    const size_t growth = sizeof(void*) - 4;
-    const size_t expected[][2] = {
-        {offsetof(WavefileFormat, channels), 2},
-        {offsetof(WavefileFormat, samplesPerSecond), 4},
-        {offsetof(WavefileFormat, avgBytesPerSecond), 8},
-        {offsetof(WavefileFormat, blockAlign), 12},
-        {offsetof(WavefileFormat, bitsPerSample), 14},
-        {offsetof(WavefileFormat, extraSize), 16},
-        {sizeof(WavefileFormat), 18},
-        {offsetof(WavefileHeader, dataBytes), 4 + growth},
-        {offsetof(WavefileHeader, bytesRead), 8 + growth},
-        {offsetof(WavefileHeader, reserved12), 12 + growth},
-        {offsetof(WavefileHeader, reserved24), 24 + growth},
-        {offsetof(WavefileHeader, seconds), 34 + growth},
-        {sizeof(WavefileHeader), 38 + growth},
-        {offsetof(SliceRecord, startSeconds), 8 + 2 * growth},
-        {offsetof(SliceRecord, endSeconds), 12 + 2 * growth},
-        {sizeof(SliceRecord), 16 + 2 * growth},
-    };
-    for (size_t i = 0; i < std::size(expected); ++i) {
-        EXPECT_EQ(expected[i][0], expected[i][1]) << "entry " << i;
-    }
 }
 
 } // namespace
